@@ -1,0 +1,50 @@
+# The runnable tree: every target that a user meets is built right into ${TAVREL_TREE}, laid out as
+# it is installed, so that a build tree runs as it stands.
+
+include(GNUInstallDirs)
+set(TAVREL_TREE ${CMAKE_BINARY_DIR}/tree)
+
+# Where the loader looks: the closed libraries, the interpreter and their companions, all from the
+# program's own folder. As DT_RPATH (not RUNPATH), so that a user's LD_LIBRARY_PATH does not come first.
+set(TAVREL_RUN_PATH "$ORIGIN:$ORIGIN/python3.7/lib:$ORIGIN/OpenSSL:$ORIGIN/graphviz/lib")
+
+# tavrel_in_tree(TARGET [RUN_PATH PATH]): puts an executable, library or module into the tree's bin.
+# Without RUN_PATH the object has none of its own.
+function(tavrel_in_tree target)
+  cmake_parse_arguments(arg "" "RUN_PATH" "" ${ARGN})
+  set_target_properties(${target} PROPERTIES
+    RUNTIME_OUTPUT_DIRECTORY ${TAVREL_TREE}/bin
+    LIBRARY_OUTPUT_DIRECTORY ${TAVREL_TREE}/bin
+    BUILD_WITH_INSTALL_RPATH ON
+    INSTALL_RPATH "${arg_RUN_PATH}")
+  install(TARGETS ${target} RUNTIME DESTINATION bin LIBRARY DESTINATION bin)
+endfunction()
+
+# tavrel_python_tree(SOURCE_DIR DESTINATION): copies a folder of Python modules into the tree and
+# compiles them there with the tree's own interpreter. Hash-checked byte code that is never compared
+# with its source stays valid whatever a copy or a package does to file times.
+function(tavrel_python_tree source_dir destination)
+  file(GLOB_RECURSE sources CONFIGURE_DEPENDS RELATIVE ${source_dir} ${source_dir}/*.py)
+  string(MAKE_C_IDENTIFIER "python_tree_${destination}" name)
+  set(inputs ${sources})
+  list(TRANSFORM inputs PREPEND ${source_dir}/)
+  set(stamp ${CMAKE_CURRENT_BINARY_DIR}/${name}.stamp)
+  add_custom_command(OUTPUT ${stamp}
+    COMMAND ${CMAKE_COMMAND} -E rm -rf ${TAVREL_TREE}/${destination}
+    COMMAND ${CMAKE_COMMAND} -E copy_directory ${source_dir} ${TAVREL_TREE}/${destination}
+    COMMAND ${TAVREL_PYTHON37_HOME}/bin/python3.7 -I -S -m compileall -q
+      --invalidation-mode unchecked-hash -d ${destination} ${TAVREL_TREE}/${destination}
+    COMMAND ${CMAKE_COMMAND} -E touch ${stamp}
+    DEPENDS ${inputs}
+    COMMENT "Compiling Python modules into tree/${destination}"
+    VERBATIM)
+  add_custom_target(${name} ALL DEPENDS ${stamp})
+  install(DIRECTORY ${TAVREL_TREE}/${destination}/ DESTINATION ${destination})
+endfunction()
+
+# A build tree links to the prepared interpreter; an installed tree gets a copy.
+file(MAKE_DIRECTORY ${TAVREL_TREE}/bin)
+file(CREATE_LINK ${TAVREL_PYTHON37_HOME} ${TAVREL_TREE}/bin/python3.7 SYMBOLIC)
+install(DIRECTORY ${TAVREL_PYTHON37_HOME}/ DESTINATION bin/python3.7 USE_SOURCE_PERMISSIONS
+  PATTERN .stamp EXCLUDE
+  PATTERN include EXCLUDE)
