@@ -1,0 +1,14 @@
+"""Writes a Python file's code object as C++ data: embedEntryScript.py SOURCE NAME OUTPUT."""
+
+import marshal
+import sys
+
+source_path, name, output_path = sys.argv[1:]
+with open(source_path, "rb") as source_file:
+    code = marshal.dumps(compile(source_file.read(), name, "exec", dont_inherit=True))
+rows = [code[start:start + 20] for start in range(0, len(code), 20)]
+with open(output_path, "w") as output_file:
+    output_file.write('#include "MAIN/src/EntryScript.h"\n\nconst unsigned char entryScript[] = {\n')
+    for row in rows:
+        output_file.write("    " + ", ".join(map(str, row)) + ",\n")
+    output_file.write("};\nconst std::uint32_t entryScriptLength = %d;\n" % len(code))
