@@ -36,7 +36,7 @@ set_target_properties(Boost::python37 PROPERTIES
 add_library(Breakpad::client STATIC IMPORTED)
 set_target_properties(Breakpad::client PROPERTIES
   IMPORTED_LOCATION ${TAVREL_DEPS}/breakpad/lib/libbreakpad_client.a
-  INTERFACE_SYSTEM_INCLUDE_DIRECTORIES ${TAVREL_DEPS}/breakpad/include
+  INTERFACE_INCLUDE_DIRECTORIES ${TAVREL_DEPS}/breakpad/include
   INTERFACE_COMPILE_DEFINITIONS __STDC_FORMAT_MACROS
   INTERFACE_LINK_LIBRARIES Threads::Threads)
 # The processor library: reads minidumps and walks their stacks.
@@ -46,7 +46,7 @@ set_target_properties(Breakpad::disasm PROPERTIES
 add_library(Breakpad::processor STATIC IMPORTED)
 set_target_properties(Breakpad::processor PROPERTIES
   IMPORTED_LOCATION ${TAVREL_DEPS}/breakpad/lib/libbreakpad.a
-  INTERFACE_SYSTEM_INCLUDE_DIRECTORIES ${TAVREL_DEPS}/breakpad/include
+  INTERFACE_INCLUDE_DIRECTORIES ${TAVREL_DEPS}/breakpad/include
   INTERFACE_COMPILE_DEFINITIONS __STDC_FORMAT_MACROS
   INTERFACE_LINK_LIBRARIES "Breakpad::disasm;Threads::Threads")
 # Programs that tests read dumps with.
