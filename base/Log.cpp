@@ -1,0 +1,275 @@
+#include "base/Log.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+#include <cstdlib>
+#include <fstream>
+#include <iomanip>
+#include <iostream>
+#include <locale>
+#include <memory>
+#include <set>
+#include <utility>
+
+namespace Zendrik {
+
+namespace {
+
+using boost::posix_time::ptime;
+
+constexpr std::array levelTexts = {"Quiet", "Error", "Warning", "Message", "Verbose"};
+
+struct LevelName {
+    const char* name;
+    Log::Level level;
+};
+constexpr std::array levelNames = {
+    LevelName{"quiet", Log::Level::quiet},     LevelName{"error", Log::Level::error},
+    LevelName{"warning", Log::Level::warning}, LevelName{"message", Log::Level::message},
+    LevelName{"verbose", Log::Level::verbose}, LevelName{"all", Log::Level::verbose},
+};
+
+struct State {
+    Log::Level level = Log::Level::unsettled;
+    std::string applicationName;
+    std::set<std::uint32_t> enabledChannels;
+    std::set<std::uint32_t> channelsWithoutHeader;
+    std::ostream* currentStream = nullptr;
+    std::unique_ptr<std::ofstream> fileStream;
+    std::string fileName;
+};
+
+State& state() {
+    static State theState;
+    return theState;
+}
+
+/// Null, with a line on standard error, if the file can't be opened.
+std::unique_ptr<std::ofstream> openForAppending(const std::string& path) {
+    auto file = std::make_unique<std::ofstream>(path, std::ios::out | std::ios::app);
+    if (file->fail()) {
+        std::cerr << "Zendrik::Log Error cannot open " << path << " for writing " << std::endl;
+        file.reset();
+    }
+    return file;
+}
+
+std::string defaultFileName() {
+    // An empty ZENDRIK_LOG_FILE asks for standard error.
+    if (const char* file = std::getenv("ZENDRIK_LOG_FILE")) {
+        return file;
+    }
+    if (const char* home = std::getenv("HOME")) {
+        return std::string(home) + "/Desktop/" + "zendrik.log";
+    }
+    return {};
+}
+
+void writeShortHeader(std::ostream& stream, const Log::Channel& channel) {
+    if (channel.id != 0) {
+        stream << "[" << Log::channelNames().name(channel.id) << "] ";
+    }
+}
+
+void writeTime(std::ostream& stream, const ptime& time) {
+    const auto date = time.date();
+    const auto clock = time.time_of_day();
+    const auto twoWide = [&stream](long number) -> std::ostream& {
+        return stream << std::setw(2) << number;
+    };
+    // As text, because a locale in the stream could group the digits of the year.
+    stream << "[" << std::to_string(static_cast<int>(date.year()));
+    stream << std::right << std::setfill('0') << "/";
+    twoWide(date.month().as_number()) << "/";
+    twoWide(date.day().as_number()) << ":";
+    twoWide(clock.hours()) << ":";
+    twoWide(clock.minutes()) << ":";
+    twoWide(clock.seconds()) << "] ";
+}
+
+void writeFullHeader(std::ostream& stream, Log::Level level, const Log::Channel& channel,
+                     const ptime& time) {
+    const std::string& application = state().applicationName;
+    stream << "[";
+    if (!application.empty()) {
+        stream << application << (channel.id != 0 ? "/" : " ");
+    }
+    if (channel.id != 0) {
+        stream << Log::channelNames().name(channel.id) << " ";
+    }
+    stream << levelTexts.at(static_cast<std::size_t>(level)) << "]";
+    writeTime(stream, time);
+}
+
+}  // namespace
+
+Log::Entry::Entry(Level level, const Channel& channel)
+    : m_wanted(level <= Log::level() && channelEnabled(channel)) {
+    if (!m_wanted) {
+        return;
+    }
+    const ptime now = boost::posix_time::microsec_clock::local_time();
+    std::ostream& stream = Log::stream();
+    if (headerShown(channel)) {
+        writeFullHeader(stream, level, channel, now);
+    } else {
+        writeShortHeader(stream, channel);
+    }
+}
+
+std::uint32_t Log::ChannelNames::add(const std::string& name) {
+    if (name.empty()) {
+        return 0;
+    }
+    const std::lock_guard lock(m_mutex);
+    const auto [entry, isNew] = m_ids.emplace(name, static_cast<std::uint32_t>(m_names.size()));
+    if (isNew) {
+        m_names.push_back(name);
+    }
+    return entry->second;
+}
+
+std::uint32_t Log::ChannelNames::find(const std::string& name) const {
+    const std::lock_guard lock(m_mutex);
+    const auto found = m_ids.find(name);
+    return found == m_ids.end() ? 0 : found->second;
+}
+
+std::string Log::ChannelNames::name(std::uint32_t id) const {
+    const std::lock_guard lock(m_mutex);
+    return id < m_names.size() ? m_names[id] : m_names.front();
+}
+
+void Log::ChannelNames::clear() {
+    const std::lock_guard lock(m_mutex);
+    m_ids.clear();
+    m_names.assign(1, std::string());
+}
+
+std::ostream& Log::stream() {
+    State& log = state();
+    if (log.currentStream != nullptr) {
+        return *log.currentStream;
+    }
+    log.currentStream = &std::cerr;
+    if (log.fileName.empty()) {
+        log.fileName = defaultFileName();
+    }
+    if (log.fileName.empty()) {
+        return std::cerr;
+    }
+    if (!log.fileStream) {
+        log.fileStream = openForAppending(log.fileName);
+    }
+    if (log.fileStream) {
+        log.currentStream = log.fileStream.get();
+    }
+    return *log.currentStream;
+}
+
+void Log::setFile(const std::string& path) {
+    if (auto opened = openForAppending(path)) {
+        State& log = state();
+        log.fileName = path;
+        log.fileStream = std::move(opened);
+        log.currentStream = log.fileStream.get();
+    }
+}
+
+const std::string& Log::file() {
+    return state().fileName;
+}
+
+void Log::setStream(std::ostream* stream) {
+    State& log = state();
+    log.fileName.clear();
+    log.fileStream.reset();
+    log.currentStream = stream;
+}
+
+void Log::setApplicationName(const std::string& name) {
+    state().applicationName = name;
+}
+
+Log::Level Log::level() {
+    Level& level = state().level;
+    if (level == Level::unsettled) {
+        level = Level::error;
+        applyEnvironmentLevel();
+    }
+    return level;
+}
+
+Log::Level Log::levelFromName(const std::string& name) {
+    std::string lowered = name;
+    const std::locale locale;
+    std::use_facet<std::ctype<char>>(locale).tolower(lowered.data(),
+                                                     lowered.data() + lowered.size());
+    const auto* found = std::find_if(levelNames.begin(), levelNames.end(),
+                                     [&](const LevelName& each) { return lowered == each.name; });
+    return found == levelNames.end() ? Level::unsettled : found->level;
+}
+
+void Log::applyEnvironmentLevel() {
+    const char* name = std::getenv("ZENDRIK_LOG_LEVEL");
+    const Level level = name == nullptr ? Level::unsettled : levelFromName(name);
+    if (level != Level::unsettled) {
+        state().level = level;
+    }
+}
+
+void Log::setLevel(Level level, bool honourEnvironment) {
+    state().level = level;
+    if (honourEnvironment) {
+        applyEnvironmentLevel();
+    }
+}
+
+void Log::setLevel(const std::string& levelName, bool honourEnvironment) {
+    setLevel(levelFromName(levelName), honourEnvironment);
+}
+
+void Log::enableChannel(const Channel& channel) {
+    if (channel.id != 0) {
+        state().enabledChannels.insert(channel.id);
+    }
+}
+
+void Log::disableChannel(const Channel& channel) {
+    state().enabledChannels.erase(channel.id);
+}
+
+bool Log::channelEnabled(const Channel& channel) {
+    return channel.id == 0 || state().enabledChannels.count(channel.id) != 0;
+}
+
+void Log::hideHeader(const Channel& channel) {
+    state().channelsWithoutHeader.insert(channel.id);
+}
+
+void Log::showHeader(const Channel& channel) {
+    state().channelsWithoutHeader.erase(channel.id);
+}
+
+bool Log::headerShown(const Channel& channel) {
+    return state().channelsWithoutHeader.count(channel.id) == 0;
+}
+
+Log::ChannelNames& Log::channelNames() {
+    static std::mutex creation;
+    static std::atomic<ChannelNames*> names = nullptr;
+    ChannelNames* existing = names.load(std::memory_order_acquire);
+    if (existing == nullptr) {
+        const std::lock_guard lock(creation);
+        existing = names.load(std::memory_order_relaxed);
+        if (existing == nullptr) {
+            existing = new ChannelNames;
+            names.store(existing, std::memory_order_release);
+        }
+    }
+    return *existing;
+}
+
+}  // namespace Zendrik
