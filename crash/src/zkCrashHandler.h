@@ -1,0 +1,128 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "base/Exception.h"
+
+namespace google_breakpad {
+class ExceptionHandler;
+}
+
+/// Arms crash capture for the process. The caller fills a record and constructs one handler from
+/// it, which it keeps until the process ends:
+///
+///     CrashHandler::Parameters parameters;
+///     parameters.setProductName("Tavrel");
+///     parameters.setReporterName("CrashReporterTavrel");
+///     static const CrashHandler* const handler = new CrashHandler(parameters);
+///
+/// Main thread, during start-up, before other threads use the heap or the log: the constructor
+/// forks.
+namespace Zendrik::Breakpad {
+
+/// A record that can't be used. Carries "UserMessage", "ThrowFile", "ThrowLine" and
+/// "ThrowFunction".
+class Exception : public Base::Exception {
+  public:
+    explicit Exception(const std::string& message);
+};
+
+/// Where in-process dumps go by default: "/var/tmp/".
+std::string temporaryDirectory();
+
+class CrashHandler {
+  public:
+    enum Mode : std::int32_t {
+        /// Turned into OutOfProcess by setMode.
+        Default = -1,
+        /// The crashing process writes its dump itself.
+        InProcess = 0,
+        /// A crash reporter process takes the dump.
+        OutOfProcess = 1,
+    };
+
+    /// What to arm. A plain value; a handler keeps no reference to it.
+    class Parameters {
+      public:
+        /// Enabled, with prompt, out of process, dumps in temporaryDirectory(); all else empty.
+        Parameters();
+
+        /// Whether to arm anything at all.
+        void setEnabled(bool enabled) { m_enabled = enabled; }
+        bool enabled() const { return m_enabled; }
+
+        /// Whether the reporter is to ask the user about a report.
+        void setPrompt(bool prompt) { m_prompt = prompt; }
+        bool prompt() const { return m_prompt; }
+
+        /// @throws Exception, leaving the record as it was, for a number that names no mode
+        void setMode(Mode mode);
+        Mode mode() const { return m_mode; }
+
+        /// File name of the reporter, looked up in the folder of the running executable.
+        void setReporterName(const std::string& reporterName) { m_reporterName = reporterName; }
+        const std::string& reporterName() const { return m_reporterName; }
+
+        /// Folder for dumps written in process. Breakpad takes it as it stands, and an empty one
+        /// ends the process by Breakpad's own assertion.
+        void setDumpPath(const std::string& dumpPath) { m_dumpPath = dumpPath; }
+        const std::string& dumpPath() const { return m_dumpPath; }
+
+        /// Name of the product. Mandatory, although only validate reads it.
+        void setProductName(const std::string& productName) { m_productName = productName; }
+        const std::string& productName() const { return m_productName; }
+
+        /// Passed to the reporter in its environment as ZK_SESSION_ID.
+        void setSessionId(const std::string& sessionId) { m_sessionId = sessionId; }
+        const std::string& sessionId() const { return m_sessionId; }
+
+        /// Base::executablePath: not for two threads at once.
+        /// @throws std::logic_error if /proc/self/exe can't be resolved
+        std::string applicationPath() const;
+
+        /// @throws Exception if there is no product name; nothing else is checked
+        void validate() const;
+
+      private:
+        void setDefaultMode() { m_mode = Mode::OutOfProcess; }
+
+        bool m_enabled = true;
+        bool m_prompt = true;
+        Mode m_mode;
+        std::string m_reporterName;
+        std::string m_dumpPath;
+        std::string m_productName;
+        std::string m_sessionId;
+    };
+
+    /// Arms capture unless the record is disabled. Out of process it forks the reporter with
+    ///     REPORTER SERVER_FD PIPE_FD PROMPT
+    /// where SERVER_FD is the server end of a Breakpad report channel, PIPE_FD takes one byte, 1
+    /// when the reporter serves and any other when it can't, and PROMPT is 0 or 1. Waits at most
+    /// 2,000 ms for that byte, anew after each signal. A reporter that can't be started, says no,
+    /// or says nothing is logged (Zendrik::Log), and capture is in process then. Success does not
+    /// tell which of the two it is.
+    ///
+    /// The reporter stays a child of this process, never waited for and never signalled. Both ends
+    /// of the channel stay open here and in the reporter, and without close-on-exec; descriptors of
+    /// a start that failed stay open, so that a late reporter isn't killed by its own write.
+    /// @throws Exception as validate does; std::bad_alloc
+    explicit CrashHandler(const Parameters& parameters);
+
+    /// Gives the signal handlers back that stood before.
+    ~CrashHandler();
+
+    CrashHandler(const CrashHandler&) = delete;
+    CrashHandler& operator=(const CrashHandler&) = delete;
+
+  private:
+    [[maybe_unused]] void* m_reserved = nullptr;
+    std::unique_ptr<google_breakpad::ExceptionHandler> m_exceptionHandler;
+};
+
+static_assert(sizeof(CrashHandler) == 2 * sizeof(void*));
+static_assert(sizeof(CrashHandler::Mode) == 4);
+
+}  // namespace Zendrik::Breakpad
