@@ -6,7 +6,8 @@ namespace Plexum3::ZkConfiguration::v1 {
 
 /// The process-wide store of string keys and values that all parts of the application share.
 /// ZkPlexum3InitializeMinimally fills it from the process environment; it never writes back to the
-/// environment. Every operation may be called from any thread and throws only what allocation throws.
+/// environment. Every operation may be called from any thread and throws only what allocation
+/// throws.
 class Configuration {
   public:
     /// True if the key has a value; false for a key that isn't set or that holds the empty string.
