@@ -1,0 +1,163 @@
+"""Starts launchers of a scratch tree in a clean environment and tells how they ended."""
+
+import json
+import os
+import re
+import select
+import subprocess
+import time
+import unittest
+
+import process_table
+from scratch_tree import ScratchTree
+
+SANITIZED = bool(os.environ.get("TAVREL_SANITIZER"))
+# Far beyond what a start takes on a busy machine; only a hang gets here.
+DEADLINE_SECONDS = 60
+
+LOG_LINE = re.compile(r"\[(\w+) (MAIN|BOOTSTRAP)\] (.*) \(([\w/]+):(\d+)\)")
+
+
+class Ended:
+    """status, out and err (text), log: the native log lines as (level, logger, text), events: what
+    the recorder noted."""
+
+    def __init__(self, status, out, err, events):
+        self.status, self.out, self.err, self.events = status, out, err, events
+        self.log = [match.groups()[:3] for match in map(LOG_LINE.fullmatch, err.splitlines()) if match]
+        self.texts = [text for _, _, text in self.log]
+
+    @property
+    def start(self):
+        """What the entry script found when it started."""
+        return self._first("snapshot")
+
+    @property
+    def in_mode(self):
+        """What the run mode found."""
+        return [event for event in self.events if event["event"] == "snapshot"][1]
+
+    @property
+    def mode(self):
+        """The module of the run mode, or None if no mode was reached."""
+        event = self._first("mode")
+        return event and event["module"]
+
+    @property
+    def calls(self):
+        """Calls of the application's modules as (function, arguments)."""
+        return [(e["function"], e["args"]) for e in self.events if e["event"] == "call"]
+
+    def _first(self, kind):
+        return next((event for event in self.events if event["event"] == kind), None)
+
+
+def read_events(record):
+    if not record.exists():
+        return []
+    return [json.loads(line) for line in record.read_text().splitlines()]
+
+
+class SystemTest(unittest.TestCase):
+    """Checks after each test that its launchers left no process behind."""
+
+    maxDiff = None
+
+    def setUp(self):
+        self._running = []
+        self.companions = set()  # process ids of servers that a test runs beside its launchers
+        self.addCleanup(self._leave_nothing_running)
+
+    def _leave_nothing_running(self):
+        for process in self._running:
+            if process.poll() is None:
+                process.kill()
+            process.communicate()
+        self._running.clear()
+        self.reap()
+
+    def scratch_tree(self, *args, **kwargs):
+        return ScratchTree(self, *args, **kwargs)
+
+    def reap(self):
+        """Waits for everything that ended launchers left; exit codes by process id."""
+        own = {process.pid for process in self._running} | self.companions
+        return process_table.reap_adopted(own, DEADLINE_SECONDS)
+
+    def environment(self, tree, changes):
+        values = {
+            "PATH": "/usr/local/bin:/usr/bin:/bin",
+            "HOME": str(tree.folder),
+            "LANG": "C.UTF-8",
+            "TMPDIR": str(tree.temporary),
+            "TAVREL_CRASH_HANDLING": "0",
+            "RECORD": str(tree.record),
+            "CLEANUP_RECORD": str(tree.cleanup_record),
+        }
+        if SANITIZED:
+            # The interpreter leaks by design; Breakpad and the tests want the signals themselves.
+            values["ASAN_OPTIONS"] = ("detect_leaks=0:handle_segv=0:handle_abort=0:handle_sigbus=0:"
+                                      "handle_sigfpe=0:handle_sigill=0:verify_asan_link_order=0")
+        values.update(changes)
+        return {key: value for key, value in values.items() if value is not None}
+
+    def start(self, tree, *args, env=None, program=None, **popen):
+        """Starts a launcher with pipes on its streams; None as a value of env takes a variable out."""
+        process = subprocess.Popen([program or tree.bin / "tavrel", *args],
+                                   env=self.environment(tree, env or {}), stdin=subprocess.PIPE,
+                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, bufsize=0,
+                                   **{"cwd": tree.folder, **popen})
+        self._running.append(process)
+        return process
+
+    def finish(self, tree, process):
+        """Closes the launcher's input, waits for its end and for everything that it left."""
+        try:
+            out, err = process.communicate(timeout=DEADLINE_SECONDS)
+        except subprocess.TimeoutExpired:
+            process.kill()
+            raise
+        finally:
+            self._running.remove(process)
+        self.reap()
+        return Ended(process.returncode, out.decode(errors="surrogateescape"),
+                     err.decode(errors="surrogateescape"), read_events(tree.record))
+
+    def run_launcher(self, tree, *args, act="", **start):
+        """One launcher from start to end. act: what the recorder executes as the run mode."""
+        tree.record.unlink(missing_ok=True)
+        env = {"RECORDER_ACT": act, **(start.pop("env", None) or {})}
+        return self.finish(tree, self.start(tree, *args, env=env, **start))
+
+    def await_line(self, stream, wanted):
+        """Reads lines until one holds the wanted text; returns it."""
+        deadline = time.monotonic() + DEADLINE_SECONDS
+        while True:
+            ready, _, _ = select.select([stream], [], [], max(0, deadline - time.monotonic()))
+            line = stream.readline().decode(errors="surrogateescape") if ready else ""
+            if not line:
+                raise AssertionError(f"the launcher never wrote {wanted!r}")
+            if wanted in line:
+                return line.rstrip("\n")
+
+    def cleanup_state(self, tree):
+        """What the recorder in tavrelCleanup's place found, or None if it was never started."""
+        if not tree.cleanup_record.exists():
+            return None
+        read = lambda name: (tree.cleanup_record / name).read_bytes().decode(errors="surrogateescape")
+        return {
+            "argv": read("cmdline").split("\0")[:-1],
+            "cwd": read("cwd"),
+            "descriptors": dict(line.split(" ", 1) for line in read("descriptors").splitlines()),
+            "stat": read("stat").rpartition(") ")[2].split(),
+            "status": process_table.parse_status(read("status")),
+        }
+
+    def run_with_cleanup(self, tree, *args, **start):
+        """run_launcher, with the state of the cleanup program of that very run."""
+        for file in tree.cleanup_record.glob("*"):
+            file.unlink()
+        if tree.cleanup_record.exists():
+            tree.cleanup_record.rmdir()
+        ended = self.run_launcher(tree, *args, **start)
+        return ended, self.cleanup_state(tree)

@@ -1,0 +1,70 @@
+"""Scratch copies of the built tree: links where a link does, so that one costs milliseconds."""
+
+import os
+import shutil
+import tempfile
+from pathlib import Path
+
+BUILT = Path(os.environ["TAVREL_TREE"])
+STAND_INS = Path(os.environ["TAVREL_STAND_INS"])
+RECORDER = Path(__file__).parent / "recorder"
+
+RECORDED_MODULES = (
+    "AnalyzeThat AnalyzeThis MainEnvironment MainLogging MainOptions MainCommon MainBatch "
+    "MainScript MainShell MainUI NodegraphAPI Nodes2DAPI Nodes3DAPI PyUtilModule MachineInfo Utils "
+    "RenderingAPI").split()
+
+
+class ScratchTree:
+    """A tree of its own in a folder of its own, removed when the test ends.
+
+    root: the install root; folder: the scratch folder around it, for whatever else a test needs.
+    With recorder (the default), the application's modules and tavrelCleanup are recorders and the
+    crash reporter is left out; otherwise the tree is what was built.
+    """
+
+    def __init__(self, test, name="tree", recorder=True):
+        # Beside the built tree, since a hard link can't leave its file system.
+        self.folder = Path(tempfile.mkdtemp(prefix="scratch_", dir=BUILT.parent))
+        test.addCleanup(shutil.rmtree, self.folder)
+        self.root = self.folder / name
+        self.bin = self.root / "bin"
+        self.temporary = self.folder / "tmp"
+        self.record = self.folder / "record"
+        self.cleanup_record = self.folder / "cleanup_record"
+        self.temporary.mkdir()
+        self.bin.mkdir(parents=True)
+        left_out = {"python", "tavrelCleanup", "CrashReporterTavrel"} if recorder else set()
+        for entry in BUILT.iterdir():
+            if entry.name != "bin":
+                (self.root / entry.name).symlink_to(entry)
+        for entry in (BUILT / "bin").iterdir():
+            if entry.name not in left_out:
+                self.put(entry, entry.name)
+        if recorder:
+            self._put_recorder()
+
+    def put(self, source, name):
+        """Puts a file under bin. Programs find their tree by their own path, hence no symbolic
+        link for them."""
+        target = self.bin / name
+        target.unlink(missing_ok=True)
+        if source.is_file() and os.access(source, os.X_OK) and ".so" not in source.name:
+            os.link(source, target)
+        else:
+            target.symlink_to(source)
+
+    def put_refusing_library(self):
+        """Puts the noting and refusing library in front of the closed one; returns its record."""
+        (self.bin / "closed").mkdir()
+        (self.bin / "closed/libZkPlexum3.so").symlink_to(BUILT / "bin/libZkPlexum3.so")
+        self.put(STAND_INS / "librefusing_ZkPlexum3.so", "libZkPlexum3.so")
+        return self.folder / "refusing_record"
+
+    def _put_recorder(self):
+        self.put(STAND_INS / "recorder_tavrelCleanup", "tavrelCleanup")
+        modules = self.bin / "python/Main"
+        modules.mkdir(parents=True)
+        (modules / "recording.py").symlink_to(RECORDER / "recording.py")
+        for name in RECORDED_MODULES:
+            (modules / f"{name}.py").symlink_to(RECORDER / "recorder_module.py")
