@@ -1,0 +1,14 @@
+#pragma once
+
+#include <string>
+
+/// The two places that settings live in: the shared Configuration, which took the environment in at
+/// the minimal initialisation, and the process environment, which is what child processes inherit.
+/// Main thread only: the environment has no lock.
+
+/// Sets the key in Configuration and, overwriting, in the process environment.
+void setConfigurationAndEnvironment(const std::string& key, const std::string& value);
+
+/// @return the variable's text as it stands in the process environment (Configuration isn't asked),
+///         also if that is empty; `defaultValue` for a variable that isn't set
+std::string getEnvironmentVariable(const std::string& name, const std::string& defaultValue);

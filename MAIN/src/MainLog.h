@@ -1,0 +1,30 @@
+#pragma once
+
+/// The launcher's log lines. A line is built only if its level would be written:
+///
+///     LOG_ERROR("Failed to initialise OpenGL: " << reason);
+///
+/// Usable on the main thread, once ZkPlexum3InitializeMinimally has succeeded.
+
+#include <ZkLoggingHost/ZkLoggerGlue.h>
+
+#include <sstream>
+
+/// The logger "MAIN". Made at first use and never destroyed, so that exit handlers may still log.
+const ZkLoggingHost::ZkLoggerGlue& mainLogger();
+
+/// Source unit under which every line of the launcher is filed.
+constexpr char mainLogSource[] = "MAIN/src/tavrel";
+
+// Macros, because only they know the line of the statement. `text` is what follows `stream <<`.
+#define LOG_AT(level, text)                                                          \
+    do {                                                                             \
+        if (mainLogger().level##Enabled()) {                                         \
+            std::ostringstream logText;                                              \
+            logText << text; /* NOLINT(bugprone-macro-parentheses): a chain of << */ \
+            mainLogger().level(logText.str().c_str(), mainLogSource, __LINE__);      \
+        }                                                                            \
+    } while (false)
+#define LOG_DEBUG(text) LOG_AT(debug, text)
+#define LOG_INFO(text) LOG_AT(info, text)
+#define LOG_ERROR(text) LOG_AT(error, text)
