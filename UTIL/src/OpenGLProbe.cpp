@@ -21,8 +21,7 @@ class ScopeGuard {
     explicit ScopeGuard(boost::function<void()> onExit) : onExit_(std::move(onExit)) {}
     ScopeGuard(const ScopeGuard&) = delete;
     ScopeGuard& operator=(const ScopeGuard&) = delete;
-    // NOLINTNEXTLINE(bugprone-exception-escape): runs calls of C libraries only, and never an empty
-    // one.
+    // NOLINTNEXTLINE(bugprone-exception-escape): it runs C functions, and never an empty one.
     ~ScopeGuard() {
         if (onExit_) {
             onExit_();
