@@ -20,22 +20,26 @@ function(tavrel_in_tree target)
   install(TARGETS ${target} RUNTIME DESTINATION bin LIBRARY DESTINATION bin)
 endfunction()
 
-# tavrel_python_tree(SOURCE_DIR DESTINATION): copies a folder of Python modules into the tree and
-# compiles them there with the tree's own interpreter. Hash-checked byte code that is never compared
+# tavrel_python_tree(SOURCE_DIR DESTINATION [FILE...]): copies a folder of Python modules, and further
+# generated files beside them, into the tree and compiles them there with the tree's own interpreter.
+# One destination must not lie in another. Hash-checked byte code that is never compared
 # with its source stays valid whatever a copy or a package does to file times.
 function(tavrel_python_tree source_dir destination)
-  file(GLOB_RECURSE sources CONFIGURE_DEPENDS RELATIVE ${source_dir} ${source_dir}/*.py)
+  file(GLOB_RECURSE inputs CONFIGURE_DEPENDS ${source_dir}/*.py ${source_dir}/*.plugin)
+  set(copy_generated)
+  if(ARGN)
+    set(copy_generated COMMAND ${CMAKE_COMMAND} -E copy ${ARGN} ${TAVREL_TREE}/${destination})
+  endif()
   string(MAKE_C_IDENTIFIER "python_tree_${destination}" name)
-  set(inputs ${sources})
-  list(TRANSFORM inputs PREPEND ${source_dir}/)
   set(stamp ${CMAKE_CURRENT_BINARY_DIR}/${name}.stamp)
   add_custom_command(OUTPUT ${stamp}
     COMMAND ${CMAKE_COMMAND} -E rm -rf ${TAVREL_TREE}/${destination}
     COMMAND ${CMAKE_COMMAND} -E copy_directory ${source_dir} ${TAVREL_TREE}/${destination}
+    ${copy_generated}
     COMMAND ${TAVREL_PYTHON37_HOME}/bin/python3.7 -I -S -m compileall -q
       --invalidation-mode unchecked-hash -d ${destination} ${TAVREL_TREE}/${destination}
     COMMAND ${CMAKE_COMMAND} -E touch ${stamp}
-    DEPENDS ${inputs}
+    DEPENDS ${inputs} ${ARGN}
     COMMENT "Compiling Python modules into tree/${destination}"
     VERBATIM)
   add_custom_target(${name} ALL DEPENDS ${stamp})

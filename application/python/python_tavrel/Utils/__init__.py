@@ -1,0 +1,3 @@
+"""Services that all parts of the application share."""
+
+from Utils import EventModule
