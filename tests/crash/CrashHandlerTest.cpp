@@ -1,0 +1,303 @@
+#include "crash/src/zkCrashHandler.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <regex>
+#include <vector>
+
+#include "MAIN/src/CrashSetup.h"
+#include "base/Log.h"
+#include "tests/base/ForkedRole.h"
+
+namespace {
+
+using Zendrik::Log;
+using Zendrik::Breakpad::CrashHandler;
+using Zendrik::Breakpad::Exception;
+using Mode = CrashHandler::Mode;
+using Parameters = CrashHandler::Parameters;
+namespace fs = std::filesystem;
+
+Parameters parametersFor(const std::string& reporterName) {
+    Parameters parameters;
+    parameters.setProductName("Product");
+    parameters.setReporterName(reporterName);
+    return parameters;
+}
+
+/// Without a product name, too: a disabled record isn't checked.
+Parameters disabledParameters() {
+    Parameters parameters;
+    parameters.setEnabled(false);
+    return parameters;
+}
+
+std::string reportOf(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const Exception& exception) {
+        return exception.reportText();
+    }
+    return "no exception";
+}
+
+std::string expectedReport(const std::string& message, const std::string& origin) {
+    const std::string rule(80, '+');
+    return rule + "\nEXCEPTION REPORT\n  User message is '" + message +
+           "'\n  Threw exception of type unknown type\n  From src/zkCrashHandler:" + origin +
+           "\n  Decoration is...\n    [UserMessage] = " + message + "\n" + rule + "\n";
+}
+
+TEST(CrashHandlerParameters, DefaultsAndRefusals) {
+    Parameters parameters;
+    EXPECT_TRUE(parameters.enabled());
+    EXPECT_TRUE(parameters.prompt());
+    EXPECT_EQ(parameters.mode(), Mode::OutOfProcess);
+    EXPECT_EQ(parameters.dumpPath(), "/var/tmp/");
+    EXPECT_EQ(parameters.reporterName() + parameters.productName() + parameters.sessionId(), "");
+    EXPECT_EQ(parameters.applicationPath(), fs::canonical("/proc/self/exe"));
+
+    const std::string setModeOrigin =
+        "53 in 'void Zendrik::Breakpad::CrashHandler::Parameters::setMode("
+        "Zendrik::Breakpad::CrashHandler::Mode)'";
+    for (const int bad : {2, -2}) {
+        parameters.setMode(Mode::InProcess);
+        EXPECT_EQ(reportOf([&] { parameters.setMode(static_cast<Mode>(bad)); }),
+                  expectedReport("Invalid Breakpad Mode: " + std::to_string(bad), setModeOrigin));
+        EXPECT_EQ(parameters.mode(), Mode::InProcess);
+    }
+    parameters.setMode(Mode::Default);
+    EXPECT_EQ(parameters.mode(), Mode::OutOfProcess);
+
+    const std::string validateOrigin =
+        "136 in 'void Zendrik::Breakpad::CrashHandler::Parameters::validate() const'";
+    EXPECT_EQ(reportOf([&] { parameters.validate(); }),
+              expectedReport("Product name must be provided", validateOrigin));
+    EXPECT_EQ(reportOf([&] { parametersFor("").validate(); }), "no exception");
+}
+
+/// Log lines without time stamps, with M or E for the level; numbers and folders that differ from
+/// run to run masked.
+std::string masked(std::string text) {
+    const std::string folder = fs::canonical("/proc/self/exe").parent_path();
+    for (auto at = text.find(folder); at != std::string::npos; at = text.find(folder)) {
+        text.replace(at, folder.size(), "DIR");
+    }
+    text = std::regex_replace(text, std::regex(R"(\[(E|M)\w+\]\[[\d/:]+\] )"), "$1 ");
+    text = std::regex_replace(text, std::regex("fd = [0-9]+"), "fd = N");
+    return std::regex_replace(text, std::regex("(process: [^ \n]*) [0-9]+ [0-9]+ "), "$1 N N ");
+}
+
+std::ptrdiff_t openDescriptors() {
+    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+}
+
+void logEverythingToStandardError() {
+    setenv("ZENDRIK_LOG_LEVEL", "message", 1);
+    setenv("ZENDRIK_LOG_FILE", "", 1);
+}
+
+/// The reporter's exit status, "running" or "none".
+/// @param wait WNOHANG, or 0 to wait for the reporter's end
+std::string reporterFate(int wait) {
+    int status = 0;
+    const pid_t child = waitpid(-1, &status, wait);
+    if (child == -1) {
+        return "none";
+    }
+    return child == 0 ? "running" : std::to_string(WEXITSTATUS(status));
+}
+
+const std::string disabled = "M Google Breakpad is disabled\n";
+const std::string setup = "M Initiating Google Breakpad setup...\n";
+const std::string channel = "M " + std::string(87, '-') +
+                            "\nM Created CreateReportChannel\n"
+                            "M \tserver fd = N\nM \tclient fd = N\n";
+const std::string launch = "M Launching crash reporting child process: DIR/";
+const std::string noExec =
+    "M execv has continued... this means it failed to launch the crash reporter: ";
+const std::string noMessage =
+    "E Crash reporting child process failed to return a success message\n";
+const std::string refusal = "E Crash reporter indicated failure to start\n";
+const std::string inProcess = "M Breakpad exception handler is In Process\n";
+
+std::string reporterLine(const std::string& sessions, const std::string& prompt) {
+    return "reporter: " + sessions +
+           "; 4 arguments; channel credentials nonblocking; pipe; prompt " + prompt + "\n";
+}
+
+TEST(CrashHandler, EveryReporterLeavesItsTrace) {
+    const std::string heard = reporterLine("ZK_SESSION_ID=before ZK_SESSION_ID=", "1");
+    const struct {
+        const char* name;
+        std::string trace;
+        const char* fate;
+        int leftOpen;
+    } cases[] = {
+        {"servingReporter",
+         heard + "M Crash reporter indicated successful start\n"
+                 "M *** Breakpad workaround: allowing ptrace in out-of-process\n"
+                 "M Breakpad exception handler is Out of Process\n",
+         "running", 2},
+        {"refusingReporter", heard + refusal + inProcess, "0", 2},
+        {"characterReporter", heard + refusal + inProcess, "0", 2},
+        {"exitingReporter", heard + noMessage + inProcess, "0", 3},
+        {"missingReporter", noExec + "(2: No such file or directory)\n" + noMessage + inProcess,
+         "255", 3},
+        {"", noExec + "(13: Permission denied)\n" + noMessage + inProcess, "255", 3},
+    };
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.name);
+        const RoleOutcome outcome = runForked([&] {
+            logEverythingToStandardError();
+            setenv("ZK_SESSION_ID", "before", 1);
+            const auto before = openDescriptors();
+            const CrashHandler handler(parametersFor(each.name));
+            const auto leftOpen = openDescriptors() - before;
+            const bool stays = std::string(each.fate) == "running";
+            std::cerr << reporterFate(stays ? WNOHANG : 0) << " " << leftOpen << std::endl;
+        });
+        EXPECT_TRUE(outcome.exitedWell());
+        std::string expected = setup;
+        expected.append(channel).append(launch).append(each.name).append(" N N 1\n");
+        expected.append(each.trace).append(each.fate).append(" ");
+        EXPECT_EQ(masked(outcome.text), expected + std::to_string(each.leftOpen) + "\n");
+    }
+}
+
+TEST(CrashHandler, ReporterGetsThePromptAndAnEnvironmentOfOneEntry) {
+    const RoleOutcome outcome = runForked([] {
+        Parameters parameters = parametersFor("refusingReporter");
+        parameters.setPrompt(false);
+        parameters.setSessionId("session 7");
+        Log::setStream(&std::cerr);
+        clearenv();
+        const CrashHandler handler(parameters);
+    });
+    EXPECT_EQ(masked(outcome.text), reporterLine("ZK_SESSION_ID=session 7 (first)", "0") + refusal);
+}
+
+TEST(CrashHandler, SilentReporterCostsTheWholeTimeOutAfterASignal) {
+    using std::chrono::steady_clock;
+    const auto start = steady_clock::now();
+    const RoleOutcome outcome = runForked([] {
+        logEverythingToStandardError();
+        std::signal(SIGUSR1, [](int) {});
+        const CrashHandler handler(parametersFor("silentReporter"));
+        std::cerr << reporterFate(WNOHANG) << std::endl;
+    });
+    const auto waited = steady_clock::now() - start;
+    EXPECT_NE(masked(outcome.text).find(noMessage + inProcess + "running\n"), std::string::npos)
+        << outcome.text;
+    EXPECT_GE(waited, std::chrono::milliseconds(2250));
+    EXPECT_LT(waited, std::chrono::seconds(20));
+}
+
+void limit(decltype(RLIMIT_NOFILE) resource, rlim_t value) {
+    const rlimit limits = {value, value};
+    if (setrlimit(resource, &limits) != 0) {
+        std::cerr << "setrlimit failed" << std::endl;
+    }
+}
+
+/// The limit on processes doesn't bind root.
+void limitProcesses() {
+    constexpr uid_t nobody = 65534;
+    if (geteuid() == 0 && setresuid(nobody, nobody, nobody) != 0) {
+        std::cerr << "setresuid failed" << std::endl;
+    }
+    limit(RLIMIT_NPROC, 0);
+}
+
+TEST(CrashHandler, MissingResourcesEndInProcess) {
+    const struct {
+        std::function<void()> starve;
+        std::string trace;
+    } cases[] = {
+        {[] { limit(RLIMIT_NOFILE, 3); },
+         "M Failed to create file descriptors from CreateReportChannel\n"},
+        {[] { limit(RLIMIT_NOFILE, 5); },
+         "M Failed to create interprocess pipe file descriptors, errno = 24\n"},
+        {limitProcesses, channel + "E Forking error: (11: Resource temporarily unavailable)\n"},
+    };
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.trace);
+        const RoleOutcome outcome = runForked([&] {
+            logEverythingToStandardError();
+            // The sanitizer looks at a stream's type with a pipe of its own, once.
+            { const CrashHandler disabled(disabledParameters()); }
+            each.starve();
+            const CrashHandler handler(parametersFor("servingReporter"));
+            std::cerr << reporterFate(WNOHANG) << std::endl;
+            // A leak check at exit could start no process of its own.
+            _exit(0);
+        });
+        std::string expected = disabled + setup;
+        expected.append(each.trace).append(inProcess).append("none\n");
+        EXPECT_EQ(masked(outcome.text), expected);
+    }
+}
+
+TEST(CrashHandler, ModesWithoutReporterStartNothing) {
+    const RoleOutcome outcome = runForked([] {
+        logEverythingToStandardError();
+        const auto before = openDescriptors();
+        { const CrashHandler disabled(disabledParameters()); }
+        Parameters parameters;
+        const auto armUnnamed = [&] { const CrashHandler unnamed(parameters); };
+        std::cerr << (reportOf(armUnnamed) == "no exception") << std::endl;
+        parameters.setProductName("Product");
+        parameters.setMode(Mode::InProcess);
+        const CrashHandler handler(parameters);
+        std::cerr << reporterFate(WNOHANG) << " " << openDescriptors() - before << std::endl;
+    });
+    EXPECT_EQ(masked(outcome.text), disabled + "0\n" + setup + inProcess + "none 0\n");
+}
+
+TEST(CrashHandler, CrashLeavesOneDumpWhereItWasAskedFor) {
+    for (const Mode mode : {Mode::InProcess, Mode::OutOfProcess}) {
+        SCOPED_TRACE(mode);
+        std::string folder = testing::TempDir() + "dumps.XXXXXX";
+        ASSERT_NE(mkdtemp(folder.data()), nullptr);
+        const RoleOutcome outcome = runForked([&] {
+            Parameters parameters = parametersFor("servingReporter");
+            parameters.setMode(mode);
+            parameters.setDumpPath(mode == Mode::InProcess ? folder : "/nonexistent");
+            parameters.setSessionId(folder);
+            const CrashHandler handler(parameters);
+            std::abort();
+        });
+        EXPECT_TRUE(WIFSIGNALED(outcome.status) && WTERMSIG(outcome.status) == SIGABRT)
+            << outcome.status;
+        const std::vector<fs::path> dumps(fs::directory_iterator(folder), {});
+        EXPECT_EQ(dumps.size(), 1U);
+        for (const fs::path& dump : dumps) {
+            char signature[4] = {};
+            std::ifstream(dump).read(signature, sizeof signature);
+            EXPECT_EQ(std::string(signature, sizeof signature), "MDMP");
+        }
+        fs::remove_all(folder);
+    }
+}
+
+TEST(CrashSetup, ArmsOnceAndSurvivesAMissingReporter) {
+    const RoleOutcome outcome = runForked([] {
+        logEverythingToStandardError();
+        std::cerr << setupCrashHandler(true) << std::endl;
+        std::cerr << setupCrashHandler(false) << std::endl;
+        std::cerr << reporterFate(0) << std::endl;
+    });
+    EXPECT_TRUE(outcome.exitedWell());
+    EXPECT_EQ(masked(outcome.text), setup + channel + launch + "CrashReporterTavrel N N 1\n" +
+                                        noExec + "(2: No such file or directory)\n" + noMessage +
+                                        inProcess + "1\n1\n255\n");
+}
+
+}  // namespace

@@ -1,0 +1,130 @@
+#include "crash/src/pythonStackLog.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+
+/// The interpreter keeps memory for the whole process on purpose.
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the sanitizer's own name
+extern "C" const char* __asan_default_options() {
+    return "detect_leaks=0";
+}
+
+namespace {
+
+using namespace Zendrik::Breakpad;
+namespace fs = std::filesystem;
+
+class PythonStackLog : public testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        Py_SetPythonHome(Py_DecodeLocale(TEST_PYTHON_HOME, nullptr));
+        Py_NoSiteFlag = 1;
+        Py_Initialize();
+    }
+
+    void SetUp() override {
+        std::string pattern = testing::TempDir() + "stack.XXXXXX";
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        m_before = fs::current_path();
+        m_folder = pattern;
+        fs::current_path(m_folder);
+    }
+    void TearDown() override {
+        PyEval_SetProfile(nullptr, nullptr);
+        fs::current_path(m_before);
+        fs::remove_all(m_folder);
+    }
+
+    static std::string written() {
+        std::ostringstream text;
+        text << std::ifstream(pythonStackLogFile).rdbuf();
+        return text.str();
+    }
+
+    /// The value of @p expression, owned by the caller.
+    static PyObject* evaluate(const std::string& expression) {
+        PyObject* names = PyModule_GetDict(PyImport_AddModule("__main__"));
+        return PyRun_String(expression.c_str(), Py_eval_input, names, names);
+    }
+
+    /// Runs @p source under the hook and returns what the last call left in the file.
+    static std::string lastStackOf(const char* source) {
+        EXPECT_TRUE(startPythonStackLog());
+        EXPECT_EQ(PyRun_SimpleString(source), 0);
+        PyEval_SetProfile(nullptr, nullptr);
+        return written();
+    }
+
+  private:
+    fs::path m_before;
+    fs::path m_folder;
+};
+
+TEST_F(PythonStackLog, HookWritesOnlyForCallsAndPlainStrings) {
+    const std::string path = "'PythonStackLog.txt'";
+    const std::string subclass = "type('Text', (str,), {})(" + path + ")";
+    const struct {
+        std::string object;
+        int what;
+        const char* written;
+    } cases[] = {
+        {path, PyTrace_CALL, "Python function call\n"},
+        {path, PyTrace_EXCEPTION, "untouched"},
+        {path, PyTrace_LINE, "untouched"},
+        {path, PyTrace_RETURN, "untouched"},
+        {path, PyTrace_C_CALL, "C function call\n"},
+        {path, PyTrace_C_EXCEPTION, "untouched"},
+        {path, PyTrace_C_RETURN, "untouched"},
+        {path, PyTrace_OPCODE, "untouched"},
+        {"b" + path, PyTrace_CALL, "untouched"},
+        {subclass, PyTrace_CALL, "untouched"},
+        {"'\\udc80'", PyTrace_CALL, "untouched"},
+    };
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.object + " " + std::to_string(each.what));
+        std::ofstream(pythonStackLogFile) << "untouched";
+        PyObject* object = evaluate(each.object);
+        ASSERT_NE(object, nullptr);
+        EXPECT_EQ(pythonStackProfileHook(object, nullptr, each.what, nullptr), 0);
+        EXPECT_EQ(PyErr_Occurred(), nullptr);
+        EXPECT_EQ(written(), each.written);
+        Py_DECREF(object);
+    }
+}
+
+TEST_F(PythonStackLog, LastCallStandsOverItsCallers) {
+    const std::string text = lastStackOf(
+        "def inner():\n"
+        "    'long ' * 1000\n"
+        "    len('')\n"
+        "def outer():\n"
+        "    inner()\n"
+        "for each in range(3): outer()\n");
+    const std::regex expected(
+        "C function call\n"
+        "(-?\\d+) 1 1 inner <string> \n"
+        " \\1 4 4 outer <string> \n"
+        "  \\1 1 1 <module> <string> \n");
+    EXPECT_TRUE(std::regex_match(text, expected)) << text;
+}
+
+TEST_F(PythonStackLog, NamesWithoutUtf8FormEndTheTextAndNothingElse) {
+    // An error that the hook left behind would fail the call of len.
+    const std::string text = lastStackOf("exec(compile('len(str())', 'a\\udc80b', 'exec'))\n");
+    EXPECT_TRUE(std::regex_match(text, std::regex("C function call\n-?\\d+ 1 1 <module> ")))
+        << text;
+}
+
+TEST_F(PythonStackLog, UnwritableFileIsIgnored) {
+    fs::create_directory(pythonStackLogFile);
+    EXPECT_EQ(lastStackOf("len('')\n"), "");
+}
+
+}  // namespace
