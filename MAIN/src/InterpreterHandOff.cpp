@@ -8,10 +8,12 @@
 #include <boost/python/errors.hpp>
 #include <cstdio>
 
+#include "MAIN/src/ConfigurationAndEnvironment.h"
 #include "MAIN/src/MainLog.h"
 #include "MAIN/src/VendorIdModule.h"
 #include "UTIL/src/PythonReference.h"
 #include "UTIL/src/TavrelBootstrap.h"
+#include "crash/src/pythonStackLog.h"
 
 using Plexum3::ZkConfiguration::v1::Config;
 
@@ -106,6 +108,13 @@ int applicationStatus(const PythonReference& module) {
     return takeSystemExit();
 }
 
+void startStackLogIfWanted() {
+    if (getEnvironmentVariable("TAVREL_PYTHON_STACK_LOG", "") == "1") {
+        // Without it the application runs as well.
+        static_cast<void>(Zendrik::Breakpad::startPythonStackLog());
+    }
+}
+
 PythonReference runEntryScript(const EmbeddedApplication& application) {
     // The code object is kept for the life of the interpreter: the running application is inside
     // it.
@@ -118,6 +127,7 @@ int runAndTakeStatus(std::int32_t verbosity, const EmbeddedApplication& applicat
     if (verbosity > 1) {
         LOG_INFO("Executing Tavrel Python application...");
     }
+    startStackLogIfWanted();
     PythonReference module = runEntryScript(application);
     if (verbosity > 1) {
         LOG_INFO("Tavrel Python application exited.");
