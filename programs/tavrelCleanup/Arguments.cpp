@@ -1,0 +1,59 @@
+#include "programs/tavrelCleanup/Arguments.h"
+
+#include <unistd.h>
+#include <charconv>
+#include <string_view>
+
+#include "programs/tavrelCleanup/Report.h"
+
+namespace Cleanup {
+namespace {
+
+/// 0 for a text that is no process id.
+pid_t parsePid(std::string_view text) {
+    pid_t pid = 0;
+    const char* const end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, pid);
+    return error == std::errc() && stop == end && pid > 0 ? pid : 0;
+}
+
+/// False for a path without a name of its own at the end.
+bool splitPath(std::string_view path, Arguments& arguments) {
+    const std::size_t last = path.find_last_not_of('/');
+    if (last == std::string_view::npos) {
+        return false;
+    }
+    path = path.substr(0, last + 1);
+    const std::size_t separator = path.rfind('/');
+    if (separator == std::string_view::npos) {
+        arguments.parent = ".";
+        arguments.name = path;
+    } else {
+        arguments.parent = separator == 0 ? "/" : path.substr(0, separator);
+        arguments.name = path.substr(separator + 1);
+    }
+    return arguments.name != "." && arguments.name != "..";
+}
+
+}  // namespace
+
+std::optional<Arguments> parseArguments(int argc, const char* const* argv) {
+    if (argc != 3) {
+        report("wants two arguments, the id of the process to wait for and the folder to delete");
+        return std::nullopt;
+    }
+    Arguments arguments;
+    arguments.pid = parsePid(argv[1]);
+    arguments.path = argv[2];
+    if (arguments.pid == 0 || arguments.pid == getpid()) {
+        report("'%s' is not the decimal id of another process", argv[1]);
+        return std::nullopt;
+    }
+    if (!splitPath(arguments.path, arguments)) {
+        report("refuses '%s': the path must end in the name of the folder to delete", argv[2]);
+        return std::nullopt;
+    }
+    return arguments;
+}
+
+}  // namespace Cleanup

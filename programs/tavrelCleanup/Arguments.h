@@ -1,0 +1,28 @@
+#pragma once
+
+#include <sys/types.h>
+#include <optional>
+#include <string>
+
+namespace Cleanup {
+
+/// What the program was told: whom to outlive, and what to delete then.
+struct Arguments {
+    pid_t pid = 0;
+    /// The folder as it was given, for messages.
+    std::string path;
+    /// The same in two parts: the folder that holds it ("." if the path has one component), and its
+    /// name there, which is never empty, "." or "..". Trailing separators are gone, since behind
+    /// one the kernel would follow a symbolic link that stands under the name.
+    std::string parent;
+    std::string name;
+
+    bool isRelative() const { return path.front() != '/'; }
+};
+
+/// Checks the command line: a decimal process id above 0 that fits and isn't this process's own,
+/// and a path that names a folder: not empty, not "/", and not by way of "." or ".." at its end.
+/// Reports the first thing that is wrong and returns nothing then.
+std::optional<Arguments> parseArguments(int argc, const char* const* argv);
+
+}  // namespace Cleanup
