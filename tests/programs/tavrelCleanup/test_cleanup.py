@@ -1,0 +1,298 @@
+"""tavrelCleanup from outside. Nothing here names a folder outside the test's own scratch folder."""
+import ctypes
+import os
+import resource
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import unittest
+
+PEAK_MEMORY = os.environ["PEAK_MEMORY"]
+SYS_PIDFD_OPEN, SYS_OPENAT2 = 434, 437
+NOBODY = 65534
+# In memory where possible: a disk takes a minute for the deepest tree.
+SCRATCH_BASE = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
+LIBC = ctypes.CDLL(None, use_errno=True)
+
+
+def forbid_calls(error):
+    """Lets the newer system calls fail in this process, as on an old kernel (ENOSYS) or in a sandbox."""
+    def step(code, jump_true, jump_false, k):
+        return struct.pack("=HBBI", code, jump_true, jump_false, k)
+    program = (step(0x20, 0, 0, 0) + step(0x15, 1, 0, SYS_PIDFD_OPEN) + step(0x15, 0, 1, SYS_OPENAT2) +
+               step(0x06, 0, 0, 0x00050000 | error) + step(0x06, 0, 0, 0x7FFF0000))
+    text = ctypes.create_string_buffer(program, len(program))
+    header = struct.pack("@HP", len(program) // 8, ctypes.addressof(text))
+    no_new_privileges, seccomp, filter_mode = 38, 22, 2
+    assert LIBC.prctl(no_new_privileges, 1, 0, 0, 0) == 0
+    assert LIBC.prctl(seccomp, filter_mode, header, 0, 0) == 0
+
+
+KERNELS = {"current": None, "ENOSYS": lambda: forbid_calls(38), "EPERM": lambda: forbid_calls(1)}
+
+
+def write(path):
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    with open(path, "w") as file:
+        file.write("kept")
+
+
+def drop_privileges():
+    if os.getuid() == 0:
+        os.setgroups([])
+        os.setgid(NOBODY)
+        os.setuid(NOBODY)
+
+
+def can_mount():
+    return subprocess.run(["unshare", "--mount", "true"], stderr=subprocess.DEVNULL).returncode == 0
+
+
+def await_state(process, letter, executable):
+    """Until the process runs its program and is in the state, as /proc/PID/stat gives it."""
+    deadline = time.monotonic() + 30
+    while time.monotonic() < deadline and process.poll() is None:
+        with open(f"/proc/{process.pid}/stat") as file:
+            state = file.read().rsplit(")", 1)[1].split()[0]
+        if state == letter and os.path.samefile(f"/proc/{process.pid}/exe", executable):
+            return
+        os.sched_yield()
+    raise AssertionError(f"process {process.pid} is not in state {letter}")
+
+
+class CleanupCase(unittest.TestCase):
+    scratch_base = SCRATCH_BASE
+
+    def setUp(self):
+        self.scratch = os.path.realpath(tempfile.mkdtemp(dir=self.scratch_base))
+        # A tree may be deeper than what Python's own removal can walk.
+        self.addCleanup(subprocess.run, ["rm", "-rf", self.scratch], check=True)
+        os.chmod(self.scratch, 0o755)
+        # A copy stands in an install tree that may be put at risk, and where other users reach it.
+        self.program = self.path("root/bin/tavrelCleanup")
+        os.makedirs(self.path("root/bin"))
+        shutil.copy(os.environ["TAVREL_CLEANUP"], self.program)
+        self.tree = self.path("tree")
+        write(self.path("outside/file"))
+        # Dead, but not reaped before the end, so that nobody else gets its id.
+        dead = subprocess.Popen(["true"])
+        self.addCleanup(dead.wait)
+        os.waitid(os.P_PID, dead.pid, os.WEXITED | os.WNOWAIT)
+        self.dead_pid = str(dead.pid)
+
+    def path(self, name):
+        return os.path.join(self.scratch, name)
+
+    def delete(self, path, home=None, prefix=(), **options):
+        """Status and standard error of a run whose process to wait for has ended."""
+        environment = dict(os.environ, HOME=home or self.path("home"))
+        result = subprocess.run([*prefix, self.program, self.dead_pid, path], env=environment,
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=60, **options)
+        self.assertTrue(os.path.exists(self.path("outside/file")))
+        return result.returncode, result.stderr.decode(errors="replace")
+
+    def assert_one_line(self, text, *parts):
+        self.assertRegex(text, r"\AtavrelCleanup: [^\n]*\n\Z")
+        for part in parts:
+            self.assertIn(part, text)
+
+
+class CleanupTest(CleanupCase):
+    def fill_with_oddities(self):
+        tree = os.fsencode(self.tree)
+        for folder in (b"plain/a/b", b"closed/in", b"unreadable/in", b"unsearchable/in", b"sealed/in"):
+            os.makedirs(tree + b"/" + folder)
+            write(tree + b"/" + folder + b"/file")
+        for name in (b"\xff\xfe", b"\n\t\x01", b"-rf *", b"n" * 255, b" ", b"..."):
+            write(tree + b"/names" + name[:3] + b"/" + name)
+        os.mkfifo(tree + b"/fifo")
+        with socket.socket(socket.AF_UNIX) as server:
+            server.bind(tree + b"/socket")
+        os.symlink(self.path("outside"), tree + b"/link to a folder")
+        os.symlink(self.path("outside/file"), tree + b"/link to a file")
+        os.symlink("nowhere", tree + b"/plain/dangling")
+        if os.getuid() == 0:
+            for folder, folders, files in os.walk(tree):
+                for name in [folder] + [os.path.join(folder, n) for n in folders + files]:
+                    os.chown(name, NOBODY, NOBODY, follow_symlinks=False)
+            os.chown(self.scratch, NOBODY, NOBODY)
+        for name, mode in ((b"/closed", 0), (b"/unreadable", 0o300), (b"/unsearchable", 0o400),
+                           (b"/sealed/in", 0o500), (b"/sealed", 0o500), (b"", 0)):
+            os.chmod(tree + name, mode)
+
+    def test_everything_in_a_tree_goes_and_nothing_else(self):
+        for kernel, prepare in KERNELS.items():
+            with self.subTest(kernel=kernel):
+                self.fill_with_oddities()
+                status = self.delete(self.tree, preexec_fn=lambda: (drop_privileges(), prepare and prepare()))
+                self.assertEqual(status, (0, ""))
+                self.assertFalse(os.path.lexists(self.tree))
+
+    def test_what_stands_there_is_gone_already_or_no_folder(self):
+        os.symlink("outside", self.path("link"))
+        os.symlink("nowhere", self.path("dangling"))
+        os.mkfifo(self.path("fifo"))
+        for name in ("nowhere", "nowhere/deeper", "outside/file/deeper"):
+            with self.subTest(name):
+                self.assertEqual(self.delete(self.path(name)), (0, ""))
+        for name in ("link", "link/", "dangling", "fifo", "outside/file"):
+            with self.subTest(name):
+                status, text = self.delete(self.path(name))
+                self.assertEqual(status, 1)
+                self.assert_one_line(text, name, "it is not a folder")
+                self.assertTrue(os.path.lexists(self.path(name.rstrip("/"))))
+
+    def test_home_and_install_tree_are_refused(self):
+        home = self.path("users/me")
+        write(home + "/.profile")
+        scratch_name = os.path.basename(self.scratch)
+        os.symlink("users/me", self.path("home link"))
+        os.symlink("users", self.path("users link"))
+        for target, home_variable in (("users/me", home), ("users/me/", home), ("users", home),
+                                      ("users link/me", home), ("users/me", self.path("home link")),
+                                      ("users", home + "/gone/since"), ("users/../users/me", home),
+                                      ("root", home), ("root/bin", home), ("root/../../" + scratch_name, home)):
+            with self.subTest(target=target, home=home_variable):
+                status, text = self.delete(self.path(target), home_variable)
+                self.assertEqual(status, 2)
+                self.assert_one_line(text, "refuses")
+                self.assertTrue(os.path.exists(home + "/.profile") and os.path.exists(self.program))
+        # Only what holds them is protected: neither what they hold, nor what begins with their name.
+        for target in ("users/me/tmp", "users/mean", "root/tmp"):
+            write(self.path(target + "/file"))
+            self.assertEqual(self.delete(self.path(target), home), (0, ""), target)
+
+    def test_deletes_only_after_the_process_has_ended(self):
+        rename_itself = "open('/proc/self/comm','w').write('a) Z 1 (b');print(flush=True);open(0).read()"
+        for kernel, prepare in KERNELS.items():
+            for relative in (False, True):
+                with self.subTest(kernel=kernel, relative=relative):
+                    write(self.tree + "/file")
+                    launcher = subprocess.Popen([sys.executable, "-Sc", rename_itself], cwd=self.scratch,
+                                                stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+                    launcher.stdout.readline()
+                    argument = "root/../tree" if relative else self.tree
+                    cleanup = subprocess.Popen([self.program, str(launcher.pid), argument], cwd="/",
+                                               env={"HOME": self.path("home")}, preexec_fn=prepare)
+                    await_state(cleanup, "S", self.program)
+                    for number in (signal.SIGHUP, signal.SIGINT, signal.SIGTERM):
+                        cleanup.send_signal(number)
+                    await_state(cleanup, "S", self.program)
+                    self.assertTrue(os.path.exists(self.tree + "/file"))
+                    launcher.stdin.close()
+                    # Not reaped yet: a zombie has ended.
+                    self.assertEqual(cleanup.wait(30), 0)
+                    self.assertFalse(os.path.exists(self.tree))
+                    launcher.stdout.close()
+                    launcher.wait()
+
+    def test_relative_path_of_a_process_that_has_gone_is_given_up(self):
+        write(self.tree + "/file")
+        status, text = self.delete("tree", cwd=self.scratch)
+        self.assertEqual(status, 1)
+        self.assert_one_line(text, "'tree' is relative to")
+        self.assertTrue(os.path.exists(self.tree + "/file"))
+
+    @unittest.skipIf(os.environ.get("TAVREL_SANITIZER"), "a sanitizer takes more memory and descriptors")
+    def test_depth_and_width_cost_neither_memory_nor_descriptors(self):
+        def build_deep(levels):
+            here = os.open(self.tree, os.O_RDONLY)
+            for _ in range(levels):
+                os.close(os.open("file", os.O_CREAT, dir_fd=here))
+                os.mkdir("deeper", dir_fd=here)
+                below = os.open("deeper", os.O_RDONLY, dir_fd=here)
+                os.close(here)
+                here = below
+            os.close(here)
+
+        def build_wide(folders, files):
+            for i in range(folders):
+                os.makedirs(f"{self.tree}/{i}")
+                for j in range(files):
+                    os.close(os.open(f"{self.tree}/{i}/some file number {j}", os.O_CREAT))
+
+        for limit, build, sizes in ((64, build_deep, (25000,)), (10, build_deep, (300,)), (64, build_wide, (1, 5000)),
+                                    (64, build_wide, (1000, 2))):
+            with self.subTest(limit=limit, build=build.__name__, sizes=sizes):
+                os.makedirs(self.tree)
+                build(*sizes)
+                result = subprocess.run(
+                    [PEAK_MEMORY, self.program, self.dead_pid, self.tree], stdout=subprocess.PIPE, check=True,
+                    env={"HOME": self.path("home")},
+                    preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (limit, limit)))
+                status, kib = map(int, result.stdout.split())
+                self.assertEqual(status, 0)
+                self.assertFalse(os.path.exists(self.tree))
+                self.assertLess(kib, 4096)
+
+    def test_ends_although_others_go_on_writing(self):
+        os.makedirs(self.tree)
+        stop = threading.Event()
+
+        def keep_writing():
+            number = 0
+            while not stop.is_set():
+                number += 1
+                try:
+                    folder = f"{self.tree}/{number % 50}"
+                    os.mkdir(folder)
+                    os.close(os.open(f"{folder}/{number}", os.O_CREAT))
+                except OSError:
+                    pass
+
+        writers = [threading.Thread(target=keep_writing) for _ in range(2)]
+        for writer in writers:
+            writer.start()
+        try:
+            status, text = self.delete(self.tree)
+        finally:
+            stop.set()
+            for writer in writers:
+                writer.join()
+        self.assertEqual(status, 1 if os.path.exists(self.tree) else 0, text)
+
+    @unittest.skipUnless(os.getuid() == 0, "needs files of two users")
+    def test_files_of_others_stay_and_are_told_in_one_line(self):
+        for i in range(40):
+            write(f"{self.tree}/mine/{i}")
+        for i in range(3):
+            write(f"{self.tree}/mine/theirs\n/{i}")
+        for folder in (self.scratch, self.tree, self.tree + "/mine"):
+            os.chown(folder, NOBODY, NOBODY)
+        status, text = self.delete(self.tree, preexec_fn=drop_privileges)
+        self.assertEqual(status, 1)
+        self.assert_one_line(text, "tree/mine/theirs?/", "Permission denied", "3 left in all")
+        self.assertEqual(os.listdir(self.tree + "/mine"), ["theirs\n"])
+
+
+class CleanupMountTest(CleanupCase):
+    scratch_base = None  # /dev is covered here
+
+    @unittest.skipUnless(can_mount(), "needs a mount namespace of its own")
+    def test_mount_points_stay_and_the_system_log_is_told(self):
+        for name in ("tree/tmpfs", "tree/bind", "dev"):
+            os.makedirs(self.path(name))
+        write(self.tree + "/more/file")
+        self.addCleanup(os.chdir, os.getcwd())
+        os.chdir(self.scratch)
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as log:
+            log.settimeout(10)
+            log.bind("dev/log")
+            # Under the name of the system's log stands that of the test, for this one run.
+            script = ('mount -t tmpfs none tree/tmpfs && mount --bind outside tree/bind && echo >tree/tmpfs/file && '
+                      'mount --bind dev /dev && "$@"; status=$?; [ -e tree/tmpfs/file ] || status=9; exit $status')
+            status, text = self.delete(self.tree, prefix=("unshare", "--mount", "sh", "-c", script, "sh"))
+            self.assertEqual(status, 1, text)
+            self.assert_one_line(text, "It is on another file system", "2 left in all")
+            self.assertIn(text[len("tavrelCleanup: "):].strip(), log.recv(9000).decode())
+        self.assertEqual(sorted(os.listdir(self.tree)), ["bind", "tmpfs"])
+
+
+if __name__ == "__main__":
+    unittest.main()
