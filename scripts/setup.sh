@@ -5,7 +5,8 @@
 # With everything in place it only looks, and needs no network.
 set -euo pipefail
 
-readonly top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+readonly top
 readonly deps=$top/.deps
 readonly boost_version=1.74.0+ds1
 readonly boost_sha256=192f5df504d282cb81288f88232d8af45b64a9ab531e1c7cf8ae955f16f6bb28
@@ -53,8 +54,8 @@ debian_packages() {
   [ ${#missing[@]} -eq 0 ] && return
   local sudo=
   if [ "$(id -u)" -ne 0 ]; then
-    sudo -n true 2>/dev/null && sudo=sudo ||
-      die "missing Debian packages; as root: apt-get install ${missing[*]}"
+    sudo -n true 2>/dev/null || die "missing Debian packages; as root: apt-get install ${missing[*]}"
+    sudo=sudo
   fi
   say "installing Debian packages: ${missing[*]}"
   local log=$deps/apt.log
@@ -156,6 +157,7 @@ boost_python() {
   fresh_partial boost_python
   local to=$deps/partial/boost_python
   tar -C "$to" --strip-components=3 -xf "$archive" boost/libs/python/src
+  # shellcheck disable=SC2016  # expanded by the shell of each file
   (cd "$to/src" && find . -name '*.cpp' ! -path '*numpy*' -print0 |
     xargs -0 -P "$(nproc)" -I{} sh -c 'g++ -std=c++17 -O2 -fPIC -w -DBOOST_BIND_GLOBAL_PLACEHOLDERS \
       -DBOOST_PYTHON_SOURCE -DBOOST_PYTHON_STATIC_LIB -I"$1" -c "$2" -o "${2%.cpp}.o"' sh "$deps/python3.7/include/python3.7m" {}) ||
