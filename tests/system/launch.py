@@ -24,7 +24,8 @@ class Ended:
 
     def __init__(self, status, out, err, events):
         self.status, self.out, self.err, self.events = status, out, err, events
-        self.log = [match.groups()[:3] for match in map(LOG_LINE.fullmatch, err.splitlines()) if match]
+        matches = map(LOG_LINE.fullmatch, err.splitlines())
+        self.log = [match.groups()[:3] for match in matches if match]
         self.texts = [text for _, _, text in self.log]
 
     @property
@@ -102,7 +103,7 @@ class SystemTest(unittest.TestCase):
         return {key: value for key, value in values.items() if value is not None}
 
     def start(self, tree, *args, env=None, program=None, **popen):
-        """Starts a launcher with pipes on its streams; None as a value of env takes a variable out."""
+        """Starts a launcher with pipes on its streams; None in env takes a variable out."""
         process = subprocess.Popen([program or tree.bin / "tavrel", *args],
                                    env=self.environment(tree, env or {}), stdin=subprocess.PIPE,
                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE, bufsize=0,
@@ -144,7 +145,10 @@ class SystemTest(unittest.TestCase):
         """What the recorder in tavrelCleanup's place found, or None if it was never started."""
         if not tree.cleanup_record.exists():
             return None
-        read = lambda name: (tree.cleanup_record / name).read_bytes().decode(errors="surrogateescape")
+
+        def read(name):
+            return (tree.cleanup_record / name).read_text(errors="surrogateescape")
+
         return {
             "argv": read("cmdline").split("\0")[:-1],
             "cwd": read("cwd"),

@@ -10,12 +10,19 @@ import select
 import signal
 import time
 
+PR_SET_PDEATHSIG = 1
 PR_SET_CHILD_SUBREAPER = 36
+LIBC = ctypes.CDLL(None)
 EVERY_SIGNAL = (1 << 64) - 1
 # glibc keeps signals 32 and 33 for itself; SIGKILL and SIGSTOP can't be blocked.
 BLOCKABLE = EVERY_SIGNAL & ~sum(1 << (n - 1) for n in (signal.SIGKILL, signal.SIGSTOP, 32, 33))
 
-ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
+LIBC.prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
+
+
+def end_with_parent():
+    """In a child, before its exec: a test that is killed takes the child with it."""
+    LIBC.prctl(PR_SET_PDEATHSIG, signal.SIGTERM, 0, 0, 0)
 
 
 def parse_status(text):

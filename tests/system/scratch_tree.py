@@ -5,8 +5,10 @@ import shutil
 import tempfile
 from pathlib import Path
 
-BUILT = Path(os.environ["TAVREL_TREE"])
-STAND_INS = Path(os.environ["TAVREL_STAND_INS"])
+# CTest names the build that it tests; by hand it is the release build.
+RELEASE = Path(__file__).resolve().parents[2] / "build/release"
+BUILT = Path(os.environ.get("TAVREL_TREE", RELEASE / "tree"))
+STAND_INS = Path(os.environ.get("TAVREL_STAND_INS", RELEASE / "tests/system/stand_ins"))
 RECORDER = Path(__file__).parent / "recorder"
 
 RECORDED_MODULES = (

@@ -5,6 +5,8 @@ import shutil
 import subprocess
 import tempfile
 
+import process_table
+
 
 def start_x_server(test, *options):
     """Starts Xvfb and returns its DISPLAY; it ends with the test."""
@@ -14,7 +16,8 @@ def start_x_server(test, *options):
     logs = tempfile.TemporaryFile()
     server = subprocess.Popen(
         ["Xvfb", "-noreset", "-nolisten", "tcp", "-displayfd", str(write_end), *options],
-        pass_fds=[write_end], stdin=subprocess.DEVNULL, stdout=logs, stderr=logs)
+        pass_fds=[write_end], stdin=subprocess.DEVNULL, stdout=logs, stderr=logs,
+        preexec_fn=process_table.end_with_parent)
     test.companions.add(server.pid)
     test.addCleanup(logs.close)
     test.addCleanup(test.companions.discard, server.pid)

@@ -1,0 +1,117 @@
+"""The interpreter's search path and arguments, in trees that stand in ordinary and odd places."""
+
+import os
+import shutil
+import unittest
+
+from launch import SystemTest
+
+
+def own_entries(root):
+    """The tree's part of sys.path, top to bottom."""
+    library = f"{root}/bin/python3.7/lib/python3.7"
+    return [f"{root}/bin/python3.7", f"{root}/bin/python3.7/lib/python37.zip", library,
+            f"{library}/lib-dynload", f"{library}/site-packages", f"{root}/bin",
+            f"{root}/bin/python", f"{root}/bin/python/python_tavrel", f"{root}/bin/python/Main",
+            f"{root}/plugins/Resources/Core/Plugins", str(root)]
+
+
+class SearchPathTest(SystemTest):
+    def test_order_and_duplicates(self):
+        tree = self.scratch_tree()
+        own = own_entries(tree.root)
+        usd = f"{tree.root}/plugins/Resources/Usd/lib/python"
+        bin_ = str(tree.bin)
+        without_bin = [entry for entry in own if entry != bin_]
+        pre, post, mid = "TAVREL_DEBUG_PRE_PYTHONPATH", "TAVREL_POST_PYTHONPATH", "PYTHONPATH"
+        off = {"TAVREL_USD_PLUGINS_DISABLED": "1"}
+        table = [
+            ({**off}, own),
+            ({}, own + [usd]),
+            ({"PYTHONHOME": "/nowhere"}, own + [usd]),
+            ({pre: "/p:/q"}, ["/p", "/q"] + own + [usd]),
+            ({pre: bin_}, [bin_] + without_bin + [usd]),
+            ({pre: f"{bin_}/"}, [f"{bin_}/"] + own + [usd]),
+            ({mid: f"/m:{bin_}:/n"}, own + ["/m", "/n", usd]),
+            ({post: "/x:/y"}, own + ["/x", "/y", usd]),
+            ({post: f"{tree.root}:/x:/x:{usd}"}, own + ["/x", usd]),
+            ({post: "/x::/y::"}, own + ["/x", "", "/y", usd]),
+            ({**off, post: "::"}, own + [""]),
+            ({pre: "/a", mid: "/a:/b", post: "/b:/c"}, ["/a"] + own + ["/b", "/c", usd]),
+        ]
+        for env, expected in table:
+            with self.subTest(env):
+                start = self.run_launcher(tree, "--batch", env=env).start
+                self.assertEqual(start["path"], expected)
+                for place in ("configuration", "environment"):
+                    self.assertEqual(start[place]["TAVREL_INTERNAL_PYTHONPATH"], ":".join(expected))
+
+    def test_library_path_of_the_user_does_not_replace_the_interpreter(self):
+        tree = self.scratch_tree()
+        fakes = tree.folder / "fakes"
+        fakes.mkdir()
+        for name in ("libpython3.7m.so.1.0", "libZkPlexum3.so", "libZkConfiguration.so"):
+            (fakes / name).write_text("not a library")
+        ended = self.run_launcher(tree, "--batch", env={"LD_LIBRARY_PATH": str(fakes)})
+        self.assertEqual((ended.status, ended.mode), (0, "MainBatch"), ended.err)
+
+
+class ArgumentsTest(SystemTest):
+    def test_arrive_whole_and_in_order(self):
+        tree = self.scratch_tree()
+        args = ["--batch", "-V", "2", "--unknown=1", "", "two words", "grün", b"\xff\xfe.py", "--"]
+        ended = self.run_launcher(tree, *args)
+        self.assertEqual(ended.status, 0)
+        self.assertEqual(ended.start["argv"], [f"{tree.bin}/python/Main/Main.pyc"] +
+                         [os.fsdecode(arg) for arg in args])
+
+
+class PlacesTest(SystemTest):
+    def check(self, tree, program=None):
+        ended, cleanup = self.run_with_cleanup(tree, "--batch", program=program,
+                                               env={"TAVREL_USD_PLUGINS_DISABLED": "1"})
+        self.assertEqual((ended.status, ended.mode), (0, "MainBatch"), ended.err)
+        self.assertEqual(ended.start["path"], own_entries(tree.root))
+        self.assertEqual(ended.start["configuration"]["TAVREL_ROOT"], str(tree.root))
+        self.assertEqual(cleanup["argv"][0], f"{tree.bin}/tavrelCleanup")
+        return ended
+
+    def test_blank_and_accent_in_the_trees_path(self):
+        for name in ("with a blank", "grün"):
+            for language in ("C.UTF-8", "C", "POSIX"):
+                with self.subTest(name=name, language=language):
+                    tree = self.scratch_tree(name)
+                    ended, _ = self.run_with_cleanup(tree, "--batch", env={"LANG": language})
+                    self.assertEqual((ended.status, ended.mode), (0, "MainBatch"), ended.err)
+            self.check(self.scratch_tree(name))
+
+    def test_single_quote_in_the_trees_path_costs_the_variable_and_nothing_else(self):
+        tree = self.scratch_tree("the user's")
+        ended = self.check(tree)
+        self.assertIn(("ERROR", "BOOTSTRAP",
+                       "Error setting TAVREL_INTERNAL_PYTHONPATH in `os.environ`."), ended.log)
+        self.assertIn("(UTIL/src/TavrelBootstrap:345)", ended.err)
+        self.assertEqual(ended.start["configuration"]["TAVREL_INTERNAL_PYTHONPATH"],
+                         ":".join(own_entries(tree.root)))
+        self.assertNotIn("TAVREL_INTERNAL_PYTHONPATH", ended.start["environment"])
+
+    def test_symbolic_links_lead_to_the_real_tree(self):
+        tree = self.scratch_tree()
+        link = tree.folder / "elsewhere"
+        link.mkdir()
+        (link / "launcher").symlink_to(tree.bin / "tavrel")
+        (link / "tree").symlink_to(tree.root)
+        self.check(tree, program=link / "launcher")
+        self.check(tree, program=link / "tree/bin/tavrel")
+
+    def test_moved_tree(self):
+        tree = self.scratch_tree()
+        self.check(tree)
+        moved = tree.root.with_name("moved")
+        shutil.move(tree.root, moved)
+        tree.root, tree.bin = moved, moved / "bin"
+        self.check(tree)
+
+
+if __name__ == "__main__":
+    unittest.main()
