@@ -121,8 +121,8 @@ def _entry(left, text):
     if len(indented) > 25:
         # The left column is too long: the text begins on a line of its own.
         return "%s\n%s" % (indented.rstrip(), textwrap.fill(
-            text, 79, initial_indent=" " * 25, subsequent_indent=" " * 25))
-    return textwrap.fill(text, 79, initial_indent=indented, subsequent_indent=" " * 25)
+            text, 78, initial_indent=" " * 25, subsequent_indent=" " * 25))
+    return textwrap.fill(text, 78, initial_indent=indented, subsequent_indent=" " * 25)
 
 
 def OptionNames(option):
@@ -138,9 +138,10 @@ def HelpText():
              "       tavrel [OPTION...] --batch [FILE...]",
              "       tavrel [OPTION...] --script FILE [ARGUMENT...]",
              "       tavrel [OPTION...] --shell [FILE...]",
-             "", "Python files FILE are run in order; those for the window and the console run "
-             "before it", "opens. A script that is to get options of tavrel's own names "
-             "is started with", "tavrel --script -- FILE ARGUMENT..."]
+             "",
+             "Python files FILE are run in order; those for the window and the shell are run",
+             "before it opens. A script's option that has the name of one of tavrel's needs a",
+             "-- in front of the script: tavrel --script -- FILE --batch"]
     for title, options in MainOptionTable.GROUPS:
         lines += ["", title + ":"]
         lines += [_entry(OptionNames(option), option.text) for option in options]

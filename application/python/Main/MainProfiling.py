@@ -1,10 +1,20 @@
 """The profiler of a run that was started with --profile or --force-profile."""
 
+import itertools
 import os
 
 import ConfigurationAPI_cmodule as Configuration
 
 _profile = None
+
+
+def _freePath():
+    """A path for one more profile of this process; a batch run makes one for each of its files."""
+    folder = Configuration.get("PLEXUM_PROFILING_DIR")
+    for number in itertools.count(1):
+        path = os.path.join(folder, "tavrel_profile_%d_%d.pstats" % (os.getpid(), number))
+        if not os.path.exists(path):
+            return path
 
 
 def Start():
@@ -28,13 +38,7 @@ def Stop():
     log = logging.getLogger("Profiling")
     profile, _profile = _profile, None
     profile.disable()
-    path = os.path.join(Configuration.get("PLEXUM_PROFILING_DIR"),
-                        "tavrel_profile_%d.pstats" % os.getpid())
-    number = 1
-    while os.path.exists(path):
-        number += 1
-        path = "%s_%d.pstats" % (path[:-len(".pstats")].rpartition("_%d" % (number - 1))[0]
-                                 or path[:-len(".pstats")], number)
+    path = _freePath()
     try:
         profile.dump_stats(path)
     except OSError as error:

@@ -12,19 +12,14 @@ _HISTORY_LINES = 2000
 
 
 class _Console(code.InteractiveConsole):
-    """Reports exceptions as the rest of the application does, and prompts nobody through a pipe."""
+    """Reports exceptions as the rest of the application does."""
 
-    def __init__(self, namespace, isTerminal):
-        code.InteractiveConsole.__init__(self, namespace, "<console>")
-        self._isTerminal = isTerminal
-
-    def raw_input(self, prompt=""):
-        if self._isTerminal:
-            return input(prompt)
-        line = sys.stdin.readline()
-        if not line:
-            raise EOFError
-        return line.rstrip("\n")
+    def interactWithPipe(self):
+        """As interact, without prompts; the end of the input also ends an open block."""
+        for line in sys.stdin:
+            self.push(line.rstrip("\n"))
+        if self.buffer:
+            self.push("")
 
     def runcode(self, statement):
         failure = None
@@ -101,6 +96,13 @@ def _newNamespace():
     return module
 
 
+def _banner():
+    import TavrelVersion
+
+    return ("Tavrel %s, Python %s\nNodegraphAPI, Nodes2DAPI, Nodes3DAPI and RenderingAPI are loaded; "
+            "Ctrl-D ends." % (TavrelVersion.VERSION_TEXT, sys.version.split()[0]))
+
+
 def Main(options, args):
     """Runs the files, then reads from standard input until its end or exit(). Status 0, or that of
     exit()."""
@@ -109,18 +111,10 @@ def Main(options, args):
     try:
         for path in args:
             MainPythonFile.Run([path], module)
-        isTerminal = sys.stdin.isatty() and sys.stdout.isatty()
-        console = _Console(module.__dict__, isTerminal)
-
-        def interact():
-            import TavrelVersion
-            banner = "Tavrel %s, Python %s\nNodegraphAPI, Nodes2DAPI, Nodes3DAPI and RenderingAPI " \
-                "are loaded; Ctrl-D ends." % (TavrelVersion.VERSION_TEXT, sys.version.split()[0])
-            console.interact(banner if isTerminal else "", exitmsg="")
-
-        if isTerminal:
-            _withReadline(interact, module.__dict__)
+        console = _Console(module.__dict__, "<console>")
+        if sys.stdin.isatty() and sys.stdout.isatty():
+            _withReadline(lambda: console.interact(_banner(), exitmsg=""), module.__dict__)
         else:
-            interact()
+            console.interactWithPipe()
     finally:
         sys.modules["__main__"] = entryModule
