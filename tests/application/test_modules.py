@@ -1,0 +1,183 @@
+"""The application's modules, each by itself, under the tree's own interpreter."""
+
+import logging
+import os
+import sys
+import tempfile
+import threading
+import unittest
+
+TREE = os.path.abspath(sys.argv.pop(1))
+sys.path[:0] = [os.path.join(TREE, "bin", folder)
+                for folder in ("", "python", "python/python_tavrel", "python/Main")]
+
+import ConfigurationAPI_cmodule as Configuration
+import MachineInfo
+import MainOptions
+import Nodes2DAPI
+import Nodes3DAPI
+import NodegraphAPI
+import PluginSystemAPI_cmodule as PluginSystem
+import RenderingAPI
+
+Configuration.set("TAVREL_ROOT", TREE)
+
+
+class OptionsTest(unittest.TestCase):
+    def test_what_is_accepted(self):
+        table = (  # arguments, options, args
+            ("", {}, ""),
+            ("a b", {}, "a b"),
+            ("--batch a -V 2 b", {"batch": True, "verbose": 2}, "a b"),
+            ("--batch -- --shell", {"batch": True}, "--shell"),
+            ("-V2 --shell", {"verbose": 2, "shell": True}, ""),
+            ("-V -1", {"verbose": -1}, ""),
+            ("--verb=2 --ba", {"verbose": 2, "batch": True}, ""),
+            ("--ver 2", {"verbose": 2}, ""),
+            ("--vers", {"version": True}, ""),
+            ("--verbose= 2", {"verbose": 2}, ""),
+            ("--render-threads 4", {"render-threads": 4}, ""),
+            ("--profiling-dir=a=b", {"profiling-dir": "a=b"}, ""),
+            ("--script f --help -V x -- y", {"script": ""}, "f --help -V x -- y"),
+            ("--script -V 2 f g", {"script": "", "verbose": 2}, "f g"),
+            ("--script= f", {"script": ""}, "f"),
+            ("--script=f --x", {"script": "f"}, "f --x"),
+            ("--script=f -- --batch --", {"script": "f"}, "f --batch --"),
+            ("--script f -- --batch", {"script": ""}, "f --batch"),
+            ("--script -- --f --batch", {"script": ""}, "--f --batch"),
+            ("--script - a", {"script": ""}, "- a"),
+            ("--script --help", {"script": "", "help": True}, ""),
+        )
+        for arguments, options, args in table:
+            with self.subTest(arguments):
+                self.assertEqual(MainOptions.Parse(arguments.split()), (options, args.split()))
+
+    def test_what_is_refused(self):
+        table = (
+            ("--nonsense", "unknown option --nonsense"),
+            ("-h", "unknown option -h"),
+            ("--=x", "unknown option --"),
+            ("--prof", "--prof may mean --profile or --profiling-dir"),
+            ("--batch=1", "--batch takes no value"),
+            ("--shell --shell", "--shell is given twice"),
+            ("-V", "--verbose needs a value"),
+            ("-V much", "--verbose needs a whole number, not 'much'"),
+            ("--render-threads 0", "--render-threads needs a whole number from 1, not '0'"),
+            ("--script", "--script needs a file, or - for standard input"),
+            ("a --script b", '"a" stands in front of --script; arguments of the script stand '
+                             'behind its name'),
+        )
+        for arguments, message in table:
+            with self.subTest(arguments), self.assertRaises(MainOptions.OptionError) as caught:
+                MainOptions.Parse(arguments.split())
+            self.assertEqual(str(caught.exception), message)
+
+
+class ConfigurationTest(unittest.TestCase):
+    def test_values_keep_their_bytes(self):
+        for value in ("", "text", "h\u00e9", "\udcff"):
+            Configuration.set("key \udce9", value)
+            self.assertEqual(Configuration.get("key \udce9"), value)
+            self.assertIs(Configuration.has("key \udce9"), value != "")
+
+    def test_wrong_types_are_refused(self):
+        for call, error in ((lambda: Configuration.get(1), TypeError),
+                            (lambda: Configuration.has(b"x"), TypeError),
+                            (lambda: Configuration.set("x", None), TypeError),
+                            (lambda: Configuration.set("x"), TypeError),
+                            (lambda: Configuration.set("x\0", ""), ValueError)):
+            with self.assertRaises(error):
+                call()
+
+
+class MachineTest(unittest.TestCase):
+    def test_tile_size(self):
+        for text, size, complains in (("", None, False), ("64x32", (64, 32), False),
+                                      ("8X8", (8, 8), False), ("64", None, True),
+                                      ("0x8", None, True), ("axb", None, True)):
+            with self.subTest(text):
+                Configuration.set("TAVREL_RENDER_TILE_SIZE", text)
+                with self.assertLogs("tiles") as logged:
+                    logging.getLogger("tiles").info("start")
+                    self.assertEqual(MachineInfo.Tavrel.GetRenderTileSize(
+                        customLogger=logging.getLogger("tiles")), size)
+                self.assertEqual(len(logged.output), 2 if complains else 1)
+
+    def test_batch_takes_more_of_the_machine(self):
+        machine = MachineInfo.Tavrel
+        self.assertGreater(machine.GetRenderThreadCount(), 0)
+        self.assertGreater(machine.GetImageMemoryMB(True), machine.GetImageMemoryMB(False))
+        Configuration.set("TAVREL_TMPDIR", "/nonexistent")
+        self.addCleanup(Configuration.set, "TAVREL_TMPDIR", "")
+        self.assertEqual(machine.GetImageDiskMemoryMB(True), 0)
+
+
+class GraphAndRenderTest(unittest.TestCase):
+    def setUp(self):
+        scratch = tempfile.TemporaryDirectory()
+        self.addCleanup(scratch.cleanup)
+        self.addCleanup(NodegraphAPI.SetRootNode, None)
+        self.image = os.path.join(scratch.name, "image.ppm")
+        Configuration.set("DEFAULT_RENDERER", "dl")
+        self.first, self.second = (NodegraphAPI.CreateNode("node") for _ in range(2))
+        self.second.connect(self.first)
+
+    def test_graph(self):
+        self.assertEqual([node.getName() for node in NodegraphAPI.GetAllNodes()],
+                         ["node", "node2"])
+        for refused in (lambda: self.first.connect(self.second),
+                        lambda: self.first.connect(self.first),
+                        lambda: NodegraphAPI.CreateNode("x", "node")):
+            self.assertRaises(ValueError, refused)
+        self.first.setParameter("a", 1)
+        self.second.setParameter("b", 2)
+        self.assertEqual(self.second.getParameters(), {"a": 1, "b": 2})
+        NodegraphAPI.SetRootNode(None)
+        self.assertEqual(NodegraphAPI.GetAllNodes(), [])
+
+    def test_an_image_is_made_tile_by_tile(self):
+        self.assertEqual(RenderingAPI.RenderPlugins.GetRendererPluginNames(), ["dl"])
+        self.assertEqual(RenderingAPI.RenderPlugins.GetRendererPluginNames(includeViewer=True),
+                         ["dl", "viewer"])
+        self.assertEqual([plugin["name"] for plugin in PluginSystem.FindPlugins("renderer")],
+                         ["dl", "viewer"])
+        Nodes2DAPI.SetTileSize(3, 2)
+        self.first.setParameter("color", (1, 0.5, 0))
+        self.first.setParameter("checker", 4)
+        self.assertTrue(RenderingAPI.RenderToFile(self.second, self.image, 8, 5).wait(60))
+        light, dark = b"\xff\x80\x00", b"\x7f\x40\x00"
+        with open(self.image, "rb") as image:
+            self.assertEqual(image.read(), b"P6\n8 5\n255\n" + (light * 4 + dark * 4) * 4
+                             + dark * 4 + light * 4)
+        self.assertEqual(os.listdir(os.path.dirname(self.image)), ["image.ppm"])
+
+    def test_cancelled_renders_end_before_the_next_tile(self):
+        reached, finished = threading.Event(), []
+        blocker = threading.Event()
+
+        def renderTile(*tile):
+            reached.set()
+            blocker.wait(60)
+        render = Nodes2DAPI.StartRender("preview", 640, 640, renderTile, lambda: finished.append(1))
+        self.assertTrue(reached.wait(60))
+        Nodes2DAPI.CancelRender("disk", True)
+        self.assertFalse(render.isCancelled())
+        for renderType in Nodes2DAPI.GetAllRenderTypes():
+            Nodes2DAPI.CancelRender(renderType, True)
+        blocker.set()
+        Nodes2DAPI.TerminateCancelledRenders()
+        self.assertEqual((render.state, finished, Nodes2DAPI.GetRenders()), ("cancelled", [], []))
+
+    def test_a_failed_render_raises_where_it_is_waited_for(self):
+        render = RenderingAPI.RenderToFile(self.second, self.image + "/x", 2, 2)
+        self.assertRaises(OSError, render.wait, 60)
+
+    def test_scene_renders_walk_upstream_until_cancelled(self):
+        self.assertTrue(Nodes3DAPI.StartRender(self.second, lambda node: None).wait(60))
+        render = Nodes3DAPI.StartRender(self.second, lambda node: Nodes3DAPI.CancelAllRenders())
+        self.assertTrue(render.wait(60))
+        self.assertEqual(render.visited, ["node2"])
+
+
+if __name__ == "__main__":
+    unittest.main()
