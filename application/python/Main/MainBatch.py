@@ -1,24 +1,27 @@
 """Batch mode: Python files run one after the other, without a display."""
 
-import signal
 
-_STOPPING_SIGNALS = (signal.SIGTERM, signal.SIGINT)
+def _stopInOrderOn(*names):
+    """Makes the first of these signals end the run by SystemExit; a second one ends it at once."""
+    import signal
 
+    numbers = [getattr(signal, name) for name in names]
 
-def _stopInOrder(number, frame):
-    # A second signal ends the run at once.
-    for stopping in _STOPPING_SIGNALS:
-        signal.signal(stopping, signal.SIG_DFL)
-    raise SystemExit(128 + number)
+    def stop(number, frame):
+        for each in numbers:
+            signal.signal(each, signal.SIG_DFL)
+        raise SystemExit(128 + number)
+
+    for each in numbers:
+        signal.signal(each, stop)
 
 
 def Main(options, args):
     """Runs the files in order. The first that fails, by an exception or by a status, ends the run
     with that status. SIGTERM and SIGINT end it in order, with 143 and 130."""
-    for stopping in _STOPPING_SIGNALS:
-        signal.signal(stopping, _stopInOrder)
     if not args:
         return
+    _stopInOrderOn("SIGTERM", "SIGINT")
     import MainPythonFile
     for path in args:
         try:

@@ -59,6 +59,10 @@ def _loadHistory(readline, path):
     return readline.get_current_history_length()
 
 
+def _warnOfHistory(path, error):
+    logging.getLogger("Shell").warning('The history "%s" is not kept: %s.', path, error.strerror)
+
+
 def _withReadline(interact, namespace):
     """Line editing, completion and history around the console; a terminal only."""
     import readline
@@ -70,7 +74,7 @@ def _withReadline(interact, namespace):
     try:
         linesBefore = _loadHistory(readline, path)
     except OSError as error:
-        logging.getLogger("Shell").warning('The history "%s" is not kept: %s.', path, error.strerror)
+        _warnOfHistory(path, error)
         path = None
     try:
         interact()
@@ -79,7 +83,10 @@ def _withReadline(interact, namespace):
         if path is not None:
             # Appended, so that two consoles at a time don't lose each other's lines.
             new = readline.get_current_history_length() - linesBefore
-            readline.append_history_file(max(0, new), path)
+            try:
+                readline.append_history_file(max(0, new), path)
+            except OSError as error:
+                _warnOfHistory(path, error)
 
 
 def _newNamespace():
