@@ -90,6 +90,31 @@ class ConfigurationTest(unittest.TestCase):
                 call()
 
 
+class PluginTest(unittest.TestCase):
+    def test_manifests_are_found_in_the_order_of_their_paths(self):
+        root = tempfile.TemporaryDirectory()
+        self.addCleanup(root.cleanup)
+        self.addCleanup(Configuration.set, "TAVREL_ROOT", TREE)
+        Configuration.set("TAVREL_ROOT", root.name)
+        self.assertEqual(PluginSystem.FindPlugins("renderer"), [])
+        for path, text in (("Core/Plugins/z.plugin", "type = renderer\nname=\tz \r\n"),
+                           ("B/Plugins/a.plugin", "# name = c\n\nname = b = b\ntype = renderer\n"),
+                           ("B/Plugins/other.plugin", "name = o\ntype = other\n"),
+                           ("B/Plugins/nameless.plugin", "type = renderer\n"),
+                           ("B/Plugins/readme.txt", "name = t\ntype = renderer\n"),
+                           ("B/a.plugin", "name = x\ntype = renderer\n")):
+            file = os.path.join(root.name, "plugins/Resources", path)
+            os.makedirs(os.path.dirname(file), exist_ok=True)
+            with open(file, "w") as manifest:
+                manifest.write(text)
+        with self.assertWarnsRegex(RuntimeWarning, "nameless.plugin is left out"):
+            found = PluginSystem.FindPlugins("renderer")
+        self.assertEqual([plugin["name"] for plugin in found], ["b = b", "z"])
+        self.assertEqual(os.path.relpath(found[1]["file"], root.name),
+                         "plugins/Resources/Core/Plugins/z.plugin")
+        self.assertRaises(TypeError, PluginSystem.FindPlugins, 1)
+
+
 class MachineTest(unittest.TestCase):
     def test_tile_size(self):
         for text, size, complains in (("", None, False), ("64x32", (64, 32), False),

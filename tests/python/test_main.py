@@ -1,5 +1,6 @@
 """Runs the entry script's functions against recorders of the application's modules."""
 
+import _thread
 import builtins
 import errno
 import logging
@@ -82,11 +83,14 @@ class EntryScriptTest(unittest.TestCase):
         logging.getLogger().handlers = [handler]
         logging.getLogger().setLevel(logging.DEBUG)
         sys.tavrel_verbosityLevel = 1
+        _thread.start_new_thread = lambda function, arguments: self.calls.append(
+            ("thread", function(*arguments)))
 
     def _restoreAfterwards(self):
         self.addCleanup(logging.captureWarnings, False)
         self.addCleanup(sys.setrecursionlimit, sys.getrecursionlimit())
-        for owner, name in ((sys, "excepthook"), (warnings, "filters")):
+        for owner, name in ((sys, "excepthook"), (warnings, "filters"),
+                            (_thread, "start_new_thread")):
             self.addCleanup(setattr, owner, name, getattr(owner, name))
         modules, environment, finders = dict(sys.modules), dict(os.environ), list(sys.meta_path)
 
@@ -143,9 +147,9 @@ class EntryScriptTest(unittest.TestCase):
                 module = "UI" if mode == "ui" else mode.capitalize()
                 self.assertEqual(self.run_main(), 0)
                 others = [(("set", key, "")) for other, key in MODES.items() if other != mode]
-                self.assertEqual(self.calls[:7], [
+                self.assertEqual(self.calls[:8], [
                     ("MainEnvironment.Init",), ("MainLogging.Init",), ("MainOptions.GetOptions",),
-                    ("set", MODES[mode], "1")] + others)
+                    ("thread", None), ("set", MODES[mode], "1")] + others)
                 self.assertEqual(self.calls[-8:], [
                     ("MainCommon.ProcessOptions", options),
                     ("Main%s.Main" % module, options, ["rest"])] + self.CLEAN_UP)
@@ -250,13 +254,16 @@ class EntryScriptTest(unittest.TestCase):
         self.assertIsNone(namespace["makeTmpDirectory"]())
 
     def test_specific_warnings_come_before_the_general_filter(self):
-        self.run_main()
+        sys.tavrel_verbosityLevel = 0
+        self.run_main(DEFAULT_RENDERER="a")
         self.assertEqual([(action, message and message.pattern, category)
                           for action, message, category, _, _ in warnings.filters[:4]], [
             ("ignore", "the sets module is deprecated.*", DeprecationWarning),
             ("ignore", "The popen2 module is deprecated.*", DeprecationWarning),
             ("ignore", r"object\.__new__\(\) takes no parameters", DeprecationWarning),
             ("default", None, Warning)])
+        warnings.warn("to the log")
+        self.assertEqual([record.name for record in self.records], ["py.warnings"])
 
     def test_settings_follow_configuration_and_machine(self):
         debug = ("Nodes2DAPI.SetRenderDebug", 1)
