@@ -50,8 +50,8 @@ def drop_privileges():
         os.setuid(NOBODY)
 
 
-def can_mount():
-    return subprocess.run(["unshare", "--mount", "true"], stderr=subprocess.DEVNULL).returncode == 0
+def can_unshare(space):
+    return subprocess.run(["unshare", "--mount", space, "--fork", "true"], stderr=subprocess.DEVNULL).returncode == 0
 
 
 def await_state(process, letter, executable):
@@ -64,6 +64,23 @@ def await_state(process, letter, executable):
             return
         os.sched_yield()
     raise AssertionError(f"process {process.pid} is not in state {letter}")
+
+
+def reuse_pid(program, tree):
+    """Gives the id of the process that is waited for to a stranger. Runs in a name space of its own."""
+    launcher = subprocess.Popen(["cat"], stdin=subprocess.PIPE)
+    cleanup = subprocess.Popen([program, str(launcher.pid), tree], preexec_fn=KERNELS["ENOSYS"])
+    await_state(cleanup, "S", program)
+    tick = time.monotonic() + 2 / os.sysconf("SC_CLK_TCK")
+    while time.monotonic() < tick:  # start times are counted in ticks
+        os.sched_yield()
+    launcher.stdin.close()
+    launcher.wait()
+    with open("/proc/sys/kernel/ns_last_pid", "w") as file:
+        file.write(str(launcher.pid - 1))
+    with subprocess.Popen(["cat"], stdin=subprocess.PIPE) as stranger:
+        assert stranger.pid == launcher.pid, stranger.pid
+        return cleanup.wait(30)
 
 
 class CleanupCase(unittest.TestCase):
@@ -106,7 +123,7 @@ class CleanupCase(unittest.TestCase):
 class CleanupTest(CleanupCase):
     def fill_with_oddities(self):
         tree = os.fsencode(self.tree)
-        for folder in (b"plain/a/b", b"closed/in", b"unreadable/in", b"unsearchable/in", b"sealed/in"):
+        for folder in (b"plain/a/b", b"closed/in", b"unreadable/in", b"unsearchable/in", b"sealed/in", b"/d" * 40):
             os.makedirs(tree + b"/" + folder)
             write(tree + b"/" + folder + b"/file")
         for name in (b"\xff\xfe", b"\n\t\x01", b"-rf *", b"n" * 255, b" ", b"..."):
@@ -122,6 +139,9 @@ class CleanupTest(CleanupCase):
                 for name in [folder] + [os.path.join(folder, n) for n in folders + files]:
                     os.chown(name, NOBODY, NOBODY, follow_symlinks=False)
             os.chown(self.scratch, NOBODY, NOBODY)
+        # Deep enough to be moved up, which needs the right to write in each of the folders involved.
+        for depth in range(40, 28, -1):
+            os.chmod(tree + b"/d" * depth, 0)
         for name, mode in ((b"/closed", 0), (b"/unreadable", 0o300), (b"/unsearchable", 0o400),
                            (b"/sealed/in", 0o500), (b"/sealed", 0o500), (b"", 0)):
             os.chmod(tree + name, mode)
@@ -199,6 +219,20 @@ class CleanupTest(CleanupCase):
         self.assert_one_line(text, "'tree' is relative to")
         self.assertTrue(os.path.exists(self.tree + "/file"))
 
+    def test_process_that_nobody_knows_has_ended(self):
+        for kernel, prepare in KERNELS.items():
+            write(self.tree + "/file")
+            unknown = str(2**31 - 1)  # above any limit that Linux has
+            subprocess.run([self.program, unknown, self.tree], check=True, timeout=30, preexec_fn=prepare)
+            self.assertFalse(os.path.exists(self.tree), kernel)
+
+    @unittest.skipUnless(can_unshare("--pid"), "needs a space of process ids of its own")
+    def test_process_table_tells_a_stranger_with_the_same_id(self):
+        write(self.tree + "/file")
+        role = [sys.executable, "-B", __file__, "reuse_pid", self.program, self.tree]
+        subprocess.run(["unshare", "--pid", "--fork", "--mount-proc", *role], check=True, timeout=60)
+        self.assertFalse(os.path.exists(self.tree))
+
     @unittest.skipIf(os.environ.get("TAVREL_SANITIZER"), "a sanitizer takes more memory and descriptors")
     def test_depth_and_width_cost_neither_memory_nor_descriptors(self):
         def build_deep(levels):
@@ -274,7 +308,7 @@ class CleanupTest(CleanupCase):
 class CleanupMountTest(CleanupCase):
     scratch_base = None  # /dev is covered here
 
-    @unittest.skipUnless(can_mount(), "needs a mount namespace of its own")
+    @unittest.skipUnless(can_unshare("--mount"), "needs a mount namespace of its own")
     def test_mount_points_stay_and_the_system_log_is_told(self):
         for name in ("tree/tmpfs", "tree/bind", "dev"):
             os.makedirs(self.path(name))
@@ -295,4 +329,6 @@ class CleanupMountTest(CleanupCase):
 
 
 if __name__ == "__main__":
+    if sys.argv[1:2] == ["reuse_pid"]:
+        sys.exit(reuse_pid(*sys.argv[2:]))
     unittest.main()
