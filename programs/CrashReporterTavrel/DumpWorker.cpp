@@ -9,6 +9,7 @@
 #include <cstring>
 #include <ctime>
 #include <iostream>
+#include <utility>
 #include <vector>
 
 #include "client/linux/crash_generation/client_info.h"
@@ -54,12 +55,11 @@ void onDump(void* context, const google_breakpad::ClientInfo* client, const std:
             return;  // a second thread of the same process: the staging folder's end is this dump's
         }
     }
-    if (const int error = taken.task.staging.publish(file, file); error != 0) {
-        taken.error = error;
-        return;
+    Dump dump{takeSnapshot(client->pid()), file.substr(0, file.rfind('.')), std::time(nullptr)};
+    taken.error = taken.task.staging.publish(file, file);
+    if (taken.error == 0) {
+        taken.dumps.push_back(std::move(dump));
     }
-    taken.dumps.push_back(
-        {takeSnapshot(client->pid()), file.substr(0, file.rfind('.')), std::time(nullptr)});
 }
 
 // EPERM when this process may not trace the client, else 0. A read of its memory asks for the same
@@ -183,8 +183,8 @@ int runWorker(const WorkerTask& task) {
     for (const Dump& dump : taken.dumps) {
         report(task, dump);
     }
-    task.folder.removeOldest(kPairsKept);
     tell(task, Progress::Stage::Reported, taken.dumps.back().guid);
+    task.folder.removeOldest(kPairsKept);
     if (task.prompt && hasDisplay()) {
         letGoOfStandardError();
         const std::string& guid = taken.dumps.back().guid;
