@@ -28,6 +28,7 @@ ScopedExitHandlers::ScopedExitHandlers() {
     liveHandlers = this;
 }
 
+// NOLINTNEXTLINE(bugprone-exception-escape): it ends the process, as the header says
 ScopedExitHandlers::~ScopedExitHandlers() {
     runAll();
     liveHandlers = nullptr;

@@ -25,6 +25,7 @@ class ScopedExitHandlers {
 
     /// Runs all handlers. An exception that leaves one of them ends the process. A handler that is
     /// registered meanwhile is not run.
+    // NOLINTNEXTLINE(bugprone-exception-escape)
     ~ScopedExitHandlers();
 
     ScopedExitHandlers(const ScopedExitHandlers&) = delete;
