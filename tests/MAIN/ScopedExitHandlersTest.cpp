@@ -1,0 +1,81 @@
+#include "MAIN/src/ScopedExitHandlers.h"
+
+#include <gmock/gmock.h>
+
+#include <boost/thread/thread.hpp>
+#include <stdexcept>
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+std::vector<int> calls;
+int one = 1, two = 2, three = 3;
+
+void record(void* argument) {
+    calls.push_back(argument ? *static_cast<int*>(argument) : 0);
+}
+void fail(void*) {
+    throw std::runtime_error("handler failed");
+}
+
+}  // namespace
+
+TEST(ScopedExitHandlers, RunsTheLastFirstOnDestruction) {
+    calls.clear();
+    {
+        ScopedExitHandlers handlers;
+        EXPECT_EQ(ScopedExitHandlers::instance(), &handlers);
+        handlers.add(record, &one);
+        handlers.add(record, nullptr);
+        handlers.add(record, &three);
+        EXPECT_THAT(calls, IsEmpty());
+    }
+    EXPECT_THAT(calls, ElementsAre(3, 0, 1));
+    EXPECT_EQ(ScopedExitHandlers::instance(), nullptr);
+}
+
+TEST(ScopedExitHandlers, EmptiedSlotsServeAgainAndDoNotSettleTheOrder) {
+    calls.clear();
+    ScopedExitHandlers handlers;
+    EXPECT_EQ(handlers.add(record, &one), 0U);
+    EXPECT_EQ(handlers.add(record, &two), 1U);
+    EXPECT_EQ(handlers.add(record, &two), 2U);
+    handlers.remove(0);
+    handlers.remove(1);
+    handlers.remove(1);  // empty already: must not be offered twice
+    handlers.remove(17);
+    EXPECT_EQ(handlers.add(record, &three), 1U);
+    EXPECT_EQ(handlers.add(record, &one), 0U);
+    EXPECT_EQ(handlers.add(record, nullptr), 3U);
+    handlers.runAll();
+    handlers.runAll();
+    EXPECT_THAT(calls, ElementsAre(0, 1, 3, 2));
+    EXPECT_EQ(handlers.add(record, &three), 3U);
+}
+
+TEST(ScopedExitHandlers, HandlerMayUseTheObjectThatRunsIt) {
+    calls.clear();
+    ScopedExitHandlers handlers;
+    const auto registerAnother = [](void* argument) {
+        // From another thread, too: a lock still held would hang here.
+        boost::thread([argument] {
+            ScopedExitHandlers* live = ScopedExitHandlers::instance();
+            calls.push_back(static_cast<int>(live->add(record, argument)));
+            live->remove(0);
+        }).join();
+    };
+    handlers.add(registerAnother, &two);
+    handlers.runAll();
+    EXPECT_THAT(calls, ElementsAre(1));  // a slot of its own, and not run in this round
+    handlers.runAll();
+    EXPECT_THAT(calls, ElementsAre(1, 2));
+}
+
+TEST(ScopedExitHandlers, ExceptionPassesRunAllAndEndsTheProcessFromTheDestructor) {
+    ScopedExitHandlers handlers;
+    handlers.add(fail, nullptr);
+    EXPECT_THROW(handlers.runAll(), std::runtime_error);
+    EXPECT_DEATH(ScopedExitHandlers().add(fail, nullptr), "handler failed");
+}
