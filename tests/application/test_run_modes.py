@@ -24,6 +24,9 @@ class RunModesTest(unittest.TestCase):
         self.environment = {
             "HOME": self.home, "PATH": os.environ["PATH"], "TERM": "dumb", "LANG": "C.UTF-8",
             "TMPDIR": self.home, "TAVREL_KEEP_TMPDIR": "1", "TAVREL_CRASH_HANDLING": "0"}
+        for name in ("ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"):
+            if name in os.environ:
+                self.environment[name] = os.environ[name]
 
     def write(self, name, text):
         path = os.path.join(self.home, name)
