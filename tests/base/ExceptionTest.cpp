@@ -183,10 +183,13 @@ TEST(Exception, RememberingAgainTakesOverTheOtherList) {
 
     // Both lists have one element: it is merged, and the value here wins.
     Exception other = withMessage("third");
-    other.rememberPrevious(withMessage("below third"));
+    Exception below = withMessage("below third");
+    below << Number("Extra", 9);
+    other.rememberPrevious(below);
     newest.rememberPrevious(other);
     EXPECT_EQ(count(newest.reportText(), "PREVIOUSLY THREW"), 2U);
     EXPECT_EQ(count(newest.reportText(), "[UserMessage] = second"), 1U);
+    EXPECT_EQ(count(newest.reportText(), "[Extra] = 9"), 1U);
     EXPECT_EQ(count(newest.reportText(), "below third"), 0U);
 
     newest.rememberPrevious(newest);
