@@ -8,15 +8,15 @@
 /// shows the call that was made last, innermost frame first:
 ///
 ///     C function call
-///     140305811343104 10 12 render /tree/scene.py
-///      140305811343104 1 40 <module> /tree/job.py
+///     140305811343104 10 10 render /tree/scene.py
+///      140305811343104 1 1 <module> /tree/job.py
 ///
 /// Each frame line holds its depth in blanks, the thread, the function's first line, the frame's
 /// line as the interpreter stored it (brought up to date only while a tracer runs, so most often
 /// the function's first line again), the function and the file, each followed by a blank.
 ///
 /// The price is high: every call of every function pays for an open, a truncation and a write per
-/// frame, which makes code that calls much some hundred times slower. See docs/crash-reports.md.
+/// frame. docs/python-stack-log.md tells how much that is.
 ///
 /// All functions need the interpreter lock and report nothing: what can't be written is left out.
 /// Threads write the same file; it shows the last writer.
