@@ -1,5 +1,5 @@
-// What a batch start with an empty job costs, beside the floor; and what the floor would cost if it
-// linked the libraries of the OpenGL probe.
+// What a batch start with an empty job costs, beside the floor; and what the floor would cost if
+// it linked the libraries of the OpenGL probe.
 //
 //   StartBenchmark TREE FLOOR FLOOR_WITH_GL
 //
@@ -27,7 +27,8 @@ using Words = std::vector<std::string>;
 
 // Odd, so that the median is a run that took place.
 constexpr int warmUpRuns = 5;
-constexpr int countedRuns = 101;
+constexpr int countedRuns = 61;
+constexpr const char* noLimit = "-";
 
 struct Cost {
     double wallMs;
@@ -96,10 +97,23 @@ double median(const Candidate& candidate, double Cost::*what) {
     return values[countedRuns / 2];
 }
 
-void printRow(const char* what, const char* unit, double measured, double floor,
-              const char* limit) {
-    std::printf("%s\t%.2f %s\t%.2f %s\t%.3f\t%s\n", what, measured, unit, floor, unit,
-                measured / floor, limit);
+void printComparison(const std::string& what, const Candidate& measured, const Candidate& floor,
+                     const char* timeLimit, const char* memoryLimit) {
+    const struct {
+        const char* name;
+        double Cost::*figure;
+        const char* unit;
+        double divisor;
+        const char* limit;
+    } rows[] = {{", time", &Cost::wallMs, "ms", 1.0, timeLimit},
+                {", processor time", &Cost::processorMs, "ms", 1.0, noLimit},
+                {", peak memory", &Cost::peakKib, "MiB", 1024.0, memoryLimit}};
+    for (const auto& row : rows) {
+        const double value = median(measured, row.figure) / row.divisor;
+        const double floorValue = median(floor, row.figure) / row.divisor;
+        std::printf("%s%s\t%.2f %s\t%.2f %s\t%.3f\t%s\n", what.c_str(), row.name, value, row.unit,
+                    floorValue, row.unit, value / floorValue, row.limit);
+    }
 }
 
 /// A folder for everything that the runs write, gone with the object.
@@ -126,7 +140,7 @@ class Scratch {
 // start has imported.
 std::string listModulesOfAStart(const Words& command, const Words& environment,
                                 const std::string& folder) {
-    const std::string list = folder + "/modules";
+    std::string list = folder + "/modules";
     std::ofstream(folder + "/sitecustomize.py")
         << "import atexit, sys\n"
            "def write():\n"
@@ -152,12 +166,13 @@ void measure(const std::string& tree, const std::string& floor, const std::strin
     const Words environment = {"PATH=/usr/bin:/bin", "LANG=C.UTF-8", "HOME=" + scratch.path(),
                                "TMPDIR=" + scratch.path()};
     const Words batch = {tree + "/bin/tavrel", "--batch"};
-    const std::string home = tree + "/bin/python3.7";
     const std::string list = listModulesOfAStart(batch, environment, scratch.path());
     std::filesystem::remove(scratch.path() + "/sitecustomize.py");
 
-    Candidate candidates[] = {
-        {batch, {}}, {{floor, home, list}, {}}, {{floorWithGl, home, list}, {}}};
+    Candidate candidates[] = {{batch, {}},
+                              {{floor, tree, list, "run"}, {}},
+                              {{floor, tree, list, "import"}, {}},
+                              {{floorWithGl, tree, list, "run"}, {}}};
     for (int n = -warmUpRuns; n < countedRuns; ++n) {
         for (Candidate& candidate : candidates) {
             const Cost cost = run(candidate.command, environment);
@@ -166,16 +181,10 @@ void measure(const std::string& tree, const std::string& floor, const std::strin
             }
         }
     }
-    const auto& [start, bare, bareWithGl] = candidates;
-    constexpr double kibPerMib = 1024.0;
-    printRow("empty batch start, time", "ms", median(start, &Cost::wallMs),
-             median(bare, &Cost::wallMs), "1.10");
-    printRow("empty batch start, processor time", "ms", median(start, &Cost::processorMs),
-             median(bare, &Cost::processorMs), "-");
-    printRow("empty batch start, peak memory", "MiB", median(start, &Cost::peakKib) / kibPerMib,
-             median(bare, &Cost::peakKib) / kibPerMib, "1.15");
-    printRow("floor that links libX11 and libGL, time", "ms", median(bareWithGl, &Cost::wallMs),
-             median(bare, &Cost::wallMs), "-");
+    const auto& [start, bare, importing, bareWithGl] = candidates;
+    printComparison("empty batch start", start, bare, "1.10", "1.15");
+    printComparison("the same against imports alone", start, importing, noLimit, noLimit);
+    printComparison("floor that links libX11 and libGL", bareWithGl, bare, noLimit, noLimit);
 }
 
 }  // namespace

@@ -1,17 +1,33 @@
 // The least that a start of the application can cost: the interpreter of the tree, embedded with
-// the same home, imports the modules that a start imports, in their order, and ends.
+// the same home and search path, and nothing of the launcher around it.
 //
-//   StartFloor HOME LIST
+//   StartFloor TREE LIST import    imports the modules that a batch start imports, in their order
+//   StartFloor TREE LIST run       runs the entry script for a batch without a job
 //
 // LIST holds the search path on its first line, entries joined with ":", then a module name a line.
 
 #include <Python.h>
+#include <marshal.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <string.h>
+#include <unistd.h>
 
-static int importModules(FILE* list, char* line, int size) {
-    while (fgets(line, size, list) != NULL) {
-        line[strcspn(line, "\n")] = '\0';
+extern const unsigned char entryScript[];
+extern const uint32_t entryScriptLength;
+
+static char line[65536];
+
+static int readLine(FILE* list) {
+    if (fgets(line, sizeof line, list) == NULL) {
+        return 0;
+    }
+    line[strcspn(line, "\n")] = '\0';
+    return 1;
+}
+
+static int importModules(FILE* list) {
+    while (readLine(list)) {
         PyObject* module = PyImport_ImportModule(line);
         if (module == NULL) {
             PyErr_Print();
@@ -22,20 +38,47 @@ static int importModules(FILE* list, char* line, int size) {
     return 0;
 }
 
+// What the launcher would have told the script: the configuration, its arguments, its attributes.
+static int prepareScript(const char* tree) {
+    snprintf(line, sizeof line,
+             "import ConfigurationAPI_cmodule as configuration, os, sys\n"
+             "configuration.set('TAVREL_ROOT', '%s')\n"
+             "configuration.set('TAVREL_TMPDIR', os.environ['TMPDIR'] + '/tavrel_tmpdir_%d')\n"
+             "configuration.set('RUNTIME_USE_SYNC', '1')\n"
+             "sys.argv = ['%s/bin/python/Main/Main.pyc', '--batch']\n"
+             "sys.tavrel_verbosityLevel = 1\n"
+             "sys.tavrel_BUILD_TIME = ''\n",
+             tree, (int)getpid(), tree);
+    return PyRun_SimpleString(line);
+}
+
+static int runScript(const char* tree) {
+    if (prepareScript(tree) != 0) {
+        return 1;
+    }
+    PyObject* code = PyMarshal_ReadObjectFromString((const char*)entryScript, entryScriptLength);
+    PyObject* module = PyImport_ExecCodeModule("__main__", code);
+    if (module == NULL) {
+        PyErr_Print();  // leaves with the status of a SystemExit, having finalised
+        return 1;
+    }
+    Py_DECREF(module);
+    return 0;
+}
+
 int main(int argc, char** argv) {
-    static char line[65536];
-    FILE* list = argc == 3 ? fopen(argv[2], "re") : NULL;
-    if (list == NULL || fgets(line, sizeof line, list) == NULL) {
-        fprintf(stderr, "usage: StartFloor HOME LIST\n");
+    FILE* list = argc == 4 ? fopen(argv[2], "re") : NULL;
+    if (list == NULL || !readLine(list)) {
+        fprintf(stderr, "usage: StartFloor TREE LIST import|run\n");
         return 2;
     }
-    line[strcspn(line, "\n")] = '\0';
-    Py_SetPythonHome(Py_DecodeLocale(argv[1], NULL));
-    Py_Initialize();
     wchar_t* path = Py_DecodeLocale(line, NULL);
+    snprintf(line, sizeof line, "%s/bin/python3.7", argv[1]);
+    Py_SetPythonHome(Py_DecodeLocale(line, NULL));
+    Py_Initialize();
     PySys_SetPath(path);
     PyMem_RawFree(path);
-    int status = importModules(list, line, sizeof line);
+    int status = strcmp(argv[3], "run") == 0 ? runScript(argv[1]) : importModules(list);
     fclose(list);
     Py_Finalize();
     return status;
