@@ -2,9 +2,9 @@
 
 #include <cstdint>
 
-/// The application's entry script, python/Main/Main.py, as a marshalled code object of the tree's own
-/// interpreter. The build compiles it in (see cmake/EmbedEntryScript.cmake), so that a run needs no
-/// file for it. Read-only data of the executable.
+/// The application's entry script, python/Main/Main.py, as a marshalled code object of the tree's
+/// own interpreter. The build compiles it in (see cmake/EmbedEntryScript.cmake), so that a run
+/// needs no file for it. Read-only data of the executable.
 extern const unsigned char entryScript[];
 
 /// Number of bytes in entryScript.
