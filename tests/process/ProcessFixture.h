@@ -1,0 +1,54 @@
+#pragma once
+
+// What tests of processes share: a check that nothing is left behind, and children that are roles
+// of the test program itself (see Roles.cpp).
+
+#include <csignal>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <boost/filesystem/path.hpp>
+
+#include "process/Subprocess.h"
+
+namespace Plexum3::Base {
+
+// Longer than anything takes on a loaded machine: what exceeds it hangs.
+constexpr int DEADLINE_MS = 60'000;
+
+// Afterwards there are the same open descriptors, the same signal mask and no child.
+class ProcessFixture : public ::testing::Test {
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // A folder of this test's own, made on the first call and removed afterwards.
+    const boost::filesystem::path& scratch();
+
+  private:
+    std::map<int, std::string> descriptors_;
+    sigset_t mask_{};
+    boost::filesystem::path scratch_;
+};
+
+// Open descriptors of this process, but for the one it looks with, and what they are open on.
+std::map<int, std::string> openDescriptors();
+
+// Runs one role of the test program, see Roles.cpp.
+SubprocessOptions role(const std::vector<std::string>& words);
+
+// All that is written to `fd` until its last writer closes it, or what came before the deadline.
+std::string readToEnd(int fd);
+
+struct Ended {
+    Subprocess child;
+    std::string output;
+    std::string errors;
+};
+
+// Launches, reads standard output and error to their ends, and reaps the child if there is one.
+Ended run(SubprocessOptions options);
+
+}  // namespace Plexum3::Base
