@@ -78,7 +78,10 @@ class SystemTest(unittest.TestCase):
         self.reap()
 
     def scratch_tree(self, *args, **kwargs):
-        return ScratchTree(self, *args, **kwargs)
+        tree = ScratchTree(self, *args, **kwargs)
+        # Runs before the tree is removed: what still runs there may still write there.
+        self.addCleanup(self._leave_nothing_running)
+        return tree
 
     def reap(self):
         """Waits for everything that ended launchers left; exit codes by process id."""

@@ -13,9 +13,9 @@ import time
 PR_SET_PDEATHSIG = 1
 PR_SET_CHILD_SUBREAPER = 36
 LIBC = ctypes.CDLL(None)
-EVERY_SIGNAL = (1 << 64) - 1
-# glibc keeps signals 32 and 33 for itself; SIGKILL and SIGSTOP can't be blocked.
-BLOCKABLE = EVERY_SIGNAL & ~sum(1 << (n - 1) for n in (signal.SIGKILL, signal.SIGSTOP, 32, 33))
+# What blocking everything comes to: SIGKILL and SIGSTOP can't be blocked, and glibc keeps 32 and 33
+# for itself (but blocks them, too, in a thread that is just being made).
+ALL_BLOCKED = (1 << 64) - 1 & ~sum(1 << (n - 1) for n in (signal.SIGKILL, signal.SIGSTOP, 32, 33))
 
 LIBC.prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
 

@@ -3,10 +3,11 @@
 import os
 import subprocess
 import sys
+import time
 import unittest
 
 from launch import DEADLINE_SECONDS, SystemTest
-from process_table import BLOCKABLE, identity, thread_statuses
+from process_table import ALL_BLOCKED, identity, thread_statuses
 
 VARIABLE = "__TAVREL_CONTROLLING_PROCESS"
 WAIT = "import sys; sys.stdin.read()"
@@ -28,9 +29,17 @@ class WatchdogTest(SystemTest):
         super().setUp()
         self.tree = self.scratch_tree()
 
-    def watched_threads(self, process):
-        return [status for status in thread_statuses(process.pid)
-                if status["SigBlk"] & BLOCKABLE == BLOCKABLE]
+    def await_watching_threads(self, process, count):
+        """The threads that block all signals, once there are so many: a thread that is just being
+        made may look like one for a moment, or not yet."""
+        deadline = time.monotonic() + DEADLINE_SECONDS
+        while True:
+            threads = [status for status in thread_statuses(process.pid)
+                       if status["SigBlk"] == ALL_BLOCKED]
+            if len(threads) == count:
+                return threads
+            self.assertLess(time.monotonic(), deadline, threads)
+            time.sleep(0.01)
 
     def controlling_process(self):
         """A process that a test can end and leave as a zombie."""
@@ -46,15 +55,14 @@ class WatchdogTest(SystemTest):
     def test_absent_variable_starts_no_thread_and_publishes_the_process(self):
         process, published = self.start_watching(None)
         self.assertEqual(published, identity(process.pid))
-        self.assertEqual(self.watched_threads(process), [])
+        self.await_watching_threads(process, 0)
         self.assertEqual(self.finish(self.tree, process).err.count("[BOOTSTRAP]"), 0)
 
     def test_watching_thread_blocks_every_signal_and_the_main_thread_none(self):
         process, published = self.start_watching(identity(os.getpid()))
         self.assertEqual(published, identity(process.pid))
-        threads = self.watched_threads(process)
-        self.assertEqual(len(threads), 1)
-        self.assertNotEqual(int(threads[0]["Pid"]), process.pid)
+        watching, = self.await_watching_threads(process, 1)
+        self.assertNotEqual(int(watching["Pid"]), process.pid)
         main = next(s for s in thread_statuses(process.pid) if int(s["Pid"]) == process.pid)
         self.assertEqual(main["SigBlk"], 0)
         self.assertEqual(self.finish(self.tree, process).status, 0)
@@ -64,7 +72,7 @@ class WatchdogTest(SystemTest):
             with self.subTest(value):
                 process, published = self.start_watching(value)
                 self.assertEqual(published, identity(process.pid))
-                self.assertEqual(self.watched_threads(process), [])
+                self.await_watching_threads(process, 0)
                 ended = self.finish(self.tree, process)
                 self.assertEqual(ended.status, 0)
                 self.assertTrue(ended.err.startswith(
@@ -76,7 +84,7 @@ class WatchdogTest(SystemTest):
         for value in (own.replace(";", ":"), own.replace(";", " ; "), own + " and more"):
             with self.subTest(value):
                 process, _ = self.start_watching(value)
-                self.assertEqual(len(self.watched_threads(process)), 1)
+                self.await_watching_threads(process, 1)
                 self.assertEqual(self.finish(self.tree, process).status, 0)
 
     def test_other_creation_time_ends_the_process_silently(self):
