@@ -172,6 +172,7 @@ void reportUnwatchableProcess(std::int32_t pid, const boost::system::error_code&
 constexpr char pythonVersion[] = "3.7";
 constexpr char pythonFolder[] = "python3.7";
 constexpr char pythonLibraryFolder[] = "python3.7/lib/python3.7";
+constexpr char sourceUnit[] = "UTIL/src/TavrelBootstrap";
 constexpr int errorLineNumber = 345;
 
 using WideString = std::unique_ptr<wchar_t, decltype(&PyMem_RawFree)>;
@@ -217,6 +218,26 @@ PythonReference pythonText(const std::string& text) {
     return PythonReference(PyUnicode_FromString(text.c_str()));
 }
 
+const ZkLoggingHost::ZkLoggerGlue& bootstrapLogger() {
+    static const ZkLoggingHost::ZkLoggerGlue logger("BOOTSTRAP");
+    return logger;
+}
+
+// Null for an entry that isn't UTF-8. Put into the list, it would leave an exception pending that
+// ends the whole start in words that name no entry.
+PythonReference searchPathText(const std::string& entry) {
+    PythonReference text = pythonText(entry);
+    if (text.get() == nullptr) {
+        PyErr_Clear();
+        if (bootstrapLogger().errorEnabled()) {
+            const std::string message =
+                "Leaving out an entry of the Python search path that is not UTF-8: " + entry;
+            bootstrapLogger().error(message.c_str(), sourceUnit, __LINE__);
+        }
+    }
+    return text;
+}
+
 void setSysAttribute(const char* name, const PythonReference& value) {
     PySys_SetObject(name, value.get());
 }
@@ -252,19 +273,18 @@ std::vector<std::string> buildSearchPath(const std::vector<std::string>& treeEnt
     const PythonReference sys(PyImport_ImportModule("sys"));
     const PythonReference searchPath(PyObject_GetAttrString(sys.get(), "path"));
     for (auto entry = treeEntries.rbegin(); entry != treeEntries.rend(); ++entry) {
-        PyList_Insert(searchPath.get(), 0, pythonText(*entry).get());
+        if (const PythonReference text = searchPathText(*entry); text.get() != nullptr) {
+            PyList_Insert(searchPath.get(), 0, text.get());
+        }
     }
     std::vector<std::string> postEntries;
     splitConfiguredList("TAVREL_POST_PYTHONPATH", postEntries);
     for (const std::string& entry : postEntries) {
-        PyList_Append(searchPath.get(), pythonText(entry).get());
+        if (const PythonReference text = searchPathText(entry); text.get() != nullptr) {
+            PyList_Append(searchPath.get(), text.get());
+        }
     }
     return dropDuplicates(searchPath.get());
-}
-
-const ZkLoggingHost::ZkLoggerGlue& bootstrapLogger() {
-    static const ZkLoggingHost::ZkLoggerGlue logger("BOOTSTRAP");
-    return logger;
 }
 
 void publishSearchPath(const std::string& searchPath) {
@@ -275,7 +295,7 @@ void publishSearchPath(const std::string& searchPath) {
     if (PyRun_SimpleStringFlags(script.c_str(), nullptr) == -1 &&
         bootstrapLogger().errorEnabled()) {
         bootstrapLogger().error("Error setting TAVREL_INTERNAL_PYTHONPATH in `os.environ`.",
-                                "UTIL/src/TavrelBootstrap", errorLineNumber);
+                                sourceUnit, errorLineNumber);
     }
 }
 
