@@ -1,9 +1,9 @@
 """Crash capture against Breakpad's client and server with nothing around them.
 
 crash_against_bare.py CRASH_TIMES REPORTER BARE_REPORTER [RUNS]: both sides in turn, RUNS times each
-(21 unless given, a third of it with many threads); the medians are compared. Arming, then the time from the signal to the end of the
-process, out of process and in process, with one thread and with 201; and the memory of the idle
-reporter with all its processes.
+(21 unless given, a third of it with many threads); the medians are compared. Arming, then the time
+from the signal to the end of the process, out of process and in process, with one thread and with
+201; and the memory of the idle reporter with all its processes.
 """
 import os
 import select

@@ -1,0 +1,76 @@
+"""Launchers that crash, and the dumps that they leave."""
+
+import os
+import re
+import resource
+import subprocess
+import sys
+from pathlib import Path
+
+HERE = Path(__file__).resolve().parent
+sys.path.insert(0, str(HERE.parent))
+
+from launch import SystemTest  # noqa: E402  (found only with the line above)
+
+BREAKPAD = Path(os.environ["TAVREL_BREAKPAD_BIN"])
+IN_PROCESS_FOLDER = Path("/var/tmp")
+
+
+def own_dumps_in_process(tree):
+    """In-process dumps of this scratch tree's launchers, among everybody's.
+
+    A dump names the modules of its process, in UTF-16; no other launcher has this tree's path.
+    """
+    mark = str(tree.bin / "tavrel").encode("utf-16-le")
+    found = []
+    for dump in IN_PROCESS_FOLDER.glob("*-*-*-*-*.dmp"):
+        try:
+            if dump.stat().st_uid == os.geteuid() and mark in dump.read_bytes():
+                found.append(dump)
+        except FileNotFoundError:
+            pass  # another test's, removed meanwhile
+    return found
+
+
+def remove_own_dumps_in_process(tree):
+    for dump in own_dumps_in_process(tree):
+        dump.unlink()
+
+
+def no_core():
+    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+
+
+class Crashed:
+    """ended: how the launcher ended; pid, thread: what the script said; dumps, reports: paths."""
+
+    def __init__(self, ended, folder, tree):
+        self.ended = ended
+        self.pid, self.thread = (int(number) for number in ended.out.split()[-2:])
+        self.dumps = sorted(folder.glob("*.dmp")) + own_dumps_in_process(tree)
+        self.reports = sorted(folder.glob("*.txt"))
+        self.others = [file for file in folder.iterdir() if file not in self.dumps + self.reports]
+
+
+class CrashTest(SystemTest):
+    def crash(self, tree, kind, env=None, **start):
+        folder = tree.folder / "dumps"
+        folder.mkdir(exist_ok=True)
+        for old in folder.iterdir():
+            old.unlink()
+        remove_own_dumps_in_process(tree)
+        self.addCleanup(remove_own_dumps_in_process, tree)
+        ended = self.run_launcher(tree, "--script", str(HERE / "crashing.py"), kind, preexec_fn=no_core, **start,
+                                  env={"TAVREL_CRASH_HANDLING": "1", "TAVREL_CRASH_DIR": str(folder),
+                                       **(env or {})})
+        return Crashed(ended, folder, tree)
+
+    def blamed(self, dump):
+        """(crash reason, thread) as Breakpad's own tools read them from a dump."""
+        walk, fields = (subprocess.run([BREAKPAD / tool, dump], stdout=subprocess.PIPE,
+                                       stderr=subprocess.DEVNULL, check=False).stdout.decode(errors="replace")
+                        for tool in ("minidump_stackwalk", "minidump_dump"))
+        reason = re.search(r"^Crash reason:\s+(\S+)", walk, re.MULTILINE)
+        thread = re.search(r"^MDException\n\s+thread_id\s+= (\w+)$", fields, re.MULTILINE)
+        self.assertRegex(walk, r"\nThread \d+ \(crashed\)\n 0  ")
+        return reason.group(1), int(thread.group(1), 16)

@@ -1,0 +1,102 @@
+"""Run by the launcher in script mode: prints its process id and the crashing thread's, then crashes.
+
+crashing.py KIND
+"""
+
+import ctypes
+import mmap
+import os
+import sys
+import tempfile
+import threading
+
+LIBC = ctypes.CDLL(None)
+GETTID = 186
+
+
+def announce():
+    print(os.getpid(), LIBC.syscall(GETTID), flush=True)
+
+
+def crash_by_address(strlen=LIBC.strlen):
+    strlen(16)
+
+
+def native():
+    announce()
+    crash_by_address()
+
+
+def in_thread():
+    thread = threading.Thread(target=native)
+    thread.start()
+    thread.join()
+
+
+def overflow():
+    announce()
+    sys.setrecursionlimit(1 << 30)
+
+    def deeper():
+        deeper()
+    deeper()
+
+
+def abort():
+    announce()
+    os.abort()
+
+
+def bus():
+    announce()
+    with tempfile.TemporaryFile() as file:
+        file.truncate(mmap.PAGESIZE)
+        view = mmap.mmap(file.fileno(), mmap.PAGESIZE)
+        file.truncate(0)
+        view[0]
+
+
+def division():
+    announce()
+    LIBC.div(1, 0)
+
+
+def in_python():
+    announce()
+    ctypes.pythonapi.PyObject_Str.argtypes = [ctypes.c_void_p]
+    ctypes.pythonapi.PyObject_Str(16)
+
+
+class CrashesWhenCollected:
+    def __del__(self, crash=crash_by_address):
+        crash()
+
+
+def finalising():
+    announce()
+    sys.kept_to_the_end = CrashesWhenCollected()
+
+
+def two_threads():
+    announce()
+    barrier = threading.Barrier(2)
+
+    def crash():
+        barrier.wait()
+        crash_by_address()
+    threads = [threading.Thread(target=crash) for _ in range(2)]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+
+
+def child():
+    pid = os.fork()
+    if pid == 0:
+        native()
+    _, status = os.waitpid(pid, 0)
+    sys.exit(0 if os.WIFSIGNALED(status) else 1)
+
+
+globals()[sys.argv[1]]()
