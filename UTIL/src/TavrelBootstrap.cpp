@@ -172,7 +172,6 @@ void reportUnwatchableProcess(std::int32_t pid, const boost::system::error_code&
 constexpr char pythonVersion[] = "3.7";
 constexpr char pythonFolder[] = "python3.7";
 constexpr char pythonLibraryFolder[] = "python3.7/lib/python3.7";
-constexpr char sourceUnit[] = "UTIL/src/TavrelBootstrap";
 constexpr int errorLineNumber = 345;
 
 using WideString = std::unique_ptr<wchar_t, decltype(&PyMem_RawFree)>;
@@ -214,28 +213,11 @@ std::vector<std::string> treeSearchPath(const std::string& root, const std::stri
     return list;
 }
 
-PythonReference pythonText(const std::string& text) {
-    return PythonReference(PyUnicode_FromString(text.c_str()));
-}
-
-const ZkLoggingHost::ZkLoggerGlue& bootstrapLogger() {
-    static const ZkLoggingHost::ZkLoggerGlue logger("BOOTSTRAP");
-    return logger;
-}
-
-// Null for an entry that isn't UTF-8. Put into the list, it would leave an exception pending that
-// ends the whole start in words that name no entry.
-PythonReference searchPathText(const std::string& entry) {
-    PythonReference text = pythonText(entry);
-    if (text.get() == nullptr) {
-        PyErr_Clear();
-        if (bootstrapLogger().errorEnabled()) {
-            const std::string message =
-                "Leaving out an entry of the Python search path that is not UTF-8: " + entry;
-            bootstrapLogger().error(message.c_str(), sourceUnit, __LINE__);
-        }
-    }
-    return text;
+// A folder's name may hold bytes that aren't UTF-8. They stand in the text as in the interpreter's
+// own paths, so that it finds the folder.
+PythonReference pythonText(const std::string& path) {
+    const auto sizeBytes = static_cast<Py_ssize_t>(path.size());
+    return PythonReference(PyUnicode_DecodeUTF8(path.data(), sizeBytes, "surrogateescape"));
 }
 
 void setSysAttribute(const char* name, const PythonReference& value) {
@@ -249,7 +231,7 @@ struct PathLess {
 };
 
 // Leaves the first of equal paths in the list. Returns what the list then holds, as far as it can
-// be told in UTF-8: an entry of PYTHONPATH that can't stays in the list but can't be published.
+// be told in UTF-8: an entry that can't stays in the list but can't be published.
 std::vector<std::string> dropDuplicates(PyObject* searchPath) {
     std::set<fs::path, PathLess> seen;
     std::vector<std::string> kept;
@@ -273,18 +255,19 @@ std::vector<std::string> buildSearchPath(const std::vector<std::string>& treeEnt
     const PythonReference sys(PyImport_ImportModule("sys"));
     const PythonReference searchPath(PyObject_GetAttrString(sys.get(), "path"));
     for (auto entry = treeEntries.rbegin(); entry != treeEntries.rend(); ++entry) {
-        if (const PythonReference text = searchPathText(*entry); text.get() != nullptr) {
-            PyList_Insert(searchPath.get(), 0, text.get());
-        }
+        PyList_Insert(searchPath.get(), 0, pythonText(*entry).get());
     }
     std::vector<std::string> postEntries;
     splitConfiguredList("TAVREL_POST_PYTHONPATH", postEntries);
     for (const std::string& entry : postEntries) {
-        if (const PythonReference text = searchPathText(entry); text.get() != nullptr) {
-            PyList_Append(searchPath.get(), text.get());
-        }
+        PyList_Append(searchPath.get(), pythonText(entry).get());
     }
     return dropDuplicates(searchPath.get());
+}
+
+const ZkLoggingHost::ZkLoggerGlue& bootstrapLogger() {
+    static const ZkLoggingHost::ZkLoggerGlue logger("BOOTSTRAP");
+    return logger;
 }
 
 void publishSearchPath(const std::string& searchPath) {
@@ -295,7 +278,7 @@ void publishSearchPath(const std::string& searchPath) {
     if (PyRun_SimpleStringFlags(script.c_str(), nullptr) == -1 &&
         bootstrapLogger().errorEnabled()) {
         bootstrapLogger().error("Error setting TAVREL_INTERNAL_PYTHONPATH in `os.environ`.",
-                                sourceUnit, errorLineNumber);
+                                "UTIL/src/TavrelBootstrap", errorLineNumber);
     }
 }
 
