@@ -25,6 +25,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "UTIL/src/PythonPathDuringStart.h"
 #include "UTIL/src/PythonReference.h"
 #include "process/ProcessTable.h"
 
@@ -174,17 +175,16 @@ constexpr char pythonFolder[] = "python3.7";
 constexpr char pythonLibraryFolder[] = "python3.7/lib/python3.7";
 constexpr int errorLineNumber = 345;
 
-using WideString = std::unique_ptr<wchar_t, decltype(&PyMem_RawFree)>;
-
 // Before the interpreter has started, the process is still in the "C" locale, in which a folder
 // name beyond ASCII would be decoded byte by byte. The interpreter's own search path would then
-// differ from the same folders as the tree lists them.
-WideString decodeAsUtf8(const std::string& path) {
+// differ from the same folders as the tree lists them. The text is never freed: the interpreter
+// keeps the pointer, and PYTHONMALLOC may have replaced the allocator that the text came from.
+const wchar_t* decodeAsUtf8(const std::string& path) {
     const bool isAscii =
         std::all_of(path.begin(), path.end(), [](unsigned char byte) { return byte < 0x80; });
     const locale_t utf8 = isAscii ? locale_t() : newlocale(LC_CTYPE_MASK, "C.UTF-8", locale_t());
     const locale_t previous = utf8 == locale_t() ? locale_t() : uselocale(utf8);
-    WideString wide(Py_DecodeLocale(path.c_str(), nullptr), PyMem_RawFree);
+    const wchar_t* wide = Py_DecodeLocale(path.c_str(), nullptr);
     if (utf8 != locale_t()) {
         uselocale(previous);
         freelocale(utf8);
@@ -198,19 +198,22 @@ void splitConfiguredList(const std::string& key, std::vector<std::string>& list)
     }
 }
 
-std::vector<std::string> treeSearchPath(const std::string& root, const std::string& home,
-                                        const std::string& sitePackages) {
+std::vector<std::string> treeFolders(const std::string& root, const std::string& home,
+                                     const std::string& sitePackages) {
     const std::string binFolder = root + "/bin/";
     const std::string library = binFolder + pythonLibraryFolder;
     const std::string versionTag = replace(pythonVersion, ".", "", /*count=*/-1);
-    std::vector<std::string> list;
-    splitConfiguredList("TAVREL_DEBUG_PRE_PYTHONPATH", list);
-    list.insert(list.end(),
-                {home, binFolder + "python3.7/lib" + "/python" + versionTag + ".zip", library,
-                 library + "/lib-dynload", sitePackages, root + "/bin", root + "/bin/python",
-                 root + "/bin/python/python_tavrel", root + "/bin/python/Main",
-                 root + "/plugins/Resources/Core/Plugins", root});
-    return list;
+    return {home,
+            binFolder + "python3.7/lib" + "/python" + versionTag + ".zip",
+            library,
+            library + "/lib-dynload",
+            sitePackages,
+            root + "/bin",
+            root + "/bin/python",
+            root + "/bin/python/python_tavrel",
+            root + "/bin/python/Main",
+            root + "/plugins/Resources/Core/Plugins",
+            root};
 }
 
 // A folder's name may hold bytes that aren't UTF-8. They stand in the text as in the interpreter's
@@ -251,10 +254,10 @@ std::vector<std::string> dropDuplicates(PyObject* searchPath) {
     return kept;
 }
 
-std::vector<std::string> buildSearchPath(const std::vector<std::string>& treeEntries) {
+std::vector<std::string> buildSearchPath(const std::vector<std::string>& headEntries) {
     const PythonReference sys(PyImport_ImportModule("sys"));
     const PythonReference searchPath(PyObject_GetAttrString(sys.get(), "path"));
-    for (auto entry = treeEntries.rbegin(); entry != treeEntries.rend(); ++entry) {
+    for (auto entry = headEntries.rbegin(); entry != headEntries.rend(); ++entry) {
         PyList_Insert(searchPath.get(), 0, pythonText(*entry).get());
     }
     std::vector<std::string> postEntries;
@@ -285,16 +288,21 @@ void publishSearchPath(const std::string& searchPath) {
 void startInterpreter(const std::string& root) {
     const std::string home = root + "/bin/" + pythonFolder;
     const std::string sitePackages = root + "/bin/" + pythonLibraryFolder + "/site-packages";
-    const WideString wideHome = decodeAsUtf8(home);
+    const wchar_t* wideHome = decodeAsUtf8(home);
     Config().set("TAVREL_INTERNAL_PYTHONHOME", home);
-    Py_SetPythonHome(wideHome.get());
-    const std::vector<std::string> treeEntries = treeSearchPath(root, home, sitePackages);
+    Py_SetPythonHome(const_cast<wchar_t*>(wideHome));
+    std::vector<std::string> headEntries;
+    splitConfiguredList("TAVREL_DEBUG_PRE_PYTHONPATH", headEntries);
+    const std::vector<std::string> ownFolders = treeFolders(root, home, sitePackages);
+    headEntries.insert(headEntries.end(), ownFolders.begin(), ownFolders.end());
     Config().set("TAVREL_INTERNAL_PYTHON_SITEPACKAGES", sitePackages);
+    const PythonPathDuringStart pythonPath(ownFolders);
     Py_Initialize();
+    pythonPath.restore();
     setSysAttribute("executable", pythonText(home + "/bin/python" + pythonVersion));
     // Until the launcher sets the real level.
     setSysAttribute("tavrel_verbosityLevel", PythonReference(PyLong_FromLong(1)));
-    publishSearchPath(join(listSeparator, buildSearchPath(treeEntries)));
+    publishSearchPath(join(listSeparator, buildSearchPath(headEntries)));
 }
 
 }  // namespace
