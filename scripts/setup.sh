@@ -111,7 +111,8 @@ python37() {
     tar -C "$to/lib" -xf -
   mkdir -p "$to/lib/python3.7/site-packages"
   chmod -R u+w "$to"
-  patchelf --set-rpath "\$ORIGIN/../lib" "$to/bin/python3.7"
+  # DT_RPATH, so that a user's LD_LIBRARY_PATH does not come first for this program either.
+  patchelf --force-rpath --set-rpath "\$ORIGIN/../lib" "$to/bin/python3.7"
   local object
   for object in "$to"/lib/libpython3.7m.so.1.0 "$to"/lib/python3.7/lib-dynload/*.so; do
     patchelf --remove-rpath "$object"
