@@ -1,0 +1,156 @@
+"""A facility's environment: files under the tree's own names in every place where a loader or an
+interpreter may look, and bad values of the interpreter's variables."""
+
+import json
+import os
+import unittest
+
+from launch import SystemTest
+from test_python_layout import own_entries
+
+# What stands in each place. Each module notes that it was loaded; no library is one.
+LIBRARIES = {
+    "interpreter": ["libpython3.7m.so.1.0"],
+    "closed library": ["libZkPlexum3.so", "libZkConfiguration.so", "libTavrelOpenGLProbe.so"],
+}
+MODULES = {
+    "standard library": ["encodings/__init__", "codecs", "io", "abc", "site", "os", "threading",
+                         "logging/__init__", "json/__init__", "xml/__init__"],
+    "application": ["MainOptions", "MainScript", "Nodes2DAPI", "ConfigurationAPI_cmodule",
+                    "RenderingAPI/__init__", "TavrelVersion"],
+    "customization": ["sitecustomize", "usercustomize"],
+}
+NOTE = """import posix
+note = posix.open({mark!r}, posix.O_WRONLY | posix.O_APPEND | posix.O_CREAT, 0o600)
+posix.write(note, __name__.encode() + b"\\n")
+posix.close(note)
+"""
+PROBE = """import sys, json, os, subprocess, RenderingAPI, TavrelVersion
+with open("/proc/self/maps", errors="surrogateescape") as maps:
+    mapped = sorted({line.split(None, 5)[5].rstrip() for line in maps if "/" in line})
+child = subprocess.check_output([sys.executable, "-I", "-c", "import sys; print(sys.prefix)"])
+environment = subprocess.check_output(["/usr/bin/env", "-0"]).decode(errors="surrogateescape")
+print(json.dumps({"path": sys.path, "mapped": mapped, "child": child.decode().strip(),
+                  "prefix": sys.prefix, "environ": dict(os.environ),
+                  "environment": dict(v.split("=", 1) for v in environment.split("\\0") if v),
+                  "files": [m.__file__ for m in list(sys.modules.values())
+                            if getattr(m, "__file__", None)]}))
+"""
+CUSTOMIZATION = {"sitecustomize", "usercustomize"}
+
+# Variable, value, exit status, what standard error says.
+INTERPRETER_VARIABLES = [
+    ("PYTHONIOENCODING", "nonsense", -6, "LookupError: unknown encoding: nonsense"),
+    ("PYTHONIOENCODING", "utf-8:nonsense", 0, ""),
+    ("PYTHONHASHSEED", "x", 1, "PYTHONHASHSEED must be"),
+    ("PYTHONHASHSEED", "0", 0, ""),
+    ("PYTHONMALLOC", "x", 1, "Unknown PYTHONMALLOC allocator"),
+    ("PYTHONMALLOC", "debug", 0, ""),
+    ("PYTHONDEVMODE", "1", 0, ""),
+    ("PYTHONUTF8", "x", 1, "invalid PYTHONUTF8"),
+    ("PYTHONTRACEMALLOC", "x", 1, "PYTHONTRACEMALLOC: invalid number of frames"),
+    ("PYTHONCOERCECLOCALE", "x", 0, ""),
+    ("PYTHONWARNINGS", "x", 0, ""),
+    ("PYTHONBREAKPOINT", "no.such", 0, ""),
+    ("PYTHONSTARTUP", "/nowhere", 0, ""),
+    ("PYTHONINSPECT", "1", 0, ""),
+]
+
+
+class HostileEnvironmentTest(SystemTest):
+    def setUp(self):
+        super().setUp()
+        self.tree = self.scratch_tree(recorder=False)
+        self.hostile = self.tree.folder / "hostile"
+        self.mark = self.tree.folder / "mark"
+        self.probe = self.tree.folder / "clean" / "probe.py"
+        self.probe.parent.mkdir()
+        self.probe.write_text(PROBE)
+
+    def place(self, folder):
+        folder.mkdir(parents=True, exist_ok=True)
+        for name in sum(LIBRARIES.values(), []):
+            (folder / name).write_text("not a library")
+        for name in sum(MODULES.values(), []):
+            file = folder / f"{name}.py"
+            file.parent.mkdir(exist_ok=True)
+            file.write_text(NOTE.format(mark=str(self.mark)))
+
+    def places(self):
+        """Name, folder of the files, environment, current folder, entries behind the tree's own,
+        modules that run all the same."""
+        hostile = str(self.hostile)
+        site = "lib/python3.7/site-packages"
+        clean = self.tree.folder
+        (self.hostile / "bin").mkdir(parents=True)
+        (self.hostile / "bin/tavrel").write_text("#!/bin/sh\n")
+        (self.hostile / "bin/tavrel").chmod(0o755)
+        (self.hostile / "pyvenv.cfg").write_text("include-system-site-packages = false\n")
+        pythonpath = f"{hostile}::rel:/\udcff"
+        return [
+            ("LD_LIBRARY_PATH", "", {"LD_LIBRARY_PATH": f"{hostile}:"}, clean, [], set()),
+            ("PYTHONHOME", "lib/python3.7", {"PYTHONHOME": hostile}, clean, [], set()),
+            ("PYTHONPATH", "", {"PYTHONPATH": pythonpath}, clean,
+             [hostile, str(clean), f"{clean}/rel", "/\udcff"], CUSTOMIZATION),
+            ("current folder", "", {}, self.hostile, [], set()),
+            ("user site folder", f".local/{site}", {"HOME": hostile}, clean,
+             [f"{hostile}/.local/{site}"], CUSTOMIZATION),
+            ("virtual environment", site, {"PATH": f"{hostile}/bin:/usr/bin:/bin"}, clean,
+             [f"{hostile}/{site}"], {"sitecustomize"}),
+            ("everywhere", "", {"LD_LIBRARY_PATH": hostile, "PYTHONHOME": hostile, "HOME": hostile,
+                                "PYTHONPATH": hostile}, self.hostile, None, CUSTOMIZATION),
+        ]
+
+    def check(self, kind, loaded, seen, expected):
+        if kind in LIBRARIES:
+            hostile = [path for path in seen["mapped"] if path.startswith(str(self.hostile))]
+            self.assertEqual(hostile, [])
+            self.assertTrue([path for path in seen["mapped"]
+                             if path.endswith("/" + LIBRARIES[kind][0])])
+            return
+        names = {name.partition("/")[0] for name in MODULES[kind]}
+        self.assertEqual(loaded & names, expected & names)
+        hostile = {os.path.basename(path) for path in seen["files"]
+                   if path.startswith(str(self.hostile))}
+        self.assertEqual(hostile, {name + ".py" for name in loaded})
+
+    def test_nothing_stands_in_for_a_file_of_the_tree(self):
+        for place, folder, env, cwd, entries, expected in self.places():
+            self.place(self.hostile / folder)
+            self.mark.unlink(missing_ok=True)
+            ended = self.run_launcher(self.tree, "--script", str(self.probe), env=env, cwd=cwd)
+            with self.subTest(place):
+                self.assertEqual(ended.status, 0, ended.err)
+            seen = json.loads(ended.out)
+            loaded = set(self.mark.read_text().split()) if self.mark.exists() else set()
+            for kind in [*LIBRARIES, *MODULES]:
+                with self.subTest(place=place, kind=kind):
+                    self.check(kind, loaded, seen, expected)
+            with self.subTest(place=place, kind="search path and what children get"):
+                own = [str(self.probe.parent), *own_entries(self.tree.root)]
+                usd = f"{self.tree.root}/plugins/Resources/Usd/lib/python"
+                self.assertEqual(seen["path"][:len(own)], own)
+                if entries is not None:
+                    self.assertEqual(seen["path"][len(own):], entries + [usd])
+                self.assertEqual(seen["child"], f"{self.tree.bin}/python3.7")
+                for name in ("LD_LIBRARY_PATH", "PYTHONHOME", "PYTHONPATH"):
+                    self.assertEqual(seen["environment"].get(name), env.get(name))
+                    self.assertEqual(seen["environ"].get(name), env.get(name))
+
+    def test_folders_put_in_front_on_purpose_do_come_first(self):
+        self.place(self.hostile)
+        self.run_launcher(self.tree, "--script", str(self.probe),
+                          env={"TAVREL_DEBUG_PRE_PYTHONPATH": str(self.hostile)})
+        self.assertIn("logging", self.mark.read_text().split())
+
+    def test_interpreter_variables(self):
+        for name, value, status, text in INTERPRETER_VARIABLES:
+            with self.subTest(f"{name}={value}"):
+                ended = self.run_launcher(self.tree, "-V0", "--batch", env={name: value})
+                self.assertEqual(ended.status, status, ended.err)
+                self.assertIn(text, ended.err)
+                self.assertEqual(bool(text), "Fatal Python error" in ended.err)
+
+
+if __name__ == "__main__":
+    unittest.main()
