@@ -118,8 +118,8 @@ def _entry(left, text):
     import textwrap
 
     indented = "  %-22s " % left
-    if len(indented) > 25:
-        # The left column is too long: the text begins on a line of its own.
+    if len(left) > 21:
+        # Less than two blanks would be left: the text begins on a line of its own.
         return "%s\n%s" % (indented.rstrip(), textwrap.fill(
             text, 78, initial_indent=" " * 25, subsequent_indent=" " * 25))
     return textwrap.fill(text, 78, initial_indent=indented, subsequent_indent=" " * 25)
@@ -135,9 +135,9 @@ def OptionNames(option):
 
 def HelpText():
     lines = ["Usage: tavrel [OPTION...] [FILE...]",
-             "       tavrel [OPTION...] --batch [FILE...]",
-             "       tavrel [OPTION...] --script FILE [ARGUMENT...]",
-             "       tavrel [OPTION...] --shell [FILE...]",
+             "  or:  tavrel [OPTION...] --batch [FILE...]",
+             "  or:  tavrel [OPTION...] --script FILE [ARGUMENT...]",
+             "  or:  tavrel [OPTION...] --shell [FILE...]",
              "",
              "Python files FILE are run in order; those for the window and the shell are run",
              "before it opens. A script's option that has the name of one of tavrel's needs a",
