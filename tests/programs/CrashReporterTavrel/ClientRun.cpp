@@ -93,6 +93,11 @@ ClientRun::ClientRun(const std::string& kind, const ScratchFolder& dumps,
         (void)dup2(childOutput.get(), STDOUT_FILENO);
         (void)dup2(childErrors.get(), STDERR_FILENO);
         setenv("TAVREL_CRASH_DIR", dumps.path.c_str(), 1);
+        // Under the address sanitizer the signals are Breakpad's and the kernel's all the same.
+        setenv("ASAN_OPTIONS",
+               "detect_leaks=0:handle_segv=0:handle_abort=0:handle_sigbus=0:handle_sigfpe=0:"
+               "handle_sigill=0",
+               1);
         for (const std::string& entry : options.environment) {
             putenv(const_cast<char*>(entry.c_str()));
         }

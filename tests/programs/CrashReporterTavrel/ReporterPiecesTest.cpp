@@ -171,7 +171,7 @@ TEST(ElfImage, FindsFunctionsAndTheirUnwindRules) {
     EXPECT_EQ(image->unwindRules(0), nullptr);
     // Every function with code of its own is found from its first byte, and most have rules.
     size_t found = 0;
-    for (uint64_t address = 0; address < 0x10000; ++address) {
+    for (uint64_t address = 0; address < 0x1000000 && found == 0; ++address) {
         const ElfFunction* function = image->functionAt(address);
         if (function != nullptr && function->address == address &&
             std::string(function->name) == "main") {
