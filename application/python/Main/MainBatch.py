@@ -2,8 +2,11 @@
 
 
 def _stopInOrderOn(*names):
-    """Makes the first of these signals end the run by SystemExit; a second one ends it at once."""
+    """Makes the first of these signals end the run by SystemExit; a second one ends it at once,
+    also while native code keeps the first from being noticed."""
     import signal
+
+    import SignalAPI_cmodule
 
     numbers = [getattr(signal, name) for name in names]
 
@@ -14,6 +17,7 @@ def _stopInOrderOn(*names):
 
     for each in numbers:
         signal.signal(each, stop)
+        SignalAPI_cmodule.handleOnce(each)
 
 
 def Main(options, args):

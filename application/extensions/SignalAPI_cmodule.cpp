@@ -1,0 +1,45 @@
+// What Python's module signal lacks: a handler that the kernel itself takes away.
+#define PY_SSIZE_T_CLEAN
+#include <Python.h>
+
+#include <signal.h>
+
+namespace {
+
+PyObject* handleOnce(PyObject* /*module*/, PyObject* number) {
+    const long signalNumber = PyLong_AsLong(number);
+    if (signalNumber == -1 && PyErr_Occurred() != nullptr) {
+        return nullptr;
+    }
+    struct sigaction action = {};
+    if (sigaction(static_cast<int>(signalNumber), nullptr, &action) == 0) {
+        action.sa_flags |= SA_RESETHAND;
+        if (sigaction(static_cast<int>(signalNumber), &action, nullptr) == 0) {
+            Py_RETURN_NONE;
+        }
+    }
+    return PyErr_SetFromErrno(PyExc_OSError);
+}
+
+PyMethodDef methods[] = {
+    {"handleOnce", handleOnce, METH_O,
+     "handleOnce(number): has the handler that signal.signal has set for the signal serve once.\n"
+     "The next one acts as if none were set, even if the first has not reached Python yet because\n"
+     "native code is at work. OSError for a number that is no signal or can't be handled."},
+    {nullptr, nullptr, 0, nullptr}};
+
+PyModuleDef definition = {PyModuleDef_HEAD_INIT,
+                          "SignalAPI_cmodule",
+                          "Signal handling that Python's own module does not offer",
+                          0,
+                          methods,
+                          nullptr,
+                          nullptr,
+                          nullptr,
+                          nullptr};
+
+}  // namespace
+
+PyMODINIT_FUNC PyInit_SignalAPI_cmodule() {
+    return PyModule_Create(&definition);
+}
