@@ -103,10 +103,10 @@ class RunModesTest(unittest.TestCase):
             for profile in profiles:
                 self.assertIn("work", [key[2] for key in pstats.Stats(profile).stats])
 
-    def _start_batch(self, text):
-        """A batch run of a file that has said "ready"."""
+    def _start(self, mode, text):
+        """A run of a file that has said "ready"."""
         script = self.write("long.py", text)
-        child = subprocess.Popen([LAUNCHER, "-V0", "--batch", script], env=self.environment,
+        child = subprocess.Popen([LAUNCHER, "-V0", mode, script], env=self.environment,
                                  stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
                                  universal_newlines=True)
         self.addCleanup(child.stdout.close)
@@ -122,22 +122,41 @@ class RunModesTest(unittest.TestCase):
                      "import atexit\natexit.register(lambda: print(render.state, flush=True))\n"
                      "print('ready', flush=True)\nrender.wait()\n")
         for number in (signal.SIGTERM, signal.SIGINT):
-            child = self._start_batch(rendering)
+            child = self._start("--batch", rendering)
             child.send_signal(number)
             self.assertEqual(child.stdout.readline(), "cancelled\n")
             self.assertEqual(child.wait(DEADLINE), 128 + number)
 
     def test_a_second_signal_ends_a_batch_run_at_once(self):
-        child = self._start_batch("import threading\nword = 'ready'\nwhile True:\n"
-                                  "    try:\n"
-                                  "        print(word, flush=True)\n"
-                                  "        threading.Event().wait()\n"
-                                  "    except BaseException:\n"
-                                  "        word = 'again'\n")
+        child = self._start("--batch", "import threading\nword = 'ready'\nwhile True:\n"
+                            "    try:\n"
+                            "        print(word, flush=True)\n"
+                            "        threading.Event().wait()\n"
+                            "    except BaseException:\n"
+                            "        word = 'again'\n")
         child.send_signal(signal.SIGTERM)
         self.assertEqual(child.stdout.readline(), "again\n")
         child.send_signal(signal.SIGTERM)
         self.assertEqual(child.wait(DEADLINE), -signal.SIGTERM)
+
+    def test_native_code_does_not_keep_a_second_signal_away(self):
+        child = self._start("--batch", "print('ready', flush=True)\n"
+                            "import itertools\nsum(itertools.repeat(0))\n")
+        # The first may be pending still, so that another one melts into it.
+        for _ in range(DEADLINE * 100):
+            child.send_signal(signal.SIGTERM)
+            try:
+                self.assertEqual(child.wait(0.01), -signal.SIGTERM)
+                return
+            except subprocess.TimeoutExpired:
+                pass
+        self.fail("still running")
+
+    def test_ctrl_c_ends_a_script(self):
+        child = self._start("--script", "import threading\nprint('ready', flush=True)\n"
+                            "threading.Event().wait()\n")
+        child.send_signal(signal.SIGINT)
+        self.assertEqual(child.wait(DEADLINE), 130)
 
     def test_a_shell_fed_by_a_pipe(self):
         status, output, errors = self.run_tavrel(
@@ -168,6 +187,12 @@ class RunModesTest(unittest.TestCase):
             child.expect_exact("4141\r\n>>> ")
             child.send("Nodeg\t.__doc__[:5]\r")
             child.expect_exact("'The n'\r\n>>> ")
+            for typed in ("abs(-99", "if 1:\r"):  # a half line, a half block
+                child.send(typed)
+                child.expect_exact("... " if "\r" in typed else typed)
+                child.send("\x03")
+                child.expect_exact("KeyboardInterrupt")
+                child.expect_exact(">>> ")
             child.send("while True: pass\r\r")
             child.expect_exact("... ")
             child.send("\x03")

@@ -77,7 +77,7 @@ EXIT_STATUSES = (
     ("0", "the run ended well"),
     ("1", "the start failed, or no display could be opened"),
     ("2", "an option or a file name was wrong"),
-    ("130, 143", "a batch run was ended in order by SIGINT, SIGTERM"),
+    ("130, 143", "a batch run was ended in order by SIGINT, SIGTERM; 130 also a script by Ctrl-C"),
     ("255", "an exception ended the run"),
     ("other", "what the script gave to sys.exit"),
 )

@@ -70,7 +70,8 @@ def Run(arguments, module=None):
     """Runs the file arguments[0] as the module __main__, with the arguments as its sys.argv and its
     folder first on sys.path; "-" reads it from standard input.
 
-    An exception is reported and the run ended with status 255; SystemExit passes through.
+    An exception is reported and the run ended with status 255, or 130 for the KeyboardInterrupt of
+    Ctrl-C; SystemExit passes through.
     module: the module to run in, which stays __main__; without one a new one, for this file only.
     """
     source, name = _read(arguments[0])
@@ -87,6 +88,6 @@ def Run(arguments, module=None):
         failure = _failureOf(_profiled, _execute, source, name, module.__dict__)
         if failure is not None:
             ReportException(*failure)
-            sys.exit(255)
+            sys.exit(130 if issubclass(failure[0], KeyboardInterrupt) else 255)
     finally:
         sys.modules["__main__"], sys.argv, sys.path[:] = before
