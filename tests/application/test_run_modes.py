@@ -140,8 +140,9 @@ class RunModesTest(unittest.TestCase):
         self.assertEqual(child.wait(DEADLINE), -signal.SIGTERM)
 
     def test_native_code_does_not_keep_a_second_signal_away(self):
-        child = self._start("--batch", "print('ready', flush=True)\n"
-                            "import itertools\nsum(itertools.repeat(0))\n")
+        # No byte code runs between the word and the end.
+        child = self._start("--batch", "import os\nfrom itertools import chain, repeat\n"
+                            "sum(map(os.write, repeat(1), chain([b'ready\\n'], repeat(b''))))\n")
         # The first may be pending still, so that another one melts into it.
         for _ in range(DEADLINE * 100):
             child.send_signal(signal.SIGTERM)
