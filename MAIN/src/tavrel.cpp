@@ -145,9 +145,9 @@ int main(int argc, char* argv[]) {
     bool profile = false;
     bool forceProfile = false;
     std::string profilingDir;
+    boost::program_options::variables_map options;
     const auto launcherOptions =
         describeLauncherOptions(verbosity, profile, forceProfile, profilingDir);
-    boost::program_options::variables_map options;
     if (!parseCommandLine(argc, argv, launcherOptions, options)) {
         return 1;
     }

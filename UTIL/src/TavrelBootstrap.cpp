@@ -50,20 +50,20 @@ std::string findInstallRoot() {
 
 // Boost builds its first path locale from the environment and throws if that names a locale which
 // this machine doesn't have, although the result is thrown away. Such a user is served all the
-// same.
+// same. Where setenv has no memory, Boost's exception stands.
 class NeutralLocaleSetting {
   public:
     NeutralLocaleSetting() {
         const char* value = std::getenv(variable);
         m_wasSet = value != nullptr;
         m_value = m_wasSet ? value : "";
-        setenv(variable, "C", /*overwrite=*/1);
+        static_cast<void>(setenv(variable, "C", /*overwrite=*/1));
     }
     ~NeutralLocaleSetting() {
         if (m_wasSet) {
-            setenv(variable, m_value.c_str(), /*overwrite=*/1);
+            static_cast<void>(setenv(variable, m_value.c_str(), /*overwrite=*/1));
         } else {
-            unsetenv(variable);
+            static_cast<void>(unsetenv(variable));
         }
     }
     NeutralLocaleSetting(const NeutralLocaleSetting&) = delete;
@@ -158,7 +158,8 @@ void publishThisProcess() {
                   << error.message() << '"' << std::endl;
         return;
     }
-    setenv(controllingProcessVariable, identity.str().c_str(), /*overwrite=*/1);
+    // Without memory for it the children watch this process's own controller.
+    static_cast<void>(setenv(controllingProcessVariable, identity.str().c_str(), /*overwrite=*/1));
 }
 
 void reportUnwatchableProcess(std::int32_t pid, const boost::system::error_code& error,
@@ -173,7 +174,8 @@ void reportUnwatchableProcess(std::int32_t pid, const boost::system::error_code&
 constexpr char pythonVersion[] = "3.7";
 constexpr char pythonFolder[] = "python3.7";
 constexpr char pythonLibraryFolder[] = "python3.7/lib/python3.7";
-constexpr int errorLineNumber = 345;
+// The script's failure is filed under this line wherever it stands: logs are searched for it.
+constexpr int scriptErrorLine = 345;
 
 // Before the interpreter has started, the process is still in the "C" locale, in which a folder
 // name beyond ASCII would be decoded byte by byte. The interpreter's own search path would then
@@ -223,8 +225,10 @@ PythonReference pythonText(const std::string& path) {
     return PythonReference(PyUnicode_DecodeUTF8(path.data(), sizeBytes, "surrogateescape"));
 }
 
+// Here and below: what fills sys fails only for want of memory, which the application's first line
+// would meet as well.
 void setSysAttribute(const char* name, const PythonReference& value) {
-    PySys_SetObject(name, value.get());
+    static_cast<void>(PySys_SetObject(name, value.get()));
 }
 
 struct PathLess {
@@ -245,7 +249,7 @@ std::vector<std::string> dropDuplicates(PyObject* searchPath) {
             PyErr_Clear();
             ++index;
         } else if (!seen.insert(entry).second) {
-            PyList_SetSlice(searchPath, index, index + 1, nullptr);
+            static_cast<void>(PyList_SetSlice(searchPath, index, index + 1, nullptr));
         } else {
             kept.emplace_back(entry);
             ++index;
@@ -258,12 +262,12 @@ std::vector<std::string> buildSearchPath(const std::vector<std::string>& headEnt
     const PythonReference sys(PyImport_ImportModule("sys"));
     const PythonReference searchPath(PyObject_GetAttrString(sys.get(), "path"));
     for (auto entry = headEntries.rbegin(); entry != headEntries.rend(); ++entry) {
-        PyList_Insert(searchPath.get(), 0, pythonText(*entry).get());
+        static_cast<void>(PyList_Insert(searchPath.get(), 0, pythonText(*entry).get()));
     }
     std::vector<std::string> postEntries;
     splitConfiguredList("TAVREL_POST_PYTHONPATH", postEntries);
     for (const std::string& entry : postEntries) {
-        PyList_Append(searchPath.get(), pythonText(entry).get());
+        static_cast<void>(PyList_Append(searchPath.get(), pythonText(entry).get()));
     }
     return dropDuplicates(searchPath.get());
 }
@@ -281,7 +285,7 @@ void publishSearchPath(const std::string& searchPath) {
     if (PyRun_SimpleStringFlags(script.c_str(), nullptr) == -1 &&
         bootstrapLogger().errorEnabled()) {
         bootstrapLogger().error("Error setting TAVREL_INTERNAL_PYTHONPATH in `os.environ`.",
-                                "UTIL/src/TavrelBootstrap", errorLineNumber);
+                                "UTIL/src/TavrelBootstrap", scriptErrorLine);
     }
 }
 
