@@ -23,13 +23,16 @@ ENDS = [
     ("import sys; sys.exit(257)", 1, ""),
     ("import sys; sys.exit(-1)", 255, ""),
     ("import sys; sys.exit(-256)", 255, ""),
+    ("import sys; sys.exit(1 << 32)", 255, ""),
     ("import sys; sys.exit('no licence')", 1, "no licence\n"),
+    ("import sys; sys.exit('')", 1, "\n"),
     ("import sys; sys.exit(2.0)", 1, "2.0\n"),
     ("import sys; sys.exit([1, 'a'])", 1, "[1, 'a']\n"),
     ("raise SystemExit", 0, ""),
     ("raise SystemExit(7)", 7, ""),
     ("class Quit(SystemExit): pass\nraise Quit(9)", 9, ""),
     ("class Level(int): pass\nimport sys\nsys.exit(Level(4))", 4, ""),
+    ("import atexit, sys\natexit.register(print, 'bye', file=sys.stderr)\nsys.exit(8)", 8, "bye\n"),
     ("import os; os._exit(6)", 6, ""),
 ]
 
@@ -42,19 +45,20 @@ class ExitStatusTest(SystemTest):
                 ended = self.run_launcher(tree, "--batch", "-V", "0", act=act)
                 self.assertEqual((ended.status, ended.err), (status, err))
 
-    def test_integer_too_large_for_a_long_gives_255_and_is_reported(self):
-        ended = self.run_launcher(self.scratch_tree(), "--batch",
-                                  act="import sys; sys.exit(1 << 64)")
-        self.assertEqual(ended.status, 255)
-        self.assertIn("OverflowError", ended.err)
-
-    def test_code_that_cannot_be_had_gives_0_and_is_reported(self):
-        act = ("class Quit(SystemExit):\n"
-               "    code = property(lambda self: 1 / 0)\n"
-               "raise Quit(3)")
-        ended = self.run_launcher(self.scratch_tree(), "--batch", act=act)
-        self.assertEqual(ended.status, 0)
-        self.assertIn("ZeroDivisionError", ended.err)
+    def test_trouble_with_the_exit_value_is_reported(self):
+        tree = self.scratch_tree()
+        for act, status, error in (
+                ("import sys; sys.exit(1 << 64)", 255, "OverflowError"),
+                ("class Quit(SystemExit):\n"
+                 "    code = property(lambda self: 1 / 0)\n"
+                 "raise Quit(3)", 0, "ZeroDivisionError"),
+                ("class Mute:\n"
+                 "    def __str__(self): return self.gone\n"
+                 "raise SystemExit(Mute())", 1, "AttributeError")):
+            with self.subTest(error):
+                ended = self.run_launcher(tree, "--batch", act=act)
+                self.assertEqual(ended.status, status)
+                self.assertIn(error, ended.err)
 
     def test_unhandled_exception_gives_255_and_its_report_follows_the_exit_line(self):
         ended = self.run_launcher(self.scratch_tree(), "--batch", "-V", "2",

@@ -22,6 +22,7 @@ MODES = [
     (["--script=a.py"], "script", "MainScript"),
     (["--script", "a.py"], "script", "MainScript"),
     (["--shell"], "shell", "MainShell"),
+    (["--batch="], "batch", "MainBatch"),
     (["--batch", "--script"], "batch", "MainBatch"),
     (["--batch", "--shell"], "batch", "MainBatch"),
     (["--shell", "--script"], "script", "MainScript"),
@@ -32,9 +33,9 @@ KEYS = {"MainBatch": "TAVREL_BATCH_MODE", "MainScript": "TAVREL_SCRIPT_MODE",
         "MainShell": "TAVREL_SHELL_MODE", "MainUI": "TAVREL_UI_MODE"}
 
 REFUSED = [
-    ["-V", "loud"], ["--verbose=loud"], ["-V", "99999999999"], ["--verbose"], ["-V"],
+    ["-V", "loud"], ["--verbose=loud"], ["-V", "2147483648"], ["--verbose"], ["-V"],
     ["--profiling-dir"], ["--help=1"], ["--batch=1"], ["--shell=1"], ["--profile=1"],
-    ["--force-profile=1"], ["--batch", "--batch"], ["--pro"], ["-V", "1", "-V", "2"],
+    ["--force-profile=1"], ["--batch", "--batch"], ["--pro"], ["-V1", "--verbose=2"],
 ]
 
 
@@ -132,7 +133,7 @@ class ModesTest(SystemTest):
                 (["--profile", "--shell"], "1", None, None),
                 (["--profile", "--batch"], "1", "1", None), (["--force-profile"], "1", "1", None),
                 (["--profiling-dir", "p"], None, None, "p"),
-                (["--profiling-dir=p"], None, None, "p")):
+                (["--profiling-dir=p=q"], None, None, "p=q")):
             with self.subTest(args):
                 ended = self.run_launcher(tree, *args)
                 names = [f"PLEXUM_PROFILING_{name}" for name in ("MODE", "RUN", "DIR")]
