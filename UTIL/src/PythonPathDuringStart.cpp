@@ -32,14 +32,16 @@ PythonPathDuringStart::PythonPathDuringStart(const std::vector<std::string>& tre
     }
     m_usersValue = value;
     m_treeFolders = Plexum3::internal::pystring_v1::join(":", treeFolders);
-    setenv(variable, (m_treeFolders + ":" + m_usersValue).c_str(), /*overwrite=*/1);
+    // Without memory for it the interpreter starts with the user's entries in front.
+    static_cast<void>(
+        setenv(variable, (m_treeFolders + ":" + m_usersValue).c_str(), /*overwrite=*/1));
 }
 
 void PythonPathDuringStart::restore() const {
     if (m_usersValue.empty()) {
         return;
     }
-    setenv(variable, m_usersValue.c_str(), /*overwrite=*/1);
+    static_cast<void>(setenv(variable, m_usersValue.c_str(), /*overwrite=*/1));
     // In the "C" locale the interpreter has decoded the folders otherwise than the tree lists them.
     const std::string script =
         "import os, sys\n"

@@ -179,8 +179,8 @@ constexpr int scriptErrorLine = 345;
 
 // Before the interpreter has started, the process is still in the "C" locale, in which a folder
 // name beyond ASCII would be decoded byte by byte. The interpreter's own search path would then
-// differ from the same folders as the tree lists them. The text is never freed: the interpreter
-// keeps the pointer, and PYTHONMALLOC may have replaced the allocator that the text came from.
+// differ from the same folders as the tree lists them. The text is never freed: by the end of the
+// start PYTHONMALLOC may have replaced the allocator that it came from.
 const wchar_t* decodeAsUtf8(const std::string& path) {
     const bool isAscii =
         std::all_of(path.begin(), path.end(), [](unsigned char byte) { return byte < 0x80; });
@@ -294,7 +294,7 @@ void startInterpreter(const std::string& root) {
     const std::string sitePackages = root + "/bin/" + pythonLibraryFolder + "/site-packages";
     const wchar_t* wideHome = decodeAsUtf8(home);
     Config().set("TAVREL_INTERNAL_PYTHONHOME", home);
-    Py_SetPythonHome(const_cast<wchar_t*>(wideHome));
+    Py_SetPythonHome(wideHome);
     std::vector<std::string> headEntries;
     splitConfiguredList("TAVREL_DEBUG_PRE_PYTHONPATH", headEntries);
     const std::vector<std::string> ownFolders = treeFolders(root, home, sitePackages);
