@@ -230,16 +230,23 @@ class RunModesTest(unittest.TestCase):
         file = self.write("graph.py", (
             "import tkinter, NodegraphAPI\n"
             "NodegraphAPI.CreateNode('b').connect(NodegraphAPI.CreateNode('a'))\n"
+            "NodegraphAPI.GetNode('b').setParameter('checker', 16)\n"
             "root = tkinter._default_root\n"
             "def look():\n"
-            "    canvas = root.winfo_children()[0]\n"
-            "    texts = [canvas.itemcget(i, 'text') for i in canvas.find_all()\n"
-            "             if canvas.type(i) == 'text']\n"
-            "    print(root.title(), sorted(texts), flush=True)\n"
+            "    root.update()\n"
+            "    canvas, = (w for w in root.winfo_children() if isinstance(w, tkinter.Canvas))\n"
+            "    texts = {canvas.itemcget(i, 'text'): canvas.coords(i) for i in canvas.find_all()\n"
+            "             if canvas.type(i) == 'text'}\n"
+            "    x, y = map(int, texts['b'])\n"
+            "    canvas.event_generate('<Button-1>', x=x, y=y)\n"
+            "    labels = [w.cget('text') for w in root.winfo_children()\n"
+            "              if isinstance(w, tkinter.Label)]\n"
+            "    print(root.title(), sorted(texts), labels, flush=True)\n"
             "    root.tk.call(root.protocol('WM_DELETE_WINDOW'))\n"
             "root.after(1, look)\n"))
         status, output, _ = self.run_tavrel(file, DISPLAY=display)
-        self.assertEqual((status, output), (0, "Tavrel ['a', 'b']\n"))
+        self.assertEqual((status, output), (0, (
+            "Tavrel ['a', 'b'] ['2 nodes', 'b\\nb node\\n\\nInputs: a\\nchecker: 16']\n")))
 
 
 if __name__ == "__main__":

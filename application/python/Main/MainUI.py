@@ -14,17 +14,27 @@ _EVENTS_EVERY_MS = 100
 
 
 class NodegraphWindow(object):
-    """Draws the graph, inputs above the nodes that they feed, and adds and clears nodes."""
+    """Draws the graph, inputs above the nodes that they feed, adds and clears nodes, and shows the
+    parameters of the selected one: the newest at first, then the one that was clicked."""
 
     def __init__(self, root):
         self._root = root
         root.title("Tavrel")
-        root.geometry("900x600")
+        root.geometry("800x480")
+        root.tk_setPalette(background="#3c3c3c", foreground="#e0e0e0",
+                           activeBackground="#4a6a8a", activeForeground="white")
         root.protocol("WM_DELETE_WINDOW", root.quit)
+        nodes = NodegraphAPI.GetAllNodes()
+        self._selected = nodes[-1].getName() if nodes else None
+        self._status = tkinter.Label(root, anchor="w", padx=6)
+        self._status.pack(side=tkinter.BOTTOM, fill=tkinter.X)
+        self._details = tkinter.Label(root, anchor="nw", justify=tkinter.LEFT, width=30, padx=16,
+                                      pady=_GAP)
+        self._details.pack(side=tkinter.RIGHT, fill=tkinter.Y)
         self._canvas = tkinter.Canvas(root, background="#2b2b2b", highlightthickness=0)
         self._canvas.pack(fill=tkinter.BOTH, expand=True)
-        self._status = tkinter.Label(root, anchor="w", padx=6)
-        self._status.pack(fill=tkinter.X)
+        self._canvas.bind("<Configure>", lambda event: self.draw())
+        self._canvas.bind("<Button-1>", self._select)
         root.configure(menu=self._menus())
         root.bind("<Control-q>", lambda event: root.quit())
         root.bind("<Control-n>", lambda event: self._create("color"))
@@ -61,8 +71,8 @@ class NodegraphWindow(object):
         self.draw()
 
     def _positions(self, nodes):
-        """Upper left corner of each node: rows by the length of the way down to it."""
-        depths, inRow, positions = {}, {}, {}
+        """Upper left corner of each node: rows by the length of the way down to it, centred."""
+        depths, rows, positions = {}, {}, {}
 
         def depth(node):
             if node.getName() not in depths:
@@ -70,11 +80,36 @@ class NodegraphWindow(object):
             return depths[node.getName()]
 
         for node in nodes:
-            row = depth(node)
-            column = inRow[row] = inRow.get(row, -1) + 1
-            positions[node.getName()] = (_GAP + column * (_NODE_WIDTH + _GAP),
-                                         _GAP + row * (_NODE_HEIGHT + _GAP))
+            rows.setdefault(depth(node), []).append(node.getName())
+        for row, names in rows.items():
+            width = len(names) * (_NODE_WIDTH + _GAP) - _GAP
+            left = max(_GAP, (self._canvas.winfo_width() - width) // 2)
+            for column, name in enumerate(names):
+                positions[name] = (left + column * (_NODE_WIDTH + _GAP),
+                                   _GAP + row * (_NODE_HEIGHT + _GAP))
         return positions
+
+    def _select(self, event):
+        for name, (x, y) in self._positions(NodegraphAPI.GetAllNodes()).items():
+            if 0 <= event.x - x <= _NODE_WIDTH and 0 <= event.y - y <= _NODE_HEIGHT:
+                self._selected = name
+                self.draw()
+
+    def _describe(self, node):
+        """The details of the selected node, those that it has from its inputs included."""
+        lines = [node.getName(), "%s node" % node.getType(), ""]
+        lines += ["Inputs: %s" % (", ".join(each.getName() for each in node.getInputs()) or "none")]
+        lines += ["%s: %s" % item for item in sorted(node.getParameters().items())]
+        return "\n".join(lines)
+
+    def _drawNode(self, node, x, y):
+        name = node.getName()
+        isSelected = name == self._selected
+        self._canvas.create_rectangle(x, y, x + _NODE_WIDTH, y + _NODE_HEIGHT,
+                                      fill="#4a6a8a", width=2 if isSelected else 1,
+                                      outline="#ffb347" if isSelected else "#c0c0c0")
+        self._canvas.create_text(x + _NODE_WIDTH // 2, y + _NODE_HEIGHT // 2, text=name,
+                                 fill="white")
 
     def draw(self):
         nodes = NodegraphAPI.GetAllNodes()
@@ -87,11 +122,9 @@ class NodegraphWindow(object):
                 self._canvas.create_line(fromX + _NODE_WIDTH // 2, fromY + _NODE_HEIGHT,
                                          x + _NODE_WIDTH // 2, y, fill="#c0c0c0", width=2)
         for node in nodes:
-            x, y = positions[node.getName()]
-            self._canvas.create_rectangle(x, y, x + _NODE_WIDTH, y + _NODE_HEIGHT,
-                                          fill="#4a6a8a", outline="#c0c0c0")
-            self._canvas.create_text(x + _NODE_WIDTH // 2, y + _NODE_HEIGHT // 2,
-                                     text=node.getName(), fill="white")
+            self._drawNode(node, *positions[node.getName()])
+        selected = NodegraphAPI.GetNode(self._selected)
+        self._details.configure(text="" if selected is None else self._describe(selected))
         self._status.configure(text="%d node%s" % (len(nodes), "" if len(nodes) == 1 else "s"))
 
 
