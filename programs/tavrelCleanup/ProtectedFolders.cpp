@@ -16,33 +16,30 @@ bool isSameFolder(const struct stat& a, const struct stat& b) {
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-FileDescriptor openNearest(std::string path) {
-    for (;;) {
-        FileDescriptor folder(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-        if (folder.isOpen() || path.size() <= 1) {
-            return folder;
-        }
-        const std::size_t separator = path.rfind('/');
-        path.resize(separator == 0 || separator == std::string::npos ? 1 : separator);
-    }
-}
-
-/// Whether the folder behind `folder` is the one at `path` or stands above it.
-bool isAtOrAbove(const struct stat& folder, const std::string& path) {
-    FileDescriptor current = openNearest(path);
+/// Whether `folder` is met on the way up from `path` over "..", as far as the modes let one go.
+bool isOnWayUp(const struct stat& folder, const std::string& path) {
+    FileDescriptor current(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     struct stat here = {};
     struct stat below = {};
-    while (fstat(current.get(), &here) == 0) {
+    while (fstat(current.get(), &here) == 0 && !isSameFolder(here, below)) {
         if (isSameFolder(here, folder)) {
             return true;
-        }
-        if (isSameFolder(here, below)) {
-            return false;
         }
         below = here;
         current = FileDescriptor(openat(current.get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
     }
     return false;
+}
+
+/// Whether `folder` is the one at the absolute `path` or stands above it. Each part of the path is
+/// a start of its own: one that isn't there, or can't be left upward, hides those above it.
+bool isAtOrAbove(const struct stat& folder, std::string path) {
+    for (; !path.empty(); path.resize(path.rfind('/'))) {
+        if (isOnWayUp(folder, path)) {
+            return true;
+        }
+    }
+    return isOnWayUp(folder, "/");
 }
 
 std::string programFolder() {

@@ -8,8 +8,8 @@ namespace Cleanup {
 /// neither symbolic links, nor bind mounts, nor a spelling of the path hide one.
 ///
 /// `folderFd` is any descriptor of a folder, O_PATH included. Returns what deleting it would take
-/// with it, for a message ("the user's home folder"), or null if there is nothing to fear. A home
-/// folder that can't be reached counts as its nearest ancestor that can.
+/// with it, for a message ("the user's home folder"), or null if there is nothing to fear. What
+/// stands above a home folder is protected also while that folder can't be reached or left.
 const char* protectedContent(int folderFd);
 
 }  // namespace Cleanup

@@ -16,6 +16,7 @@ import unittest
 PEAK_MEMORY = os.environ["PEAK_MEMORY"]
 SYS_PIDFD_OPEN, SYS_OPENAT2 = 434, 437
 NOBODY = 65534
+TESTER = os.getuid() or NOBODY  # without the rights of root
 # In memory where possible: a disk takes a minute for the deepest tree.
 SCRATCH_BASE = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
 LIBC = ctypes.CDLL(None, use_errno=True)
@@ -183,6 +184,11 @@ class CleanupTest(CleanupCase):
                 self.assertEqual(status, 2)
                 self.assert_one_line(text, "refuses")
                 self.assertTrue(os.path.exists(home + "/.profile") and os.path.exists(self.program))
+        # Nor does a home that can't be left upward hide what holds it.
+        subprocess.run(["chown", "-R", str(TESTER), self.path("users")], check=True)
+        os.chmod(home, 0)
+        self.assertEqual(self.delete(self.path("users"), home, preexec_fn=drop_privileges)[0], 2)
+        os.chmod(home, 0o700)
         # Only what holds them is protected: neither what they hold, nor what begins with their name.
         for target in ("users/me/tmp", "users/mean", "root/tmp"):
             write(self.path(target + "/file"))
