@@ -1,10 +1,8 @@
 #include "tests/process/ProcessFixture.h"
 
-#include <dirent.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <cerrno>
-#include <cstdlib>
 
 #include <boost/filesystem/operations.hpp>
 
@@ -24,30 +22,17 @@ void ProcessFixture::TearDown() {
     }
     EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
     EXPECT_EQ(errno, ECHILD);
-    if (!scratch_.empty()) {
-        boost::filesystem::remove_all(scratch_);
-    }
-}
-
-const boost::filesystem::path& ProcessFixture::scratch() {
-    if (scratch_.empty()) {
-        std::string name = ::testing::TempDir() + "tavrel-process-XXXXXX";
-        scratch_ = boost::filesystem::canonical(::mkdtemp(name.data()));
-    }
-    return scratch_;
 }
 
 std::map<int, std::string> openDescriptors() {
+    const std::string folder = "/proc/" + std::to_string(::getpid()) + "/fd";
     std::map<int, std::string> found;
-    DIR* const folder = ::opendir("/proc/self/fd");
-    while (const dirent* entry = ::readdir(folder)) {
-        const int fd = std::atoi(entry->d_name);
-        if (entry->d_name[0] != '.' && fd != ::dirfd(folder)) {
-            const auto link = boost::filesystem::path("/proc/self/fd") / entry->d_name;
-            found[fd] = boost::filesystem::read_symlink(link).string();
+    for (const auto& entry : boost::filesystem::directory_iterator(folder)) {
+        const std::string target = boost::filesystem::read_symlink(entry.path()).string();
+        if (target != folder) {
+            found[std::stoi(entry.path().filename().string())] = target;
         }
     }
-    ::closedir(folder);
     return found;
 }
 
@@ -55,6 +40,12 @@ SubprocessOptions role(const std::vector<std::string>& words) {
     SubprocessOptions options;
     options.args = {"/proc/self/exe", "--role"};
     options.args.insert(options.args.end(), words.begin(), words.end());
+    return options;
+}
+
+SubprocessOptions shell(const std::string& script) {
+    SubprocessOptions options;
+    options.args = {"/bin/sh", "-c", script};
     return options;
 }
 
@@ -74,20 +65,16 @@ std::string readToEnd(int fd) {
 }
 
 Ended run(SubprocessOptions options) {
-    ScopedFd outputRead;
-    ScopedFd outputWrite;
-    ScopedFd errorRead;
-    ScopedFd errorWrite;
-    createPipe(outputRead, outputWrite);
-    createPipe(errorRead, errorWrite);
-    options.stdoutFd = outputWrite.get();
-    options.stderrFd = errorWrite.get();
+    Pipe output;
+    Pipe errors;
+    options.stdoutFd = output.writeEnd.get();
+    options.stderrFd = errors.writeEnd.get();
     Ended ended;
     ended.child = Subprocess::spawn(options);
-    outputWrite.reset();
-    errorWrite.reset();
-    ended.output = readToEnd(outputRead.get());
-    ended.errors = readToEnd(errorRead.get());
+    output.writeEnd.reset();
+    errors.writeEnd.reset();
+    ended.output = readToEnd(output.readEnd.get());
+    ended.errors = readToEnd(errors.readEnd.get());
     ended.child.wait();
     return ended;
 }

@@ -9,7 +9,6 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <boost/filesystem/path.hpp>
 
 #include "process/Subprocess.h"
 
@@ -24,20 +23,26 @@ class ProcessFixture : public ::testing::Test {
     void SetUp() override;
     void TearDown() override;
 
-    // A folder of this test's own, made on the first call and removed afterwards.
-    const boost::filesystem::path& scratch();
-
   private:
     std::map<int, std::string> descriptors_;
     sigset_t mask_{};
-    boost::filesystem::path scratch_;
+};
+
+struct Pipe {
+    Pipe() { createPipe(readEnd, writeEnd); }
+
+    ScopedFd readEnd;
+    ScopedFd writeEnd;
 };
 
 // Open descriptors of this process, but for the one it looks with, and what they are open on.
 std::map<int, std::string> openDescriptors();
 
-// Runs one role of the test program, see Roles.cpp.
+// What launches one role of the test program, see Roles.cpp.
 SubprocessOptions role(const std::vector<std::string>& words);
+
+// What launches a shell that runs `script`.
+SubprocessOptions shell(const std::string& script);
 
 // All that is written to `fd` until its last writer closes it, or what came before the deadline.
 std::string readToEnd(int fd);
