@@ -60,15 +60,6 @@ class SearchPathTest(SystemTest):
         ended = self.run_launcher(self.scratch_tree(os.fsdecode(b"tree\xff")), "--batch")
         self.assertEqual((ended.status, ended.mode), (0, "MainBatch"), ended.err)
 
-    def test_library_path_of_the_user_does_not_replace_the_interpreter(self):
-        tree = self.scratch_tree()
-        fakes = tree.folder / "fakes"
-        fakes.mkdir()
-        for name in ("libpython3.7m.so.1.0", "libZkPlexum3.so", "libZkConfiguration.so"):
-            (fakes / name).write_text("not a library")
-        ended = self.run_launcher(tree, "--batch", env={"LD_LIBRARY_PATH": str(fakes)})
-        self.assertEqual((ended.status, ended.mode), (0, "MainBatch"), ended.err)
-
 
 class ArgumentsTest(SystemTest):
     def test_arrive_whole_and_in_order(self):
