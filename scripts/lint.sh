@@ -10,7 +10,7 @@ done
 files() { git ls-files --cached --others --exclude-standard --deduplicate -- "$@"; }
 
 mapfile -t sources < <(files '*.cpp' '*.h' '*.c')
-mapfile -t shell < <(files '*.sh' .ci/run)
+mapfile -t shell < <(files '*.sh' '*.sbatch' .ci/run)
 mapfile -t python < <(files '*.py')
 if [ "${1:-}" = --fix ]; then
   clang-format -i "${sources[@]}"
