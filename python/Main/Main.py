@@ -146,18 +146,11 @@ def initDefaultRenderer():
         log.warning("There are no valid Renderer plug-ins available.")
 
 
-def ProcessEnvironmentVariables():
-    """Pushes what the configuration and the machine say into the application's subsystems."""
-    global NodegraphAPI, Nodes2DAPI, Nodes3DAPI, PyUtilModule
-    import NodegraphAPI
-    import Nodes2DAPI
-    import Nodes3DAPI
-    import PyUtilModule
-    import MachineInfo
+def isVerbose():
+    return sys.tavrel_verbosityLevel >= 1
 
-    isBatch = Configuration.has("TAVREL_BATCH_MODE")
-    isVerbose = sys.tavrel_verbosityLevel >= 1
 
+def initDebugging():
     if Configuration.get("TAVREL_RENDER_DEBUG") not in ("", "0"):
         log.info("Debugging the rendering process")
         Nodes2DAPI.SetRenderDebug(1)
@@ -169,48 +162,67 @@ def ProcessEnvironmentVariables():
 
     if Configuration.has("TAVREL_RENDER_LOGFILE"):
         renderLogFile = Configuration.get("TAVREL_RENDER_LOGFILE")
-        if isVerbose:
+        if isVerbose():
             log.info('TAVREL_RENDER_LOGFILE set to "%s".', renderLogFile)
         Nodes2DAPI.SetRenderDebug(1)
         Nodes2DAPI.SetRenderLogFile(renderLogFile)
 
-    if not Configuration.has("ARNOLD_RENDER_TERMINATION_SIGNAL"):
-        Configuration.set("ARNOLD_RENDER_TERMINATION_SIGNAL", "SIGKILL")
 
-    Nodes2DAPI.SetRenderThreads(MachineInfo.Tavrel.GetRenderThreadCount())
-    Nodes3DAPI.SetRenderThreads(None)
-
-    tileSize = MachineInfo.Tavrel.GetRenderTileSize(customLogger=log)
+def initTileSize(machine):
+    tileSize = machine.GetRenderTileSize(customLogger=log)
     if tileSize and len(tileSize) == 2:
         width, height = tileSize
-        if isVerbose:
+        if isVerbose():
             log.info("TAVREL_RENDER_TILE_SIZE set to %dx%d.", width, height)
         Nodes2DAPI.SetTileSize(width, height)
     else:
         width, height = Nodes2DAPI.GetTileSize()
-        if isVerbose:
+        if isVerbose():
             log.info("TAVREL_RENDER_TILE_SIZE defaulting to %dx%d.", width, height)
 
-    machineLogger = log if isVerbose else None
-    Nodes2DAPI.SetMaxImageMemory(
-        int(MachineInfo.Tavrel.GetImageMemoryMB(isBatch, customLogger=machineLogger)))
-    Nodes2DAPI.SetMaxDiskUsage(
-        int(MachineInfo.Tavrel.GetImageDiskMemoryMB(isBatch, customLogger=machineLogger)))
 
+def initImageLimits(machine, isBatch):
+    machineLogger = log if isVerbose() else None
+    Nodes2DAPI.SetMaxImageMemory(
+        int(machine.GetImageMemoryMB(isBatch, customLogger=machineLogger)))
+    Nodes2DAPI.SetMaxDiskUsage(
+        int(machine.GetImageDiskMemoryMB(isBatch, customLogger=machineLogger)))
+
+
+def initSpeculativeCache(isBatch):
     if Configuration.has("TAVREL_SPEC_CACHE_ENABLED"):
         try:
-            speculativeCache = bool(int(Configuration.get("TAVREL_SPEC_CACHE_ENABLED")))
+            isEnabled = bool(int(Configuration.get("TAVREL_SPEC_CACHE_ENABLED")))
         except Exception:
             log.error("Could not parse TAVREL_SPEC_CACHE_ENABLED. Allow values: 0,1")
-            speculativeCache = False
-        if isVerbose:
-            log.info("TAVREL_SPEC_CACHE_ENABLED set to %d.", speculativeCache)
+            isEnabled = False
+        if isVerbose():
+            log.info("TAVREL_SPEC_CACHE_ENABLED set to %d.", isEnabled)
     else:
-        speculativeCache = not isBatch
-        if isVerbose:
-            log.info("TAVREL_SPEC_CACHE_ENABLED defaulting to %d.", speculativeCache)
-    Nodes2DAPI.SetSpeculativeCacheEnabled(speculativeCache)
+        isEnabled = not isBatch
+        if isVerbose():
+            log.info("TAVREL_SPEC_CACHE_ENABLED defaulting to %d.", isEnabled)
+    Nodes2DAPI.SetSpeculativeCacheEnabled(isEnabled)
 
+
+def ProcessEnvironmentVariables():
+    """Pushes what the configuration and the machine say into the application's subsystems."""
+    global NodegraphAPI, Nodes2DAPI, Nodes3DAPI, PyUtilModule
+    import NodegraphAPI
+    import Nodes2DAPI
+    import Nodes3DAPI
+    import PyUtilModule
+    import MachineInfo
+
+    isBatch = Configuration.has("TAVREL_BATCH_MODE")
+    initDebugging()
+    if not Configuration.has("ARNOLD_RENDER_TERMINATION_SIGNAL"):
+        Configuration.set("ARNOLD_RENDER_TERMINATION_SIGNAL", "SIGKILL")
+    Nodes2DAPI.SetRenderThreads(MachineInfo.Tavrel.GetRenderThreadCount())
+    Nodes3DAPI.SetRenderThreads(None)
+    initTileSize(MachineInfo.Tavrel)
+    initImageLimits(MachineInfo.Tavrel, isBatch)
+    initSpeculativeCache(isBatch)
     initDefaultRenderer()
 
 
