@@ -15,8 +15,14 @@ constexpr VendorIdBlock keyOfB = {0x46, 0x1e, 0xa7, 0x9b, 0x53, 0x88, 0xad, 0x03
                                   0x0f, 0x5d, 0xb8, 0x14, 0x95, 0xed, 0xa8, 0x60, 0x3c, 0x23, 0x07,
                                   0xf5, 0xd8, 0x71, 0x1c, 0x28, 0xab, 0x3c, 0xb3, 0xd3, 0xf2};
 
-PyModuleDef vendorIdModule = {
-    PyModuleDef_HEAD_INIT, "vendorid", "", -1, nullptr, nullptr, nullptr, nullptr, nullptr};
+PyModuleDef vendorIdModule = {PyModuleDef_HEAD_INIT,  "vendorid",
+                              /*m_doc=*/"",
+                              /*m_size=*/-1,
+                              /*m_methods=*/nullptr,
+                              /*m_slots=*/nullptr,
+                              /*m_traverse=*/nullptr,
+                              /*m_clear=*/nullptr,
+                              /*m_free=*/nullptr};
 
 }  // namespace
 
@@ -58,19 +64,21 @@ unsigned char* GetVendorId(unsigned char** buffer, std::int32_t* length) {
 
 PyObject* PyInit_vendorid() {
     PyObject* const module = PyModule_Create2(&vendorIdModule, PYTHON_API_VERSION);
-    PyObject* const capsule =
-        PyCapsule_New(reinterpret_cast<void*>(&GetVendorId), nullptr, nullptr);
+    PyObject* const capsule = PyCapsule_New(reinterpret_cast<void*>(&GetVendorId), /*name=*/nullptr,
+                                            /*destructor=*/nullptr);
     if (capsule == nullptr) {
         return nullptr;
     }
     // The module takes over the reference of PyCapsule_New; the further one is never given back, so
     // that the pointer stays good for callers that outlive the module.
     Py_INCREF(capsule);
-    PyModule_AddObject(module, "_C_API", capsule);
+    // Whoever asks for the capsule sees whether it is there.
+    static_cast<void>(PyModule_AddObject(module, "_C_API", capsule));
     const int status = PyModule_AddStringConstant(module, "__version__", "1.0.0");
     return reinterpret_cast<PyObject*>(static_cast<std::intptr_t>(status));
 }
 
 void RegisterVendorIdModule() {
-    PyImport_AppendInittab("vendorid", PyInit_vendorid);
+    // Without memory for the entry the interpreter can't start either, and says so.
+    static_cast<void>(PyImport_AppendInittab("vendorid", PyInit_vendorid));
 }

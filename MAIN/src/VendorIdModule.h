@@ -28,5 +28,5 @@ using VendorIdBlock = std::array<unsigned char, 32>;
 
 /// One pass of the cipher over a block, enciphering and deciphering alike. It is RC4 with two
 /// changes that make it another cipher: the key schedule doubles its second index at each step, and
-/// the keystream goes on with that index instead of starting it at 0.
+/// the keystream goes on with that index instead of starting it at 0. Any thread; it can't fail.
 void RunVendorIdCipherPass(VendorIdBlock& block, const VendorIdBlock& key);

@@ -76,7 +76,8 @@ bool tavrelProbeOpenGL(std::string* reason) {
     if (reason != nullptr) {
         reason->clear();
     }
-    XInitThreads();
+    // A library that can't have threads can still be probed.
+    static_cast<void>(XInitThreads());
     const XErrorHandler oldHandler = XSetErrorHandler(recordXError);
     const ScopeGuard handlerGuard([oldHandler] { XSetErrorHandler(oldHandler); });
 
@@ -106,12 +107,13 @@ bool tavrelProbeOpenGL(std::string* reason) {
     const ScopeGuard windowGuard([display, window] { XDestroyWindow(display, window); });
 
     // Errors of the requests above arrive here at the latest; nothing below waits for one.
-    XSync(display, False);
+    XSync(display, /*discard=*/False);
     if (lastXErrorCode != 0) {
         return failWithXError(reason, display, lastXErrorCode);
     }
 
-    const GLXContext context = glXCreateContext(display, visualInfo, nullptr, True);
+    const GLXContext context =
+        glXCreateContext(display, visualInfo, /*shareList=*/nullptr, /*direct=*/True);
     if (context == nullptr) {
         return fail(reason, "glXCreateContext failed");
     }
@@ -120,6 +122,7 @@ bool tavrelProbeOpenGL(std::string* reason) {
     if (glXMakeCurrent(display, window, context) == False) {
         return fail(reason, "glXMakeCurrent failed");
     }
-    glXMakeCurrent(display, None, nullptr);
+    // The answer is settled, and the context is destroyed in any case.
+    static_cast<void>(glXMakeCurrent(display, None, nullptr));
     return true;
 }
