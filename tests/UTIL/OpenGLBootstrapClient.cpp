@@ -1,12 +1,14 @@
-// Calls UTIL::OpenGL::Bootstrap in a fresh process, tells on standard output how it went, and lives
-// on until standard input ends, so that what the call left behind can be looked at.
+// Calls UTIL::OpenGL::Bootstrap in a fresh process and tells how it went.
 //
 //   OpenGLBootstrapClient [null]     null: the call gets no reason to fill
 //
-// Prints "usable" or "unusable", "handler back" or "handler lost", and the reason.
+// Prints "usable" or "unusable", "handler back" or "handler lost", how many connections of this
+// process the server still has, where it lets itself be asked, and the reason.
 
 #include <X11/Xlib.h>
+#include <X11/extensions/XRes.h>
 
+#include <chrono>
 #include <cstring>
 #include <iostream>
 
@@ -18,6 +20,31 @@ int ownHandler(Display* /*display*/, XErrorEvent* /*event*/) {
     return 0;
 }
 
+int countClients(Display* display) {
+    int count = 0;
+    XResClient* clients = nullptr;
+    XResQueryClients(display, &count, &clients);
+    XFree(clients);
+    return count;
+}
+
+/// The server may see the end of a connection later than the client does, so that it is asked again
+/// until a deadline has passed; each question is a round trip.
+int countConnectionsLeft() {
+    Display* const display = XOpenDisplay(nullptr);
+    if (display == nullptr) {
+        return 0;
+    }
+    constexpr int serverAndThisConnection = 2;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    int left = 0;
+    do {
+        left = countClients(display) - serverAndThisConnection;
+    } while (left != 0 && std::chrono::steady_clock::now() < deadline);
+    XCloseDisplay(display);
+    return left;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -27,6 +54,6 @@ int main(int argc, char** argv) {
     const bool usable = UTIL::OpenGL::Bootstrap(wantsReason ? &reason : nullptr);
     const bool handlerBack = XSetErrorHandler(nullptr) == ownHandler;
     std::cout << (usable ? "usable" : "unusable") << ", "
-              << (handlerBack ? "handler back" : "handler lost") << ": " << reason << std::endl;
-    std::cin.get();
+              << (handlerBack ? "handler back" : "handler lost") << ", " << countConnectionsLeft()
+              << " left: " << reason << std::endl;
 }

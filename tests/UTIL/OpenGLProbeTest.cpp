@@ -7,7 +7,6 @@
 #include <GL/glx.h>
 #include <X11/Xlib.h>
 
-#include <cstring>
 #include <new>
 #include <utility>
 #include <vector>
@@ -31,20 +30,15 @@ Screen screens[2];
 std::remove_pointer_t<_XPrivDisplay> displayRecord;
 Visual visual;
 XVisualInfo visualInfo;
-constexpr Window defaultRoot = 11;
-constexpr Window visualsRoot = 12;
+constexpr Window visualsRoot = 11;
+constexpr Window defaultRoot = 12;
 constexpr Colormap theColormap = 21;
 constexpr Window theWindow = 22;
+Display* const theDisplay = reinterpret_cast<Display*>(&displayRecord);
+GLXContext const theContext = reinterpret_cast<GLXContext>(&x);
 
 int oldHandler(Display* /*display*/, XErrorEvent* /*event*/) {
     return 0;
-}
-
-Display* theDisplay() {
-    return reinterpret_cast<Display*>(&displayRecord);
-}
-GLXContext theContext() {
-    return reinterpret_cast<GLXContext>(&x);
 }
 
 template <typename T>
@@ -55,21 +49,6 @@ T answer(const char* call, T result) {
     }
     return x.failing == call ? T{} : result;
 }
-
-class OpenGLProbe : public testing::Test {
-  protected:
-    void SetUp() override {
-        x = FakeX();
-        x.handler = oldHandler;
-        screens[0].root = visualsRoot;
-        screens[1].root = defaultRoot;
-        displayRecord.default_screen = 1;
-        displayRecord.screens = screens;
-        visualInfo.visual = &visual;
-        visualInfo.screen = 0;
-        visualInfo.depth = 32;
-    }
-};
 
 }  // namespace
 
@@ -86,7 +65,7 @@ XErrorHandler XSetErrorHandler(XErrorHandler handler) {
 
 Display* XOpenDisplay(const char* name) {
     EXPECT_EQ(name, nullptr);
-    return answer("display", theDisplay());
+    return answer("display", theDisplay);
 }
 
 XVisualInfo* glXChooseVisual(Display* /*display*/, int screen, int* attributes) {
@@ -98,24 +77,17 @@ XVisualInfo* glXChooseVisual(Display* /*display*/, int screen, int* attributes) 
 }
 
 Colormap XCreateColormap(Display* /*display*/, Window root, Visual* of, int allocate) {
-    EXPECT_EQ(root, visualsRoot);
-    EXPECT_EQ(of, &visual);
-    EXPECT_EQ(allocate, AllocNone);
+    EXPECT_TRUE(root == visualsRoot && of == &visual && allocate == AllocNone);
     return answer("colormap", theColormap);
 }
 
 Window XCreateWindow(Display* /*display*/, Window parent, int left, int top, unsigned width,
                      unsigned height, unsigned border, int depth, unsigned windowClass, Visual* of,
                      unsigned long mask, XSetWindowAttributes* attributes) {
-    EXPECT_EQ(parent, defaultRoot);
-    EXPECT_EQ(std::vector<int>({left, top}), std::vector<int>({0, 0}));
-    EXPECT_EQ(std::vector<unsigned>({width, height, border}), std::vector<unsigned>({1, 1, 0}));
-    EXPECT_EQ(depth, 32);
-    EXPECT_EQ(windowClass, static_cast<unsigned>(InputOutput));
-    EXPECT_EQ(of, &visual);
-    EXPECT_EQ(mask, static_cast<unsigned long>(CWColormap));
-    EXPECT_EQ(attributes->colormap, theColormap);
-    EXPECT_EQ(attributes->event_mask, 0);
+    EXPECT_TRUE(parent == defaultRoot && of == &visual && depth == 32);
+    EXPECT_TRUE(left == 0 && top == 0 && width == 1 && height == 1 && border == 0);
+    EXPECT_TRUE(windowClass == InputOutput && mask == CWColormap);
+    EXPECT_TRUE(attributes->colormap == theColormap && attributes->event_mask == 0);
     return answer("window", theWindow);
 }
 
@@ -136,113 +108,100 @@ int XGetErrorText(Display* /*display*/, int code, char* text, int length) {
 }
 
 GLXContext glXCreateContext(Display* /*display*/, XVisualInfo* of, GLXContext shared, Bool direct) {
-    EXPECT_EQ(of, &visualInfo);
-    EXPECT_EQ(shared, nullptr);
-    EXPECT_EQ(direct, True);
-    return answer("context", theContext());
+    EXPECT_TRUE(of == &visualInfo && shared == nullptr && direct == True);
+    return answer("context", theContext);
 }
 
 Bool glXMakeCurrent(Display* /*display*/, GLXDrawable drawable, GLXContext context) {
-    EXPECT_EQ(drawable == theWindow, context == theContext());
+    EXPECT_EQ(drawable == theWindow, context == theContext);
     return answer(context != nullptr ? "current" : "-current", True);
 }
 
 void glXDestroyContext(Display* /*display*/, GLXContext context) {
-    EXPECT_EQ(context, theContext());
-    answer("-context", 0);
+    answer(context == theContext ? "-context" : "-other", 0);
 }
 
 int XDestroyWindow(Display* /*display*/, Window window) {
-    EXPECT_EQ(window, theWindow);
-    return answer("-window", 1);
+    return answer(window == theWindow ? "-window" : "-other", 1);
 }
 
 int XFreeColormap(Display* /*display*/, Colormap colormap) {
-    EXPECT_EQ(colormap, theColormap);
-    return answer("-colormap", 1);
+    return answer(colormap == theColormap ? "-colormap" : "-other", 1);
 }
 
 int XFree(void* data) {
-    EXPECT_EQ(data, &visualInfo);
-    return answer("-visual", 1);
+    return answer(data == &visualInfo ? "-visual" : "-other", 1);
 }
 
 int XCloseDisplay(Display* display) {
-    EXPECT_EQ(display, theDisplay());
-    return answer("-display", 0);
+    return answer(display == theDisplay ? "-display" : "-other", 0);
 }
 
 }  // extern "C"
 
 namespace {
 
-TEST_F(OpenGLProbe, EveryWayOutGivesBackWhatItTook) {
+void setUp(const char* failing, int errorCode) {
+    x = FakeX();
+    x.failing = failing;
+    x.errorCode = errorCode;
+    x.handler = oldHandler;
+    screens[0].root = visualsRoot;
+    screens[1].root = defaultRoot;
+    displayRecord.default_screen = 1;
+    displayRecord.screens = screens;
+    visualInfo.visual = &visual;
+    visualInfo.screen = 0;
+    visualInfo.depth = 32;
+}
+
+TEST(OpenGLProbe, EveryWayOutGivesBackWhatItTook) {
+    const std::string toWindow = " init handler display visual colormap window sync";
+    const std::string noWindow = " -window -colormap -visual -display -handler";
+    setUp("", 0);
+    x.throwing = "context";
+    EXPECT_THROW(tavrelProbeOpenGL(nullptr), std::bad_alloc);
+    EXPECT_EQ(x.calls, toWindow + " context" + noWindow);
+
     const struct {
         const char* failing;
+        int errorCode;
         const char* reason;
-        const char* calls;
+        std::string calls;
     } cases[] = {
-        {"", "",
-         " init handler display visual colormap window sync context current -current"
-         " -context -window -colormap -visual -display -handler"},
-        {"display", "Could not connect to X display", " init handler display -handler"},
-        {"visual", "Could not find suitable X visual",
+        {"", 0, "", toWindow + " context current -current -context" + noWindow},
+        {"init", 0, "", toWindow + " context current -current -context" + noWindow},
+        {"-current", 0, "", toWindow + " context current -current -context" + noWindow},
+        {"display", 0, "Could not connect to X display", " init handler display -handler"},
+        {"visual", 0, "Could not find suitable X visual",
          " init handler display visual -display -handler"},
-        {"colormap", "XCreateColormap failed",
+        {"colormap", 0, "XCreateColormap failed",
          " init handler display visual colormap -visual -display -handler"},
-        {"window", "XCreateWindow failed",
+        {"window", 0, "XCreateWindow failed",
          " init handler display visual colormap window -colormap -visual -display -handler"},
-        {"context", "glXCreateContext failed",
-         " init handler display visual colormap window sync context"
-         " -window -colormap -visual -display -handler"},
-        {"current", "glXMakeCurrent failed",
-         " init handler display visual colormap window sync context current"
-         " -context -window -colormap -visual -display -handler"},
+        {"context", 0, "glXCreateContext failed", toWindow + " context" + noWindow},
+        {"current", 0, "glXMakeCurrent failed", toWindow + " context current -context" + noWindow},
+        // Last of all: the error code stays for the life of the process.
+        {"", 130, "X error 130 - text of 130", toWindow + " text" + noWindow},
+        {"", 0, "X error 130 - text of 130", toWindow + " text" + noWindow},
     };
     for (const auto& c : cases) {
-        for (const bool wantsReason : {true, false}) {
-            SCOPED_TRACE(c.failing);
-            SetUp();
-            x.failing = c.failing;
-            std::string reason = "left from before";
-            EXPECT_EQ(tavrelProbeOpenGL(wantsReason ? &reason : nullptr), *c.failing == '\0');
-            EXPECT_EQ(reason, wantsReason ? c.reason : "left from before");
-            EXPECT_EQ(x.calls, c.calls);
-            EXPECT_EQ(x.handler, oldHandler);
-        }
+        SCOPED_TRACE(c.failing);
+        setUp(c.failing, c.errorCode);
+        std::string reason = "left from before";
+        EXPECT_EQ(tavrelProbeOpenGL(&reason), *c.reason == '\0');
+        EXPECT_EQ(reason, c.reason);
+        EXPECT_EQ(x.calls, c.calls);
+        EXPECT_EQ(x.handler, oldHandler);
     }
     EXPECT_EQ(x.visualAttributes,
               std::vector<int>({GLX_RGBA, GLX_DOUBLEBUFFER, GLX_DEPTH_SIZE, 16, GLX_STENCIL_SIZE, 8,
                                 GLX_RED_SIZE, 8, GLX_GREEN_SIZE, 8, GLX_BLUE_SIZE, 8,
                                 GLX_ALPHA_SIZE, 8}));
-}
-
-TEST_F(OpenGLProbe, ExceptionOnTheWayGivesBackWhatWasTaken) {
-    x.throwing = "context";
-    std::string reason;
-    EXPECT_THROW(tavrelProbeOpenGL(&reason), std::bad_alloc);
-    EXPECT_EQ(x.calls,
-              " init handler display visual colormap window sync context"
-              " -window -colormap -visual -display -handler");
-}
-
-// Last in the file: the error code stays for the life of the process.
-TEST_F(OpenGLProbe, XErrorIsToldAndNeverForgotten) {
-    std::string reason;
-    x.errorCode = 130;
-    x.failing = "-display";  // of no consequence to the result
-    EXPECT_FALSE(tavrelProbeOpenGL(&reason));
-    EXPECT_EQ(reason, "X error 130 - text of 130");
-    EXPECT_EQ(x.calls,
-              " init handler display visual colormap window sync text"
-              " -window -colormap -visual -display -handler");
-
-    x.errorCode = 0;
-    x.calls.clear();
+    // Without a reason to fill the error is as fatal, and its text isn't asked for.
+    setUp("", 0);
     EXPECT_FALSE(tavrelProbeOpenGL(nullptr));
-    EXPECT_EQ(x.calls,
-              " init handler display visual colormap window sync"
-              " -window -colormap -visual -display -handler");
+    EXPECT_EQ(x.calls, toWindow + noWindow);
 }
 
 }  // namespace
