@@ -31,7 +31,7 @@ class Module(unittest.TestCase):
             import vendorid  # noqa: F401
         # Nobody was handed the module, but the collector knows it.
         cls.module, = (found for found in gc.get_objects()
-                       if type(found) is types.ModuleType and found.__name__ == "vendorid")
+                       if isinstance(found, types.ModuleType) and found.__name__ == "vendorid")
 
     def test_is_built_in_and_cannot_be_had_by_import(self):
         self.assertIn("vendorid", sys.builtin_module_names)
