@@ -27,13 +27,11 @@ class OptionsTest(unittest.TestCase):
     def test_what_is_accepted(self):
         table = (  # arguments, options, args
             ("", {}, ""),
-            ("a b", {}, "a b"),
             ("--batch a -V 2 b", {"batch": True, "verbose": 2}, "a b"),
             ("--batch -- --shell", {"batch": True}, "--shell"),
             ("-V2 --shell", {"verbose": 2, "shell": True}, ""),
             ("-V -1", {"verbose": -1}, ""),
             ("--verb=2 --ba", {"verbose": 2, "batch": True}, ""),
-            ("--ver 2", {"verbose": 2}, ""),
             ("--vers", {"version": True}, ""),
             ("--verbose= 2", {"verbose": 2}, ""),
             ("--render-threads 4", {"render-threads": 4}, ""),
@@ -41,7 +39,6 @@ class OptionsTest(unittest.TestCase):
             ("--script f --help -V x -- y", {"script": ""}, "f --help -V x -- y"),
             ("--script -V 2 f g", {"script": "", "verbose": 2}, "f g"),
             ("--script= f", {"script": ""}, "f"),
-            ("--script=f --x", {"script": "f"}, "f --x"),
             ("--script=f -- --batch --", {"script": "f"}, "f --batch --"),
             ("--script f -- --batch", {"script": ""}, "f --batch"),
             ("--script -- --f --batch", {"script": ""}, "--f --batch"),
@@ -81,13 +78,11 @@ class ConfigurationTest(unittest.TestCase):
             self.assertIs(Configuration.has("key \udce9"), value != "")
 
     def test_wrong_types_are_refused(self):
-        for call, error in ((lambda: Configuration.get(1), TypeError),
-                            (lambda: Configuration.has(b"x"), TypeError),
-                            (lambda: Configuration.set("x", None), TypeError),
-                            (lambda: Configuration.set("x"), TypeError),
-                            (lambda: Configuration.set("x\0", ""), ValueError)):
-            with self.assertRaises(error):
-                call()
+        for error, call, *arguments in (
+                (TypeError, Configuration.get, 1), (TypeError, Configuration.has, b"x"),
+                (TypeError, Configuration.set, "x", None), (TypeError, Configuration.set, "x"),
+                (ValueError, Configuration.set, "x\0", "")):
+            self.assertRaises(error, call, *arguments)
 
 
 class PluginTest(unittest.TestCase):
@@ -128,13 +123,10 @@ class MachineTest(unittest.TestCase):
                         customLogger=logging.getLogger("tiles")), size)
                 self.assertEqual(len(logged.output), 2 if complains else 1)
 
-    def test_batch_takes_more_of_the_machine(self):
-        machine = MachineInfo.Tavrel
-        self.assertGreater(machine.GetRenderThreadCount(), 0)
-        self.assertGreater(machine.GetImageMemoryMB(True), machine.GetImageMemoryMB(False))
+    def test_no_disk_space_where_there_is_no_folder(self):
         Configuration.set("TAVREL_TMPDIR", "/nonexistent")
         self.addCleanup(Configuration.set, "TAVREL_TMPDIR", "")
-        self.assertEqual(machine.GetImageDiskMemoryMB(True), 0)
+        self.assertEqual(MachineInfo.Tavrel.GetImageDiskMemoryMB(True), 0)
 
 
 class GraphAndRenderTest(unittest.TestCase):
@@ -150,10 +142,9 @@ class GraphAndRenderTest(unittest.TestCase):
     def test_graph(self):
         self.assertEqual([node.getName() for node in NodegraphAPI.GetAllNodes()],
                          ["node", "node2"])
-        for refused in (lambda: self.first.connect(self.second),
-                        lambda: self.first.connect(self.first),
-                        lambda: NodegraphAPI.CreateNode("x", "node")):
-            self.assertRaises(ValueError, refused)
+        for upstream in (self.first, self.second):
+            self.assertRaises(ValueError, self.first.connect, upstream)
+        self.assertRaises(ValueError, NodegraphAPI.CreateNode, "x", "node")
         self.first.setParameter("a", 1)
         self.second.setParameter("b", 2)
         self.assertEqual(self.second.getParameters(), {"a": 1, "b": 2})
@@ -161,11 +152,8 @@ class GraphAndRenderTest(unittest.TestCase):
         self.assertEqual(NodegraphAPI.GetAllNodes(), [])
 
     def test_an_image_is_made_tile_by_tile(self):
-        self.assertEqual(RenderingAPI.RenderPlugins.GetRendererPluginNames(), ["dl"])
-        self.assertEqual(RenderingAPI.RenderPlugins.GetRendererPluginNames(includeViewer=True),
-                         ["dl", "viewer"])
-        self.assertEqual([plugin["name"] for plugin in PluginSystem.FindPlugins("renderer")],
-                         ["dl", "viewer"])
+        names = RenderingAPI.RenderPlugins.GetRendererPluginNames
+        self.assertEqual((names(), names(includeViewer=True)), (["dl"], ["dl", "viewer"]))
         Nodes2DAPI.SetTileSize(3, 2)
         self.first.setParameter("color", (1, 0.5, 0))
         self.first.setParameter("checker", 4)
