@@ -109,7 +109,7 @@ class Pages(unittest.TestCase):
             for script in re.findall(r"(?<![\w./-])(?:scripts|examples|[.]ci|tests|benchmarks)/[\w./-]*\w", text):
                 with self.subTest(page=page.name, file=script):
                     self.assertTrue((TOP / script).exists())
-            for preset in re.findall(r"(?:--preset |scripts/build\.sh |build/)([a-z]+)\b", text):
+            for preset in re.findall(r"(?:--preset |scripts/build\.sh |build/(?=[a-z]+/tree))([a-z]+)\b", text):
                 with self.subTest(page=page.name, preset=preset):
                     self.assertIn(preset, known)
 
