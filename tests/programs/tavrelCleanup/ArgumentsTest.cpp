@@ -18,29 +18,15 @@ std::optional<Arguments> parse(const std::vector<std::string>& words) {
 }
 
 TEST(CleanupArguments, BadOnesAreRefusedInOneLine) {
-    const std::vector<std::vector<std::string>> table = {{},
-                                                         {"1"},
-                                                         {"1", "/a", "b"},
-                                                         {"", "/a"},
-                                                         {"0", "/a"},
-                                                         {"-1", "/a"},
-                                                         {"+1", "/a"},
-                                                         {" 1", "/a"},
-                                                         {"1 ", "/a"},
-                                                         {"1x", "/a"},
-                                                         {"0x1", "/a"},
-                                                         {"2147483648", "/a"},
-                                                         {"99999999999999999999", "/a"},
-                                                         {std::to_string(getpid()), "/a"},
-                                                         {"1", ""},
-                                                         {"1", "/"},
-                                                         {"1", "///"},
-                                                         {"1", "."},
-                                                         {"1", ".."},
-                                                         {"1", "/."},
-                                                         {"1", "/a/."},
-                                                         {"1", "a/../"},
-                                                         {"1", "/a/..//"}};
+    const std::string own = std::to_string(getpid());
+    std::vector<std::vector<std::string>> table{{}, {"1"}, {"1", "/a", "b"}};
+    for (const char* pid : {"", "0", "-1", "+1", " 1", "1 ", "1x", "0x1", "2147483648",
+                            "99999999999999999999", own.c_str()}) {
+        table.push_back({pid, "/a"});
+    }
+    for (const char* path : {"", "/", "///", ".", "..", "/.", "/a/.", "a/../", "/a/..//"}) {
+        table.push_back({"1", path});
+    }
     for (const auto& words : table) {
         SCOPED_TRACE(testing::PrintToString(words));
         testing::internal::CaptureStderr();

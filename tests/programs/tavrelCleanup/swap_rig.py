@@ -1,11 +1,11 @@
 """Swaps the folders of a tree with something from outside while the cleanup program walks it.
 
-swap_rig.py [--races N] [--swap link|folder] PROGRAM      (or --path-based instead of PROGRAM)
+swap_rig.py [--races N] [--swap link|folder] PROGRAM
 
 link: the other side is a symbolic link to a folder outside. folder: it is a real folder that stands
 outside, so that folders of the tree are moved out while they are walked, and strangers in. What is
-moved in may go; every other file outside has to stay. Exit status 1 if one was lost. --path-based
-lets a walk that trusts paths run instead: it shows that the races are real.
+moved in may go; every other file outside has to stay. Exit status 1 if one was lost, which a
+program that trusts paths does not escape.
 """
 import argparse
 import ctypes
@@ -55,34 +55,11 @@ def count_lost(swap):
     return lost
 
 
-def walk_paths(folder):
-    with os.scandir(folder) as entries:
-        for entry in entries:
-            try:
-                if entry.is_dir(follow_symlinks=False):
-                    walk_paths(entry.path)
-                    os.rmdir(entry.path)
-                else:
-                    os.unlink(entry.path)
-            except OSError:
-                pass
-
-
-def start(program, dead_pid):
-    if program:
-        # What it had to leave is swapped-in strangers, and no news.
-        actions = [(os.POSIX_SPAWN_OPEN, 2, "/dev/null", os.O_WRONLY, 0)]
-        return os.posix_spawn(program, [program, str(dead_pid), os.path.abspath("tree")], os.environ,
-                              file_actions=actions)
-    child = os.fork()
-    if child == 0:
-        walk_paths("tree")
-        os._exit(0)
-    return child
-
-
 def race(program, dead_pid, pairs):
-    walker = start(program, dead_pid)
+    # What it had to leave is swapped-in strangers, and no news.
+    quiet = [(os.POSIX_SPAWN_OPEN, 2, "/dev/null", os.O_WRONLY, 0)]
+    command = [program, str(dead_pid), os.path.abspath("tree")]
+    walker = os.posix_spawn(program, command, os.environ, file_actions=quiet)
     swaps = 0
     while os.waitpid(walker, os.WNOHANG) == (0, 0):
         for inside, aside in pairs:
@@ -94,11 +71,8 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--races", type=int, default=20000)
     parser.add_argument("--swap", choices=["link", "folder"], default="link")
-    choice = parser.add_mutually_exclusive_group(required=True)
-    choice.add_argument("--path-based", action="store_true")
-    choice.add_argument("program", nargs="?")
+    parser.add_argument("program", type=os.path.abspath)
     options = parser.parse_args()
-    program = options.program and os.path.abspath(options.program)
     base = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
     # Not reaped before the end, so that nobody else gets the id.
     with tempfile.TemporaryDirectory(dir=base) as scratch, subprocess.Popen(["true"]) as dead:
@@ -108,7 +82,7 @@ def main():
         lost = swaps = 0
         for _ in range(options.races):
             build(options.swap)
-            swaps += race(program, dead.pid, pairs)
+            swaps += race(options.program, dead.pid, pairs)
             lost += count_lost(options.swap)
         os.chdir("/")
     print(f"{lost} outside files lost in {options.races} races, {swaps} swaps")
