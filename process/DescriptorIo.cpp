@@ -91,8 +91,8 @@ int ScopedFd::release() noexcept {
 void createPipe(ScopedFd& readEnd, ScopedFd& writeEnd) {
     std::array<int, 2> ends{};
     throwOnFailure(::pipe(ends.data()));
-    setCloseOnExec(ends[0], true);
-    setCloseOnExec(ends[1], true);
+    setCloseOnExec(ends[0], /*enable=*/true);
+    setCloseOnExec(ends[1], /*enable=*/true);
     readEnd.reset(ends[0]);
     writeEnd.reset(ends[1]);
 }

@@ -83,7 +83,7 @@ std::vector<int> sortedUnique(std::vector<int> descriptors) {
 struct LaunchPipes {
     LaunchPipes() {
         createPipe(terminationRead, terminationWrite);
-        setNonBlocking(terminationRead.get(), true);
+        setNonBlocking(terminationRead.get(), /*enable=*/true);
         createPipe(statusRead, statusWrite);
     }
 
@@ -177,7 +177,7 @@ void Subprocess::spawnDaemonized(const std::vector<std::string>& args) {
     }
     // A fork that failed is waited for, too: that gives ECHILD, and the caller goes on.
     int status = 0;
-    if (waitRetry(firstChild, &status, 0) == -1 && errno != ECHILD) {
+    if (waitRetry(firstChild, &status, /*flags=*/0) == -1 && errno != ECHILD) {
         throwSystemError(errno);
     }
     blocked.restore();
@@ -196,7 +196,8 @@ Subprocess Subprocess::spawn(const SubprocessOptions& options) {
     }
     pipes.statusWrite.reset();
     int status = 0;
-    const ssize_t got = readRetry(pipes.statusRead.get(), &status, sizeof status, nullptr);
+    const ssize_t got =
+        readRetry(pipes.statusRead.get(), &status, sizeof status, /*errorCode=*/nullptr);
     blocked.restore();
     if (got == 0) {
         // exec has closed the last write end of the status pipe.
@@ -205,7 +206,7 @@ Subprocess Subprocess::spawn(const SubprocessOptions& options) {
         impl->readEnd = std::move(pipes.terminationRead);
     } else {
         // Nothing to add to a failure of the wait: the child has said itself what went wrong.
-        waitRetry(child, nullptr, 0);
+        waitRetry(child, /*status=*/nullptr, /*flags=*/0);
         impl->startFailed = true;
     }
     return Subprocess(impl);
@@ -258,7 +259,7 @@ bool Subprocess::poll() const {
 }
 
 void Subprocess::wait() const {
-    reap(0);
+    reap(/*waitFlags=*/0);
 }
 
 bool Subprocess::reap(int waitFlags) const {
