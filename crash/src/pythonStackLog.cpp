@@ -1,6 +1,7 @@
 #include "crash/src/pythonStackLog.h"
 
 #include <fstream>
+#include <locale>
 #include <string>
 
 // The records of frames, code and threads are read field by field, and other versions lay them out

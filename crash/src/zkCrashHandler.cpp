@@ -71,11 +71,13 @@ std::string errnoText(int error) {
     return "(" + std::to_string(error) + ": " + std::strerror(error) + ")";
 }
 
-// Crashing thread, in process only before and after the dump: no heap, no lock, no log.
+// Crashing thread: no heap, no lock, no log.
 
 bool alwaysDump(void* /*context*/) {
     return true;
 }
+
+// Crashing thread, and only where it wrote the dump itself: no heap, no lock, no log.
 
 bool passDumpResult(const MinidumpDescriptor& /*descriptor*/, void* /*context*/, bool succeeded) {
     return succeeded;
@@ -97,13 +99,14 @@ bool createReportChannel(ReportChannel& channel) {
            fcntl(channel.serverFd, F_SETFD, 0) == 0;
 }
 
-bool createHandshakePipe(HandshakePipe& handshake) {
+/// Returns 0, or the error.
+int createHandshakePipe(HandshakePipe& handshake) {
     int ends[2];
     if (pipe(ends) != 0) {
-        return false;
+        return errno;
     }
     handshake = {ends[0], ends[1]};
-    return true;
+    return 0;
 }
 
 // From here to childRunReporter: forked child of a process whose only other thread takes no lock,
@@ -179,7 +182,7 @@ bool awaitHandshake(int readFd) {
     return ready == 1 && (waited.revents & POLLIN) != 0;
 }
 
-/// A reader that fails leaves the refusing 0 in place.
+/// A read that fails leaves the refusing 0 in place.
 char takeHandshake(int readFd) {
     char byte = 0;
     [[maybe_unused]] const ssize_t length = read(readFd, &byte, sizeof byte);
@@ -203,7 +206,8 @@ bool reporterAnswers(int readFd) {
 void letReporterTrace(pid_t reporter) {
     logMessage("Crash reporter indicated successful start");
     logMessage("*** Breakpad workaround: allowing ptrace in out-of-process");
-    syscall(SYS_prctl, PR_SET_PTRACER, reporter, 0, 0, 0);
+    // A kernel that doesn't restrict ptrace refuses this, and no harm is done.
+    static_cast<void>(syscall(SYS_prctl, PR_SET_PTRACER, reporter, 0L, 0L, 0L));
 }
 
 /// The client end of the channel to a reporter that serves it, or noDescriptor.
@@ -214,16 +218,17 @@ int startReporter(const Parameters& parameters) {
         return noDescriptor;
     }
     HandshakePipe handshake;
-    if (!createHandshakePipe(handshake)) {
+    if (const int error = createHandshakePipe(handshake); error != 0) {
         logMessage("Failed to create interprocess pipe file descriptors, errno = " +
-                   std::to_string(errno));
+                   std::to_string(error));
         return noDescriptor;
     }
     logChannel(channel);
 
     const pid_t reporter = fork();
     if (reporter == -1) {
-        logError("Forking error: " + errnoText(errno));
+        const int error = errno;
+        logError("Forking error: " + errnoText(error));
         return noDescriptor;
     }
     if (reporter == 0) {
@@ -286,9 +291,10 @@ CrashHandler::CrashHandler(const Parameters& parameters) {
         parameters.mode() == Mode::OutOfProcess ? startReporter(parameters) : noDescriptor;
 
     constexpr bool installHandler = true;
+    constexpr void* noContext = nullptr;
     m_exceptionHandler =
         std::make_unique<ExceptionHandler>(MinidumpDescriptor(parameters.dumpPath()), alwaysDump,
-                                           passDumpResult, nullptr, installHandler, handlerFd);
+                                           passDumpResult, noContext, installHandler, handlerFd);
     logMessage(m_exceptionHandler->IsOutOfProcess() ? "Breakpad exception handler is Out of Process"
                                                     : "Breakpad exception handler is In Process");
 }
