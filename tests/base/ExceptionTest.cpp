@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <regex>
 #include <sstream>
 #include <type_traits>
 
@@ -12,16 +13,13 @@ using namespace Zendrik::Base;
 using Text = ExceptionInfo<std::string>;
 using Number = ExceptionInfo<int>;
 
-static_assert(!std::is_convertible_v<Exception*, std::exception*>);
-static_assert(!std::is_polymorphic_v<std::string> && std::is_polymorphic_v<ExceptionInfoBase>);
+static_assert(!std::is_base_of_v<std::exception, Exception>);
 static_assert(std::is_abstract_v<ExceptionInfoBase>);
 static_assert(std::is_base_of_v<ExceptionDecoration, Exception>);
 static_assert(sizeof(ExceptionInfoBase) == 2 * sizeof(void*));
 static_assert(sizeof(Text) == sizeof(ExceptionInfoBase) + sizeof(std::string));
 static_assert(sizeof(ExceptionDecoration) == sizeof(void*) + sizeof(std::map<int, int>));
 static_assert(sizeof(Exception) == sizeof(ExceptionDecoration) + sizeof(std::list<int>));
-
-const std::string rule(80, '+');
 
 /// The slot of a virtual operation as the ABI numbers them: twice the destructor, then the others.
 template <typename Operation>
@@ -37,27 +35,10 @@ std::string printed(const ExceptionDecoration& decoration, std::size_t indent) {
     return text.str();
 }
 
-std::string valueOf(const ExceptionDecoration& decoration, const std::string& key) {
-    std::ostringstream text;
-    const ExceptionInfoBase* info = decoration.find(key);
-    return info == nullptr ? "absent" : (info->print(text), text.str());
-}
-
 TEST(Exception, VirtualOperationsKeepTheirSlots) {
     EXPECT_EQ(slotOf(&ExceptionInfoBase::clone), 2);
     EXPECT_EQ(slotOf(&ExceptionInfoBase::print), 3);
     EXPECT_EQ(slotOf(&ExceptionInfoBase::type), 4);
-}
-
-TEST(Exception, InfosKnowTheirTypeAndShareTheKeyWithClones) {
-    const Text text("key", "value");
-    const auto copy = text.clone();
-    EXPECT_EQ(copy->name(), text.name());
-    EXPECT_EQ(copy->type(), typeid(std::string));
-    EXPECT_EQ(Number("key", 3).type(), typeid(int));
-    std::ostringstream hexadecimal;
-    Number("key", 255).print(hexadecimal << std::hex);
-    EXPECT_EQ(hexadecimal.str(), "ff");
 }
 
 TEST(Exception, LaterAddWinsAndAssignmentKeepsWhatIsThere) {
@@ -67,27 +48,23 @@ TEST(Exception, LaterAddWinsAndAssignmentKeepsWhatIsThere) {
     other << Text("Kept", "new") << Text("Added", "third");
     target = other;
     other << Text("Added", "changed after the copy");
-    EXPECT_EQ(valueOf(target, "Kept"), "old");
-    EXPECT_EQ(valueOf(target, "Replaced"), "2");
-    EXPECT_EQ(valueOf(target, "Added"), "third");
-    const ExceptionDecoration& itself = target;
-    target = itself;
-    EXPECT_EQ(valueOf(target, "Kept"), "old");
+    std::ostringstream values;
+    target.expand(values, "%%(Kept)%% %%(Replaced)%% %%(Added)%%");
+    EXPECT_EQ(values.str(), "old 2 third");
 }
 
 TEST(Exception, PlaceholdersAreFilledOnce) {
     ExceptionDecoration decoration;
-    decoration << Number("Count", 3) << Text("Nested", "%%(Count)%%") << Text("", "empty key");
+    decoration << Number("Count", 3) << Text("Nested", "%%(Count)%%");
     const struct {
         const char* text;
         const char* filled;
     } cases[] = {
         {"", ""},
-        {"plain", "plain"},
         {"%%(Count)%% of %%(Count)%%.", "3 of 3."},
         {"a %%(Absent)%% z", "a (Absent unknown) z"},
         {"%%(Nested)%%", "%%(Count)%%"},
-        {"%%()%%", "empty key"},
+        {"%%()%%", "( unknown)"},
         {"%%(Count)%% then %%(Count", "3 then %%(Count"},
         {")%% %%(Count)%%", ")%% 3"},
         {"%%(a%%(Count)%%", "(a%%(Count unknown)"},
@@ -98,33 +75,23 @@ TEST(Exception, PlaceholdersAreFilledOnce) {
         decoration.expand(filled, each.text);
         EXPECT_EQ(filled.str(), each.filled);
     }
-    std::ostringstream withoutKey;
-    ExceptionDecoration().expand(withoutKey, "%%()%%");
-    EXPECT_EQ(withoutKey.str(), "( unknown)");
     EXPECT_EQ(decoration.filledText("Nested"), "3");
     EXPECT_EQ(decoration.filledText("Count"), "");
     EXPECT_EQ(decoration.filledText("Absent"), "");
 }
 
+const std::string unknownOrigin = " unknown source file at unknown line in unknown function\n";
+
 TEST(Exception, PrintTellsWhatIsMissing) {
-    ExceptionDecoration message;
-    message << Text("UserMessage", "text") << Number("Also", 1);
     ExceptionDecoration origin;
     origin << Text("ThrowFile", "src/unit") << Number("ThrowLine", 53)
            << Text("ThrowFunction", "void f()") << Text("ExceptionClass", "Kind");
+    EXPECT_EQ(printed(origin, 1),
+              " Threw exception of type Kind\n From src/unit:53 in 'void f()'\n");
     ExceptionDecoration wrongTypes;
     wrongTypes << Number("ThrowFile", 1) << Text("ThrowLine", "53") << Number("ThrowFunction", 2)
                << Number("ExceptionClass", 3);
-    const char* const unknown =
-        "  Threw exception of type unknown type\n"
-        " unknown source file at unknown line in unknown function\n";
-    EXPECT_EQ(printed(message, 2), std::string(unknown) +
-                                       "  Decoration is...\n    [Also] = 1\n"
-                                       "    [UserMessage] = text\n");
-    EXPECT_EQ(printed(wrongTypes, 2), unknown);
-    std::ostringstream streamed;
-    streamed << origin;
-    EXPECT_EQ(streamed.str(), "Threw exception of type Kind\nFrom src/unit:53 in 'void f()'\n");
+    EXPECT_EQ(printed(wrongTypes, 2), "  Threw exception of type unknown type\n" + unknownOrigin);
 }
 
 Exception withMessage(const char* message) {
@@ -138,48 +105,50 @@ TEST(Exception, ReportShowsEarlierExceptionsNewestFirst) {
     second << Number("Step", 2) << Text("UserTitle", "") << Text("UserDetail", "d%%(Step)%%");
     second.rememberPrevious(withMessage("first"));
     Exception third;
+    third << Number("UserMessage", 3);
     third.rememberPrevious(second);
-    const char* const unknown = " unknown source file at unknown line in unknown function\n";
-    std::string expected = rule + "\nEXCEPTION REPORT\n  User message is ''\n";
-    expected += std::string("  Threw exception of type unknown type\n") + unknown;
-    expected += "\n    -------\n    PREVIOUSLY THREW\n    Threw exception of type unknown type\n";
-    expected += unknown;
-    expected +=
-        "    Decoration is...\n"
-        "      [FilledUserDetail] = d2\n"
-        "      [FilledUserMessage] = second after 2\n"
-        "      [Step] = 2\n"
-        "      [UserDetail] = d%%(Step)%%\n"
-        "      [UserMessage] = second after %%(Step)%%\n"
-        "      [UserTitle] = \n"
-        "    -------\n";
-    expected +=
-        "\n      -------\n      PREVIOUSLY THREW\n      Threw exception of type unknown type\n";
-    expected += unknown;
-    expected +=
-        "      Decoration is...\n"
-        "        [FilledUserMessage] = first\n"
-        "        [UserMessage] = first\n"
-        "      -------\n";
-    expected += rule + "\n";
-    EXPECT_EQ(third.reportText(), expected);
+    const std::string rule = std::string(80, '+') + "\n";
+    const std::string unknown = "Threw exception of type unknown type\n" + unknownOrigin;
+    const std::string expected = rule + "EXCEPTION REPORT\n  User message is ''\n  " + unknown +
+                                 "  Decoration is...\n"
+                                 "    [UserMessage] = 3\n"
+                                 "\n    -------\n    PREVIOUSLY THREW\n    " +
+                                 unknown +
+                                 "    Decoration is...\n"
+                                 "      [FilledUserDetail] = d2\n"
+                                 "      [FilledUserMessage] = second after 2\n"
+                                 "      [Step] = 2\n"
+                                 "      [UserDetail] = d%%(Step)%%\n"
+                                 "      [UserMessage] = second after %%(Step)%%\n"
+                                 "      [UserTitle] = \n"
+                                 "    -------\n"
+                                 "\n      -------\n      PREVIOUSLY THREW\n      " +
+                                 unknown +
+                                 "      Decoration is...\n"
+                                 "        [FilledUserMessage] = first\n"
+                                 "        [UserMessage] = first\n"
+                                 "      -------\n" +
+                                 rule;
     EXPECT_EQ(Exception(third).reportText(), expected);
 }
 
-std::size_t count(const std::string& text, const std::string& part) {
-    std::size_t found = 0;
-    for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-        ++found;
+/// The values of "FilledUserMessage" and "Extra" in the report, each in brackets.
+std::string remembered(const Exception& exception) {
+    static const std::regex line(R"(\[(?:FilledUserMessage|Extra)\] = (.*))");
+    const std::string report = exception.reportText();
+    std::string values;
+    for (std::sregex_iterator found(report.begin(), report.end(), line), end; found != end;
+         ++found) {
+        values += "(" + found->str(1) + ")";
     }
-    return found;
+    return values;
 }
 
 TEST(Exception, RememberingAgainTakesOverTheOtherList) {
     Exception newest;
     newest.rememberPrevious(withMessage("first"));
     newest.rememberPrevious(withMessage("second"));
-    EXPECT_EQ(count(newest.reportText(), "PREVIOUSLY THREW"), 1U);
-    EXPECT_EQ(count(newest.reportText(), "[UserMessage] = second"), 1U);
+    EXPECT_EQ(remembered(newest), "(second)");
 
     // Both lists have one element: it is merged, and the value here wins.
     Exception other = withMessage("third");
@@ -187,14 +156,10 @@ TEST(Exception, RememberingAgainTakesOverTheOtherList) {
     below << Number("Extra", 9);
     other.rememberPrevious(below);
     newest.rememberPrevious(other);
-    EXPECT_EQ(count(newest.reportText(), "PREVIOUSLY THREW"), 2U);
-    EXPECT_EQ(count(newest.reportText(), "[UserMessage] = second"), 1U);
-    EXPECT_EQ(count(newest.reportText(), "[Extra] = 9"), 1U);
-    EXPECT_EQ(count(newest.reportText(), "below third"), 0U);
+    EXPECT_EQ(remembered(newest), "(third)(9)(second)");
 
     newest.rememberPrevious(newest);
-    EXPECT_EQ(count(newest.reportText(), "PREVIOUSLY THREW"), 3U);
-    EXPECT_EQ(count(newest.reportText(), "[FilledUserMessage] = \n"), 1U);
+    EXPECT_EQ(remembered(newest), "()(third)(9)(second)");
 }
 
 }  // namespace
