@@ -133,12 +133,16 @@ std::unique_ptr<google_breakpad::CFIFrameInfo> unwindRulesAt(uint64_t address,
     const auto distance = static_cast<uint32_t>(commonSize + sizeof(uint32_t));
     std::memcpy(section.data() + commonSize + sizeof(uint32_t), &distance, sizeof distance);
 
+    // A number of variable length that the section's end cuts off is read on to its last byte: zero.
+    const size_t sectionSize = section.size();
+    section.push_back(0);
+
     google_breakpad::ByteReader reader(google_breakpad::ENDIANNESS_LITTLE);
     reader.SetAddressSize(sizeof(uint64_t));
     reader.SetCFIDataBase(entryAddress - commonSize, section.data());
     RulesCollector collector(address);
     SilentReporter reporter;
-    CallFrameInfo parser(section.data(), section.size(), &reader, &collector, &reporter, true);
+    CallFrameInfo parser(section.data(), sectionSize, &reader, &collector, &reporter, true);
     (void)parser.Start();  // a rule that came before the damage still holds
     return collector.result();
 }
