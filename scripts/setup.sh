@@ -115,6 +115,8 @@ python37() {
   patchelf --force-rpath --set-rpath "\$ORIGIN/../lib" "$to/bin/python3.7"
   local object
   for object in "$to"/lib/libpython3.7m.so.1.0 "$to"/lib/python3.7/lib-dynload/*.so; do
+    # patchelf leaves a removed run path's text behind: it is overwritten first.
+    patchelf --set-rpath "\$ORIGIN" "$object"
     patchelf --remove-rpath "$object"
   done
   strip --strip-debug "$to/bin/python3.7" "$to/lib/libpython3.7m.so.1.0" "$to"/lib/python3.7/lib-dynload/*.so
@@ -123,8 +125,10 @@ python37() {
   for data in "$to"/lib/python3.7/_sysconfigdata_*.py; do
     sed -i "s#$from#/usr/local#g" "$data"
   done
-  "$to/bin/python3.7" -I -S -m compileall -q -j 0 --invalidation-mode unchecked-hash \
-    -d python3.7 "$to/lib/python3.7" >"$deps/compileall.log" 2>&1 ||
+  # -B: what the compiler itself imports would be left behind as byte code that holds a time, which
+  # a package changes. The fixed hash seed makes the same bytes every time.
+  env --unset=PYTHONHOME --unset=PYTHONPATH PYTHONHASHSEED=0 "$to/bin/python3.7" -B -s -S -m compileall \
+    -q -f -j 0 --invalidation-mode unchecked-hash -d python3.7 "$to/lib/python3.7" >"$deps/compileall.log" 2>&1 ||
     grep -v lib2to3 "$deps/compileall.log" || true
   "$to/bin/python3.7" -I -c 'import ctypes, hashlib, ssl, sqlite3, zlib' ||
     die "the Python 3.7 found lacks standard modules (ctypes, hashlib, ssl, sqlite3, zlib)"
