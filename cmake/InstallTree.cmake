@@ -3,10 +3,20 @@
 
 include(GNUInstallDirs)
 set(TAVREL_TREE ${CMAKE_BINARY_DIR}/tree)
+# Every rule that names no other component puts something into the tree itself.
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME tree)
+# What is installed has the same modes under every umask.
+set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+  OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 
 # Where the loader looks: the closed libraries, the interpreter and their companions, all from the
 # program's own folder. As DT_RPATH (not RUNPATH), so that a user's LD_LIBRARY_PATH does not come first.
 set(TAVREL_RUN_PATH "$ORIGIN:$ORIGIN/python3.7/lib:$ORIGIN/OpenSSL:$ORIGIN/graphviz/lib")
+
+# A folder that only its content makes known would have the mode of the umask.
+foreach(folder bin bin/python3.7 bin/python3.7/bin plugins)
+  install(DIRECTORY DESTINATION ${folder})
+endforeach()
 
 # tavrel_in_tree(TARGET [RUN_PATH PATH]): puts an executable, library or module into the tree's bin.
 # Without RUN_PATH the object has none of its own.
@@ -17,13 +27,17 @@ function(tavrel_in_tree target)
     LIBRARY_OUTPUT_DIRECTORY ${TAVREL_TREE}/bin
     BUILD_WITH_INSTALL_RPATH ON
     INSTALL_RPATH "${arg_RUN_PATH}")
+  # Third-party archives bring debug information that tells where they were built. The symbol
+  # tables stay: crash reports name functions from them.
+  target_link_options(${target} PRIVATE $<$<CONFIG:Release>:-Wl,--strip-debug>)
   install(TARGETS ${target} RUNTIME DESTINATION bin LIBRARY DESTINATION bin)
 endfunction()
 
 # tavrel_python_tree(SOURCE_DIR DESTINATION [FILE...]): copies a folder of Python modules, and further
 # generated files beside them, into the tree and compiles them there with the tree's own interpreter.
 # One destination must not lie in another. Hash-checked byte code that is never compared
-# with its source stays valid whatever a copy or a package does to file times.
+# with its source stays valid whatever a copy or a package does to file times. The fixed hash seed
+# gives the same bytes every time.
 function(tavrel_python_tree source_dir destination)
   file(GLOB_RECURSE inputs CONFIGURE_DEPENDS ${source_dir}/*.py ${source_dir}/*.plugin)
   set(copy_generated)
@@ -36,7 +50,8 @@ function(tavrel_python_tree source_dir destination)
     COMMAND ${CMAKE_COMMAND} -E rm -rf ${TAVREL_TREE}/${destination}
     COMMAND ${CMAKE_COMMAND} -E copy_directory ${source_dir} ${TAVREL_TREE}/${destination}
     ${copy_generated}
-    COMMAND ${TAVREL_PYTHON37_HOME}/bin/python3.7 -I -S -m compileall -q
+    COMMAND ${CMAKE_COMMAND} -E env --unset=PYTHONHOME --unset=PYTHONPATH PYTHONHASHSEED=0
+      ${TAVREL_PYTHON37_HOME}/bin/python3.7 -B -s -S -m compileall -q
       --invalidation-mode unchecked-hash -d ${destination} ${TAVREL_TREE}/${destination}
     COMMAND ${CMAKE_COMMAND} -E touch ${stamp}
     DEPENDS ${inputs} ${ARGN}
@@ -49,6 +64,6 @@ endfunction()
 # A build tree links to the prepared interpreter; an installed tree gets a copy.
 file(MAKE_DIRECTORY ${TAVREL_TREE}/bin)
 file(CREATE_LINK ${TAVREL_PYTHON37_HOME} ${TAVREL_TREE}/bin/python3.7 SYMBOLIC)
-install(DIRECTORY ${TAVREL_PYTHON37_HOME}/ DESTINATION bin/python3.7 USE_SOURCE_PERMISSIONS
-  PATTERN .stamp EXCLUDE
-  PATTERN include EXCLUDE)
+install(DIRECTORY ${TAVREL_PYTHON37_HOME}/lib DESTINATION bin/python3.7
+  PATTERN libpython3.7m.so EXCLUDE)
+install(PROGRAMS ${TAVREL_PYTHON37_HOME}/bin/python3.7 DESTINATION bin/python3.7/bin)
