@@ -1,0 +1,50 @@
+# Two packages from one set of install rules: a TGZ with the tree as it is, under tavrel-VERSION, and
+# a DEB with the tree under /opt/tavrel and what a desktop and a shell look for under /usr. Whoever
+# wants the same bytes twice sets SOURCE_DATE_EPOCH, as scripts/package.sh does.
+
+# Made by the build: man pages and completion.
+file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/share)
+foreach(folder share/doc share/doc/tavrel)
+  install(DIRECTORY DESTINATION ${folder} COMPONENT words)
+endforeach()
+install(DIRECTORY ${CMAKE_BINARY_DIR}/share/ DESTINATION share COMPONENT words)
+# Laid out as in the source, so that links from one page to another hold.
+install(FILES README.md CHANGELOG.md DESTINATION share/doc/tavrel COMPONENT words OPTIONAL)
+install(DIRECTORY docs examples DESTINATION share/doc/tavrel COMPONENT words
+  FILES_MATCHING REGEX "\\.(md|png|py|sbatch)$"
+  PATTERN docs/man EXCLUDE)
+install(DIRECTORY examples DESTINATION share/doc/tavrel COMPONENT words
+  FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE
+  FILES_MATCHING PATTERN "*.sh")
+
+# Only a package that owns /usr may put these there, so a plain `cmake --install` leaves them out.
+file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/packaging)
+file(CREATE_LINK /opt/tavrel/bin/tavrel ${CMAKE_BINARY_DIR}/packaging/tavrel SYMBOLIC)
+install(FILES ${CMAKE_BINARY_DIR}/packaging/tavrel DESTINATION bin COMPONENT desktop EXCLUDE_FROM_ALL)
+install(FILES packaging/tavrel.desktop DESTINATION share/applications
+  COMPONENT desktop EXCLUDE_FROM_ALL)
+install(FILES packaging/tavrel.svg DESTINATION share/icons/hicolor/scalable/apps
+  COMPONENT desktop EXCLUDE_FROM_ALL)
+
+set(CPACK_GENERATOR TGZ DEB)
+set(CPACK_PACKAGE_NAME tavrel)
+set(CPACK_PACKAGE_VENDOR "Tavrel developers")
+set(CPACK_PACKAGE_CONTACT "Tavrel developers <developers@tavrel.invalid>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "node graph application with renderer plug-ins")
+set(CPACK_PACKAGE_DESCRIPTION "The launcher with the interpreter and the libraries it brings along.
+It opens the node graph in a window, or runs Python files without a display: in a batch, as one
+script with arguments, or in an interactive shell.")
+set(CPACK_PACKAGE_FILE_NAME tavrel-${PROJECT_VERSION})
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS ${CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS})
+set(CPACK_STRIP_FILES OFF) # A crash report names functions from the symbol tables.
+
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION graphics)
+set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_SOURCE_DIR}/packaging/conffiles)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
+set(CPACK_PROJECT_CONFIG_FILE ${CMAKE_CURRENT_LIST_DIR}/PackagingPerGenerator.cmake)
+set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/PackagingContent.cmake)
+set(CPACK_POST_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/PackagingSortedArchive.cmake)
+include(CPack)

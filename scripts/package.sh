@@ -1,0 +1,59 @@
+#!/usr/bin/env bash
+# Makes the TGZ and the DEB in build/package and checks them: what they hold, that a second build in
+# another folder gives the same bytes, and that they run in a minimal Debian. Times in the packages
+# are SOURCE_DATE_EPOCH, the last commit's unless it is set.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+say() { printf 'package: %s\n' "$*" >&2; }
+die() { say "$*"; exit 1; }
+
+if [ -z "${SOURCE_DATE_EPOCH:-}" ]; then
+  SOURCE_DATE_EPOCH=$(git log -1 --format=%ct 2>/dev/null) ||
+    die "this is no git clone: set SOURCE_DATE_EPOCH to the release's date in seconds (date +%s)"
+fi
+export SOURCE_DATE_EPOCH
+scripts/setup.sh
+for tool in dpkg-shlibdeps desktop-file-validate readelf; do
+  command -v "$tool" >/dev/null || die "$tool is missing: run scripts/setup.sh"
+done
+
+# make_packages FOLDER: a build from nothing with its packages, in FOLDER. cpack writes its umask into
+# the DEB.
+make_packages() {
+  local log=$1.log
+  rm -rf "$1"
+  mkdir -p "$(dirname "$1")"
+  { cmake --preset release -B "$1" -D BUILD_TESTING=OFF && cmake --build "$1" &&
+    (umask 022 && cd "$1" && cpack); } >"$log" 2>&1 || { tail -n 20 "$log" >&2; die "can't make the packages; see $log"; }
+}
+
+first=build/package second=build/package-again
+say "building twice"
+make_packages "$first"
+# Whatever the builder's machine brings along must not matter, and no compiler cache may answer.
+(umask 077 && export TZ=Pacific/Auckland LC_ALL=C CCACHE_DISABLE=1 && make_packages "$second")
+
+tgz=$(echo "$first"/tavrel-*.tar.gz) deb=$(echo "$first"/tavrel_*.deb)
+for package in "$tgz" "$deb"; do
+  cmp "$package" "$second/$(basename "$package")" ||
+    die "two builds differ in $(basename "$package"): compare what $first and $second hold"
+done
+say "two builds give the same bytes"
+
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+tar -C "$scratch" -xzf "$tgz"
+mkdir "$scratch/deb"
+dpkg-deb --extract "$deb" "$scratch/deb"
+# The working folder as it is written, and as it is when links are followed.
+for unpacked in "$scratch/$(basename "$tgz" .tar.gz)" "$scratch/deb"; do
+  python3 -B scripts/check_package.py --depends "$(dpkg-deb --field "$deb" Depends)" \
+    --build-place "$PWD" --build-place "$(pwd -P)" --home "$HOME" "$unpacked" >&2
+done
+desktop-file-validate "$scratch/deb/usr/share/applications/tavrel.desktop"
+
+status=0
+scripts/try_in_minimal_root.sh "$tgz" "$deb" || status=$?
+[ "$status" -eq 0 ] || [ "$status" -eq 77 ] || exit 1
+rm -rf "$second" "$second.log"
+ls -l "$tgz" "$deb"
