@@ -64,28 +64,68 @@ void daemon(benchmark::State& state) {
 }
 
 // The same two pipes as a launch with a handle has, one of them inherited by the program.
-void posixSpawn(benchmark::State& state) {
-    char* const argv[] = {const_cast<char*>(PROGRAM), nullptr};
+struct LaunchPipes {
+    LaunchPipes() {
+        createPipe(terminationRead, terminationWrite);
+        createPipe(statusRead, statusWrite);
+        setInheritable(terminationWrite.get(), true);
+    }
+    ScopedFd terminationRead, terminationWrite, statusRead, statusWrite;
+};
+
+char* const programArguments[] = {const_cast<char*>(PROGRAM), nullptr};
+
+pid_t forkAndExec(LaunchPipes& pipes) {
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::execvp(PROGRAM, programArguments);
+        ::_exit(127);
+    }
+    pipes.statusWrite.reset();
+    char unused = 0;
+    readRetry(pipes.statusRead.get(), &unused, sizeof unused, nullptr);
+    return pid;
+}
+
+// How long the caller waits for the launch.
+void bareLaunch(benchmark::State& state) {
     for (auto _ : state) {
         pid_t pid = -1;
-        std::array<ScopedFd, 4> pipes;
         timeOnly(state, [&] {
-            createPipe(pipes[0], pipes[1]);
-            createPipe(pipes[2], pipes[3]);
-            setInheritable(pipes[1].get(), true);
-            ::posix_spawnp(&pid, PROGRAM, nullptr, nullptr, argv, environ);
+            LaunchPipes pipes;
+            pid = forkAndExec(pipes);
         });
         ::waitpid(pid, nullptr, 0);
     }
 }
 
-void handle(benchmark::State& state) {
+void handleLaunch(benchmark::State& state) {
     SubprocessOptions options;
     options.args = {PROGRAM};
     for (auto _ : state) {
         Subprocess child;
         timeOnly(state, [&] { child = Subprocess::spawn(options); });
         child.wait();
+    }
+}
+
+// How long it takes to have the program run, from the call to its end.
+void posixSpawnRun(benchmark::State& state) {
+    for (auto _ : state) {
+        timeOnly(state, [&] {
+            const LaunchPipes pipes;
+            pid_t pid = -1;
+            ::posix_spawnp(&pid, PROGRAM, nullptr, nullptr, programArguments, environ);
+            ::waitpid(pid, nullptr, 0);
+        });
+    }
+}
+
+void handleRun(benchmark::State& state) {
+    SubprocessOptions options;
+    options.args = {PROGRAM};
+    for (auto _ : state) {
+        timeOnly(state, [&] { Subprocess::spawn(options).wait(); });
     }
 }
 
@@ -108,8 +148,10 @@ void creationTime(benchmark::State& state) {
 
 BENCHMARK(daemonFloor)->UseManualTime();
 BENCHMARK(daemon)->UseManualTime();
-BENCHMARK(posixSpawn)->UseManualTime();
-BENCHMARK(handle)->UseManualTime();
+BENCHMARK(bareLaunch)->UseManualTime();
+BENCHMARK(handleLaunch)->UseManualTime();
+BENCHMARK(posixSpawnRun)->UseManualTime();
+BENCHMARK(handleRun)->UseManualTime();
 BENCHMARK(closeDescriptors)->Arg(1024)->Arg(20'000)->Arg(1'048'576)->UseManualTime();
 BENCHMARK(creationTime);
 
@@ -150,7 +192,10 @@ int main(int argc, char** argv) {
     Medians medians;
     benchmark::RunSpecifiedBenchmarks(&medians);
     print("daemon launch / bare triple fork", medians.of("daemon"), medians.of("daemonFloor"), 1.3);
-    print("launch with a handle / posix_spawn", medians.of("handle"), medians.of("posixSpawn"), 2);
+    print("launch with a handle, returned / bare fork", medians.of("handleLaunch"),
+          medians.of("bareLaunch"), 2);
+    print("run with a handle / posix_spawn", medians.of("handleRun"), medians.of("posixSpawnRun"),
+          2);
     constexpr double CLOSING_ALLOWANCE = 50;
     for (const char* limit : {"1024", "20000", "1048576"}) {
         const std::string what = std::string("closing at limit ") + limit + " / allowance";
