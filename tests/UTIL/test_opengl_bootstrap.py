@@ -38,15 +38,14 @@ class OpenGLBootstrap(unittest.TestCase):
         write_authority(self.right, b"0123456789abcdef")
         write_authority(self.wrong, b"0123456789abcde!")
 
-    def outcome(self, display=None, argument=(), **environment):
+    def outcome(self, display=None, *argument, **environment):
         """What the call says, having given back the error handler and its connection."""
-        environment.setdefault("LD_LIBRARY_PATH", PROBE_FOLDER)
-        environment.setdefault("XAUTHORITY", self.right)
+        environment = {"LD_LIBRARY_PATH": PROBE_FOLDER, "XAUTHORITY": self.right,
+                       # Faults of the GL library itself are not looked for: it keeps memory to the
+                       # end, and reads a text of the server past its end in an indirect context.
+                       "ASAN_OPTIONS": "detect_leaks=0:replace_str=0", **environment}
         if display is not None:
             environment["DISPLAY"] = display
-        # Faults of the GL library itself are not looked for: it keeps memory to the end, and reads
-        # a text of the server past its end when the context is an indirect one.
-        environment["ASAN_OPTIONS"] = "detect_leaks=0:replace_str=0"
         done = subprocess.run([CLIENT, *argument], env=environment, stdout=subprocess.PIPE,
                               stderr=subprocess.DEVNULL, timeout=60)
         return done.stdout.decode().rstrip("\n").replace(", handler back, 0 left", "")
@@ -73,8 +72,13 @@ class OpenGLBootstrap(unittest.TestCase):
             with self.subTest(outcome, environment=environment):
                 self.assertEqual(self.outcome(display, **environment), outcome)
                 if display in (good, indirect):
-                    self.assertEqual(self.outcome(display, ["null"], **environment),
+                    self.assertEqual(self.outcome(display, "null", **environment),
                                      outcome.split(":")[0] + ": left from before")
+        # What a sound server doesn't refuse.
+        for call in ("XCreateColormap", "XCreateWindow", "glXMakeCurrent"):
+            self.assertEqual(self.outcome(good, call), f"unusable: {call} failed")
+        self.assertEqual(self.outcome(good, "XError"),
+                         "unusable: X error 3 - BadWindow (invalid Window parameter)")
 
     def test_library_that_cannot_be_loaded_is_the_reason(self):
         self.assertEqual(self.outcome(LD_LIBRARY_PATH=""), (
