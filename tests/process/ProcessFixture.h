@@ -1,14 +1,17 @@
 #pragma once
 
-// What tests of processes share: a check that nothing is left behind, and children that are roles
-// of the test program itself (see Roles.cpp).
+// What tests of processes share: a check that nothing is left behind, and how they launch.
 
+#include <sys/wait.h>
+#include <unistd.h>
+#include <cerrno>
 #include <csignal>
 #include <map>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <boost/filesystem/operations.hpp>
 
 #include "process/Subprocess.h"
 
@@ -17,15 +20,44 @@ namespace Plexum3::Base {
 // Longer than anything takes on a loaded machine: what exceeds it hangs.
 constexpr int DEADLINE_MS = 60'000;
 
+// Open descriptors of this process, but for the one it looks with, and what they are open on.
+inline std::map<int, std::string> openDescriptors() {
+    const std::string folder = "/proc/" + std::to_string(::getpid()) + "/fd";
+    std::map<int, std::string> found;
+    for (const auto& entry : boost::filesystem::directory_iterator(folder)) {
+        const std::string target = boost::filesystem::read_symlink(entry.path()).string();
+        if (target != folder) {
+            found[std::stoi(entry.path().filename().string())] = target;
+        }
+    }
+    return found;
+}
+
+inline std::vector<int> blockedSignals() {
+    sigset_t mask;
+    ::pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+    std::vector<int> blocked;
+    for (int number = 1; number < NSIG; ++number) {
+        if (::sigismember(&mask, number) == 1) {
+            blocked.push_back(number);
+        }
+    }
+    return blocked;
+}
+
 // Afterwards there are the same open descriptors, the same signal mask and no child.
 class ProcessFixture : public ::testing::Test {
   protected:
-    void SetUp() override;
-    void TearDown() override;
+    void TearDown() override {
+        EXPECT_EQ(openDescriptors(), descriptors_);
+        EXPECT_EQ(blockedSignals(), blocked_);
+        EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
+        EXPECT_EQ(errno, ECHILD);
+    }
 
   private:
-    std::map<int, std::string> descriptors_;
-    sigset_t mask_{};
+    std::map<int, std::string> descriptors_ = openDescriptors();
+    std::vector<int> blocked_ = blockedSignals();
 };
 
 struct Pipe {
@@ -35,25 +67,11 @@ struct Pipe {
     ScopedFd writeEnd;
 };
 
-// Open descriptors of this process, but for the one it looks with, and what they are open on.
-std::map<int, std::string> openDescriptors();
-
-// What launches one role of the test program, see Roles.cpp.
-SubprocessOptions role(const std::vector<std::string>& words);
-
 // What launches a shell that runs `script`.
-SubprocessOptions shell(const std::string& script);
-
-// All that is written to `fd` until its last writer closes it, or what came before the deadline.
-std::string readToEnd(int fd);
-
-struct Ended {
-    Subprocess child;
-    std::string output;
-    std::string errors;
-};
-
-// Launches, reads standard output and error to their ends, and reaps the child if there is one.
-Ended run(SubprocessOptions options);
+inline SubprocessOptions shell(const std::string& script) {
+    SubprocessOptions options;
+    options.args = {"/bin/sh", "-c", script};
+    return options;
+}
 
 }  // namespace Plexum3::Base

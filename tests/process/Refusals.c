@@ -34,6 +34,7 @@ REFUSABLE(close_range, (unsigned a, unsigned b, int flags), SYS_close_range, a, 
 REFUSABLE(setsid, (void), SYS_setsid)
 REFUSABLE(setpgid, (pid_t pid, pid_t group), SYS_setpgid, pid, group)
 REFUSABLE(chdir, (const char* path), SYS_chdir, path)
+REFUSABLE(dup2, (int fd, int target), SYS_dup2, fd, target)
 REFUSABLE(raise, (int number), SYS_tgkill, getpid(), gettid(), number)
 REFUSABLE(fork, (void), SYS_fork)
 REFUSABLE(waitpid, (pid_t pid, int* status, int flags), SYS_wait4, pid, status, flags, NULL)
