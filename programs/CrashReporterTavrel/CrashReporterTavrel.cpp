@@ -70,11 +70,14 @@ void ignoreTheTerminal() {
 }
 
 // Whoever reads the launcher's output to its end waits for the launcher, not for this process.
-// Standard error stays: the one line of each crash goes there.
-void letGoOfStandardStreams() {
+// Standard error stays: the one line of each crash goes there. A launcher that was started with its
+// streams closed hands over a descriptor of its own under their numbers.
+void letGoOfStandardStreams(const Arguments& arguments) {
     const ScopedFd null(open("/dev/null", O_RDWR | O_CLOEXEC));
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO}) {
-        (void)dup2(null.get(), fd);  // without /dev/null they just stay
+        if (fd != arguments.serverFd && fd != arguments.handshakeFd) {
+            (void)dup2(null.get(), fd);  // without /dev/null they just stay
+        }
     }
 }
 
@@ -99,7 +102,7 @@ int main(int argc, char** argv) {
         announce("no crash reports: descriptor %d %s", arguments->serverFd, wrong);
         return kRefused;
     }
-    letGoOfStandardStreams();
+    letGoOfStandardStreams(*arguments);
     LauncherWatch launcher;
     Guardian guardian(channel, std::move(launcher), arguments->prompt);
     if (!answer(handshake, true)) {
