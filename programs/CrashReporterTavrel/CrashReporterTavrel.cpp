@@ -103,7 +103,7 @@ int main(int argc, char** argv) {
         return kRefused;
     }
     letGoOfStandardStreams(*arguments);
-    LauncherWatch launcher;
+    LauncherWatch launcher(arguments->serverFd);
     Guardian guardian(channel, std::move(launcher), arguments->prompt);
     if (!answer(handshake, true)) {
         return kRefused;  // nobody reads it any more: the launcher has gone
