@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -17,6 +16,7 @@
 #include "programs/CrashReporterTavrel/Announcement.h"
 #include "programs/CrashReporterTavrel/CrashReport.h"
 #include "programs/CrashReporterTavrel/KeepPrompt.h"
+#include "programs/CrashReporterTavrel/StackOverflow.h"
 
 namespace Zendrik::Reporter {
 
@@ -24,6 +24,7 @@ namespace {
 
 constexpr size_t kPairsKept = 20;
 constexpr int kPromptSeconds = 60;
+constexpr char kOverflowDump[] = "overflow";
 
 struct Dump {
     ProcessSnapshot process;
@@ -33,6 +34,7 @@ struct Dump {
 
 struct DumpsTaken {
     const WorkerTask& task;
+    const std::vector<char> context;  // what the waiting client has sent
     std::vector<Dump> dumps;
     int error = 0;  // why a finished dump did not get its final name
 };
@@ -56,19 +58,14 @@ void onDump(void* context, const google_breakpad::ClientInfo* client, const std:
         }
     }
     Dump dump{takeSnapshot(client->pid()), file.substr(0, file.rfind('.')), std::time(nullptr)};
-    taken.error = taken.task.staging.publish(file, file);
+    const Staging& staging = taken.task.staging;
+    const bool overflow =
+        client->pid() == taken.task.client &&
+        writeDumpOfOverflow(client->pid(), taken.context, staging.path() + "/" + kOverflowDump);
+    taken.error = staging.publish(overflow ? kOverflowDump : file, file);
     if (taken.error == 0) {
         taken.dumps.push_back(std::move(dump));
     }
-}
-
-// EPERM when this process may not trace the client, else 0. A read of its memory asks for the same
-// permission as tracing and disturbs nothing.
-int tracingError(pid_t client) {
-    char byte = 0;
-    iovec local{&byte, 1};
-    iovec remote{nullptr, 1};
-    return process_vm_readv(client, &local, 1, &remote, 1, 0) < 0 && errno == EPERM ? EPERM : 0;
 }
 
 // What writing to the folder runs into: a full or limited file system shows only in the attempt.
@@ -84,15 +81,15 @@ int writingError(const Staging& staging) {
     return written == static_cast<ssize_t>(dumpSized.size()) ? 0 : error;
 }
 
-void explainMissingDump(const DumpsTaken& taken, int tracing) {
+void explainMissingDump(const DumpsTaken& taken, bool traceable) {
     const WorkerTask& task = taken.task;
     const int error = taken.error != 0 ? taken.error
-                      : tracing != 0   ? 0
+                      : !traceable     ? 0
                                        : writingError(task.staging);
     if (error != 0) {
         announce("no dump of process %d in %s: %s; %s", static_cast<int>(task.client),
                  task.folder.pathOf("").c_str(), strerror(error), adviceFor(error).c_str());
-    } else if (tracing != 0) {
+    } else if (!traceable) {
         announce(
             "no dump of process %d: this system does not let it be traced; "
             "set kernel.yama.ptrace_scope to 0, or give the container ptrace",
@@ -161,8 +158,9 @@ int runWorker(const WorkerTask& task) {
     std::clog.rdbuf(nullptr);
     std::cerr.rdbuf(nullptr);
 
-    DumpsTaken taken{task, {}};
-    const int tracing = tracingError(task.client);
+    DumpsTaken taken{task, task.channel.peekContext(), {}};
+    constexpr uintptr_t anyAddress = 0;
+    const bool traceable = readingError(task.client, anyAddress) != EPERM;
     const std::string staging = task.staging.path();
     google_breakpad::CrashGenerationServer server(task.channel.fd(), onDump, &taken, nullptr,
                                                   nullptr, /*generate_dumps=*/true, &staging);
@@ -176,7 +174,7 @@ int runWorker(const WorkerTask& task) {
     server.Stop();
 
     if (taken.dumps.empty()) {
-        explainMissingDump(taken, tracing);
+        explainMissingDump(taken, traceable);
         return 0;
     }
     tell(task, Progress::Stage::Dumped, taken.dumps.back().guid);

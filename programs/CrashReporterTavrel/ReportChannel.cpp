@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -13,6 +14,8 @@
 namespace Zendrik::Reporter {
 
 namespace {
+
+constexpr size_t kContextSize = sizeof(google_breakpad::ExceptionHandler::CrashContext);
 
 ssize_t receive(int fd, msghdr* message, int flags) {
     ssize_t size = 0;
@@ -68,8 +71,17 @@ std::optional<DumpRequest> ReportChannel::peek() const {
         return std::nullopt;
     }
     const pid_t pid = senderOf(&message);
-    constexpr size_t expected = sizeof(google_breakpad::ExceptionHandler::CrashContext);
-    return DumpRequest{pid, pid > 0 && static_cast<size_t>(size) == expected};
+    return DumpRequest{pid, pid > 0 && static_cast<size_t>(size) == kContextSize};
+}
+
+std::vector<char> ReportChannel::peekContext() const {
+    std::vector<char> context(kContextSize);
+    iovec data{context.data(), context.size()};
+    msghdr message{};
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    context.resize(static_cast<size_t>(std::max<ssize_t>(receive(fd_, &message, MSG_PEEK), 0)));
+    return context;
 }
 
 void ReportChannel::letGo() const {

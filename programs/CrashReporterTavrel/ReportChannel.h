@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <optional>
+#include <vector>
 
 namespace Zendrik::Reporter {
 
@@ -32,6 +33,10 @@ class ReportChannel {
 
     // The first request in the queue, which stays there; none when the queue is empty.
     std::optional<DumpRequest> peek() const;
+
+    // The CrashContext that the first request holds, which stays in the queue; bytes without
+    // meaning when it is not well formed, none when the queue is empty.
+    std::vector<char> peekContext() const;
 
     // Takes the first request out of the queue and lets its process go without a dump.
     void letGo() const;
