@@ -1,11 +1,17 @@
-// The reporter's pieces that take text, files and folders.
+// The reporter's pieces that take text, files and folders. tests/system/crash runs it as a whole.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <random>
+#include <set>
+#include <stdexcept>
 
 #include "processor/cfi_frame_info.h"
 #include "programs/CrashReporterTavrel/CrashReport.h"
@@ -13,10 +19,46 @@
 #include "programs/CrashReporterTavrel/ElfImage.h"
 #include "programs/CrashReporterTavrel/KeepPrompt.h"
 #include "programs/CrashReporterTavrel/ProcessSnapshot.h"
-#include "tests/programs/CrashReporterTavrel/ClientRun.h"
 
 namespace Zendrik::Reporter {
 namespace {
+
+// A folder that goes when the object does.
+class ScratchFolder {
+  public:
+    ScratchFolder() {
+        std::string name = std::filesystem::temp_directory_path() / "reporter_test.XXXXXX";
+        if (mkdtemp(name.data()) == nullptr) {
+            throw std::runtime_error("no scratch folder " + name);
+        }
+        path = name;
+    }
+    ~ScratchFolder() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path, ignored);
+    }
+    ScratchFolder(const ScratchFolder&) = delete;
+    ScratchFolder& operator=(const ScratchFolder&) = delete;
+    std::filesystem::path operator/(const std::string& name) const { return path / name; }
+    std::set<std::string> names() const {
+        std::set<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(path)) {
+            names.insert(entry.path().filename());
+        }
+        return names;
+    }
+
+    std::filesystem::path path;
+};
+
+std::string contentOf(const std::filesystem::path& file) {
+    std::ifstream stream(file);
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+void writeFile(const std::filesystem::path& file, const std::string& content) {
+    std::ofstream(file) << content;
+}
 
 TEST(ProcessSnapshot, ReadsRunModeAsTheLauncherChoosesIt) {
     const struct {
@@ -63,6 +105,34 @@ TEST(CrashReport, SessionIsTheLastEntryOfTheEnvironment) {
     EXPECT_EQ(sessionIdOf(environment + 3), "");
 }
 
+TEST(CrashReport, TakesInThePythonStackLogOfThisRunAlone) {
+    constexpr int64_t start = 1700000000;
+    const struct {
+        const char* file;
+        int64_t written;
+        const char* taken;
+    } cases[] = {
+        {"absent", start + 1, ""},
+        {"PythonStackLog.txt", start + 1, "C function call\n"},
+        {"PythonStackLog.txt", start - 3600, ""},
+        {"target of the link", start + 1, ""},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.file);
+        const ScratchFolder work;
+        writeFile(work / test.file, "C function call\n");
+        if (std::string(test.file) == "target of the link") {
+            std::filesystem::create_symlink(test.file, work / "PythonStackLog.txt");
+        }
+        const timespec times[2] = {{test.written, 0}, {test.written, 0}};
+        ASSERT_EQ(utimensat(AT_FDCWD, (work / test.file).c_str(), times, 0), 0);
+        ProcessSnapshot process;
+        process.startedNs = start * 1000000000;
+        process.workingDirectory.reset(open(work.path.c_str(), O_PATH | O_CLOEXEC));
+        EXPECT_EQ(readPythonStackLog(process), test.taken);
+    }
+}
+
 std::string guidNumbered(int number) {
     char guid[40];
     (void)std::snprintf(guid, sizeof guid, "%08x-0000-0000-00000000-00000000", number);
@@ -92,15 +162,15 @@ TEST(DumpFolder, RemovesTheOldestOfItsOwnPairsOnly) {
                                     scratch / (guidNumbered(3) + ".txt"));
     writeFile(scratch / "notes.txt", heading);
     ASSERT_EQ(mkfifo((scratch / (guidNumbered(4) + ".txt")).c_str(), 0600), 0);
-    const size_t before = namesIn(scratch.path).size();
+    const size_t before = scratch.names().size();
 
     int error = -1;
     const DumpFolder folder = DumpFolder::open(scratch.path, &error);
     ASSERT_EQ(error, 0);
     folder.removeOldest(5);
-    EXPECT_EQ(namesIn(scratch.path).size(), before);
+    EXPECT_EQ(scratch.names().size(), before);
     folder.removeOldest(2);
-    EXPECT_EQ(namesIn(scratch.path).size(), before - 6);
+    EXPECT_EQ(scratch.names().size(), before - 6);
     for (const int kept : {1, 2, 3, 13, 14}) {
         EXPECT_TRUE(std::filesystem::exists(scratch / (guidNumbered(kept) + ".dmp"))) << kept;
     }
@@ -122,7 +192,7 @@ TEST(DumpFolder, PublishesOnceAndNeverOverAFile) {
         EXPECT_EQ(staging.publish("draft", "dangling"), EEXIST);
         EXPECT_EQ(staging.publish("draft", "free"), 0);
     }
-    EXPECT_EQ(namesIn(scratch.path), (std::vector<std::string>{"dangling", "free", "taken"}));
+    EXPECT_EQ(scratch.names(), (std::set<std::string>{"dangling", "free", "taken"}));
     EXPECT_EQ(contentOf(scratch / "taken"), "old");
     EXPECT_EQ(contentOf(scratch / "free"), "new");
 }
@@ -164,7 +234,7 @@ TEST(KeepPrompt, RemovesOnlyOnTheButtonThatRemoves) {
 }
 
 TEST(ElfImage, FindsFunctionsAndTheirUnwindRules) {
-    const auto image = ElfImage::open(CRASHING_CLIENT);
+    const auto image = ElfImage::open(SMALL_PROGRAM);
     ASSERT_TRUE(image);
     EXPECT_EQ(image->buildId().size(), 40U);
     EXPECT_EQ(image->functionAt(0), nullptr);
@@ -187,7 +257,7 @@ TEST(ElfImage, FindsFunctionsAndTheirUnwindRules) {
 
 TEST(ElfImage, DamagedFilesGiveLessAndNeverACrash) {
     const ScratchFolder scratch;
-    const std::string whole = contentOf(CRASHING_CLIENT);
+    const std::string whole = contentOf(SMALL_PROGRAM);
     const std::string file = scratch / "damaged";
     std::mt19937 random(4711);  // NOLINT(bugprone-random-generator-seed): the same damage each run
     for (int round = 0; round < 150; ++round) {

@@ -46,24 +46,39 @@ class Crashed:
 
     def __init__(self, ended, folder, tree):
         self.ended = ended
-        self.pid, self.thread = (int(number) for number in ended.out.split()[-2:])
+        said = re.search(r"^(\d+) (\d+)$", ended.out, re.MULTILINE)
+        self.pid, self.thread = map(int, said.groups()) if said else (None, None)
         self.dumps = sorted(folder.glob("*.dmp")) + own_dumps_in_process(tree)
         self.reports = sorted(folder.glob("*.txt"))
         self.others = [file for file in folder.iterdir() if file not in self.dumps + self.reports]
 
 
+def put_reporter(tree, script):
+    """Puts a shell script in the reporter's place, which becomes $0.real; None: nothing."""
+    reporter = tree.bin / "CrashReporterTavrel"
+    reporter.rename(tree.bin / "CrashReporterTavrel.real")
+    if script is not None:
+        reporter.write_text(f"#!/bin/sh\n{script}\n")
+        reporter.chmod(0o755 if script else 0o644)
+
+
 class CrashTest(SystemTest):
-    def crash(self, tree, kind, env=None, **start):
+    def start_script(self, tree, kind, env=None, **start):
+        """Starts crashing.py with an empty folder for its dumps."""
         folder = tree.folder / "dumps"
         folder.mkdir(exist_ok=True)
         for old in folder.iterdir():
             old.unlink()
         remove_own_dumps_in_process(tree)
         self.addCleanup(remove_own_dumps_in_process, tree)
-        ended = self.run_launcher(tree, "--script", str(HERE / "crashing.py"), kind, preexec_fn=no_core, **start,
-                                  env={"TAVREL_CRASH_HANDLING": "1", "TAVREL_CRASH_DIR": str(folder),
-                                       **(env or {})})
-        return Crashed(ended, folder, tree)
+        return self.start(tree, "--script", str(HERE / "crashing.py"), kind, **{"preexec_fn": no_core, **start},
+                          env={"TAVREL_CRASH_HANDLING": "1", "TAVREL_CRASH_DIR": str(folder), **(env or {})})
+
+    def crashed(self, tree, process):
+        return Crashed(self.finish(tree, process), tree.folder / "dumps", tree)
+
+    def crash(self, tree, kind, env=None, **start):
+        return self.crashed(tree, self.start_script(tree, kind, env, **start))
 
     def blamed(self, dump):
         """(crash reason, thread) as Breakpad's own tools read them from a dump."""

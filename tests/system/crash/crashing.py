@@ -42,6 +42,11 @@ def overflow():
     deeper()
 
 
+def wide_overflow():
+    announce()
+    ctypes.CDLL(os.environ["WIDE_FRAMES"]).enterWideFrames(0)
+
+
 def abort():
     announce()
     os.abort()
@@ -97,6 +102,30 @@ def child():
         native()
     _, status = os.waitpid(pid, 0)
     sys.exit(0 if os.WIFSIGNALED(status) else 1)
+
+
+def await_go():
+    announce()
+    os.read(0, 1)
+
+
+def after_go():
+    await_go()
+    crash_by_address()
+
+
+def leave_child(last_act=lambda: None):
+    await_go()
+    if os.fork() == 0:
+        announce()
+        while os.read(0, 1):
+            pass
+        last_act()
+        os._exit(0)
+
+
+def leave_crashing_child():
+    leave_child(crash_by_address)
 
 
 globals()[sys.argv[1]]()

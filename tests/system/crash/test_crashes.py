@@ -2,17 +2,33 @@
 and exactly one dump tells which thread it was."""
 
 import os
+import re
 import signal
+import stat
 import tempfile
 import unittest
 
-from crash_case import CrashTest
+from crash_case import CrashTest, no_core
+from scratch_tree import STAND_INS
 
+GUID = "[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{8}-[0-9a-f]{8}"
+# What the report on a crash in a thread of crashing.py holds, in this order.
+REPORT = [
+    r"^Tavrel crash report\n\nProduct:     Tavrel [0-9.]+\nTime:        20.* UTC\nSession:     none\nProcess:     {pid}\n",
+    r"Executable:  /.*/bin/tavrel\nRun mode:    script\nUptime:      [0-9.]+ s\n",
+    r"Memory:      [0-9.]+ MiB resident, [0-9.]+ MiB at its peak, [0-9.]+ MiB virtual; \d+ threads\nSystem:      Linux ",
+    r"\nDump:        {dump}\nSignal:      SIGSEGV /SEGV_MAPERR at 0x10\n\nCrashed thread {thread}\D",
+    # Only unwind rules lead through the interpreter and the C library.
+    r"  #\d+ +libpython3.7m.so.1.0  _PyEval_EvalFrameDefault \+ 0x[0-9a-f]+\n",
+    r"\nThread {pid}\D", r"  #\d+ +tavrel  main \+ 0x[0-9a-f]+\n",
+    r"\nModules: .*\n", r"  0x[0-9a-f]+  0x[0-9a-f]+  [0-9a-f]{{40}}  /.*/bin/tavrel\n",
+    r"  [0-9a-f]{{40}}  /.*/libc.so.6\n"]
 # What crashing.py does, the signal, whether the thread that it named is the one to blame.
 KINDS = [
     ("native", signal.SIGSEGV, True),
     ("in_thread", signal.SIGSEGV, True),
     ("overflow", signal.SIGSEGV, True),
+    ("wide_overflow", signal.SIGSEGV, True),
     ("abort", signal.SIGABRT, True),
     ("bus", signal.SIGBUS, True),
     ("division", signal.SIGFPE, True),
@@ -26,18 +42,22 @@ class CrashesTest(CrashTest):
     def check(self, tree, reports):
         for kind, number, named in KINDS:
             with self.subTest(kind):
-                crashed = self.crash(tree, kind)
+                crashed = self.crash(tree, kind, {"WIDE_FRAMES": str(STAND_INS / "libwide_frames.so")})
                 self.assertEqual(crashed.ended.status, -number, crashed.ended.err)
                 self.assertEqual((len(crashed.dumps), len(crashed.reports), crashed.others), (1, reports, []))
+                self.assertRegex(crashed.dumps[0].name, f"^{GUID}[.]dmp$")
+                self.assertEqual(crashed.dumps[0].stat().st_mode, stat.S_IFREG | 0o600)
                 reason, thread = self.blamed(crashed.dumps[0])
                 self.assertEqual(reason, number.name)
                 if named:
                     self.assertEqual(thread, crashed.thread)
                 for report in crashed.reports:
                     text = report.read_text()
-                    self.assertIn("\nRun mode:    script\nUptime:", text)
+                    self.assertIn(f"\nSignal:      {number.name}", text)
                     self.assertIn(f"\nCrashed thread {thread}", text)
-                    self.assertIn(f"its report is {report}\n", crashed.ended.err)
+                    self.assertEqual(text.count("enterWideFrames + 0x") > 2, kind == "wide_overflow", text)
+                    self.assertIn(f"CrashReporterTavrel: process {crashed.pid} has crashed; its dump is "
+                                  f"{crashed.dumps[0]}, its report is {report}\n", crashed.ended.err)
                 for dump in crashed.dumps:
                     dump.unlink()
 
@@ -48,6 +68,22 @@ class CrashesTest(CrashTest):
         tree = self.scratch_tree(recorder=False)
         (tree.bin / "CrashReporterTavrel").unlink()
         self.check(tree, reports=0)
+
+    def test_report_tells_what_was_running_and_where_it_stood(self):
+        crashed = self.crash(self.scratch_tree(recorder=False), "in_thread")
+        rest = crashed.reports[0].read_text()
+        self.assertNotIn("--script", rest)  # arguments may hold what is nobody's affair
+        for lines in REPORT:
+            wanted = lines.format(pid=crashed.pid, thread=crashed.thread, dump=re.escape(str(crashed.dumps[0])))
+            found = re.search(wanted, rest)
+            self.assertTrue(found, f"no {wanted} in {rest}")
+            rest = rest[found.end():]
+
+    def test_closed_streams_of_the_launcher(self):
+        # The report channel then gets their numbers.
+        tree = self.scratch_tree(recorder=False)
+        crashed = self.crash(tree, "native", preexec_fn=lambda: (no_core(), os.closerange(0, 2)))
+        self.assertEqual((crashed.ended.status, len(crashed.dumps), len(crashed.reports)), (-signal.SIGSEGV, 1, 1))
 
     def test_forked_child_yields_a_dump_of_its_own(self):
         crashed = self.crash(self.scratch_tree(recorder=False), "child")

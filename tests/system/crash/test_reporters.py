@@ -4,7 +4,7 @@ of its own making."""
 import signal
 import unittest
 
-from crash_case import CrashTest
+from crash_case import CrashTest, put_reporter
 
 NOT_UP = "Crash reporting child process failed to return a success message"
 REFUSED = "Crash reporter indicated failure to start"
@@ -27,11 +27,7 @@ class ReportersTest(CrashTest):
         for name, script, serves, line in REPORTERS:
             with self.subTest(name):
                 tree = self.scratch_tree(recorder=False)
-                reporter = tree.bin / "CrashReporterTavrel"
-                reporter.rename(tree.bin / "CrashReporterTavrel.real")
-                if script is not None:
-                    reporter.write_text(f"#!/bin/sh\n{script}\n")
-                    reporter.chmod(0o755 if script else 0o644)
+                put_reporter(tree, script)
                 log = tree.folder / "zendrik.log"
                 crashed = self.crash(tree, "native", {"ZENDRIK_LOG_FILE": str(log)})
                 self.assertEqual(crashed.ended.status, -signal.SIGSEGV, crashed.ended.err)
