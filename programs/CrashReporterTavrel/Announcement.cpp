@@ -1,11 +1,14 @@
 #include "programs/CrashReporterTavrel/Announcement.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+
+#include "process/DescriptorIo.h"
 
 namespace Zendrik::Reporter {
 
@@ -22,6 +25,11 @@ void announce(const char* format, ...) {
     line[size++] = '\n';
     const ssize_t written = write(STDERR_FILENO, line, size);
     (void)written;
+}
+
+bool letGoOfStandardError() {
+    const Plexum3::Base::ScopedFd null(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    return dup2(null.get(), STDERR_FILENO) == STDERR_FILENO;
 }
 
 }  // namespace Zendrik::Reporter

@@ -6,10 +6,6 @@
 
 #include "programs/CrashReporterTavrel/ProcessSnapshot.h"
 
-namespace google_breakpad {
-class ProcessState;
-}
-
 namespace Zendrik::Reporter {
 
 struct CrashFacts {

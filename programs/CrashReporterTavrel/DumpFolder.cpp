@@ -23,7 +23,7 @@ namespace {
 
 using Directory = std::unique_ptr<DIR, int (*)(DIR*)>;
 
-/// A stream over its own open of the folder: the caller's descriptor keeps its position.
+// A stream over its own open of the folder: the caller's descriptor keeps its position.
 Directory listFolder(int fd) {
     const int own = openat(fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     DIR* stream = own < 0 ? nullptr : fdopendir(own);

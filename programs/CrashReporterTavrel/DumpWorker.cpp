@@ -83,9 +83,7 @@ int writingError(const Staging& staging) {
 
 void explainMissingDump(const DumpsTaken& taken, bool traceable) {
     const WorkerTask& task = taken.task;
-    const int error = taken.error != 0 ? taken.error
-                      : !traceable     ? 0
-                                       : writingError(task.staging);
+    const int error = taken.error != 0 ? taken.error : !traceable ? 0 : writingError(task.staging);
     if (error != 0) {
         announce("no dump of process %d in %s: %s; %s", static_cast<int>(task.client),
                  task.folder.pathOf("").c_str(), strerror(error), adviceFor(error).c_str());
@@ -127,12 +125,6 @@ void report(const WorkerTask& task, const Dump& dump) {
     announce("process %d has crashed; its dump is %s, its report is %s",
              static_cast<int>(dump.process.pid), dumpPath.c_str(),
              task.folder.pathOf(name).c_str());
-}
-
-void letGoOfStandardError() {
-    // Whoever reads the launcher's output to its end must not wait for the user's answer.
-    const ScopedFd null(open("/dev/null", O_WRONLY | O_CLOEXEC));
-    (void)dup2(null.get(), STDERR_FILENO);
 }
 
 }  // namespace
@@ -184,7 +176,7 @@ int runWorker(const WorkerTask& task) {
     tell(task, Progress::Stage::Reported, taken.dumps.back().guid);
     task.folder.removeOldest(kPairsKept);
     if (task.prompt && hasDisplay()) {
-        letGoOfStandardError();
+        (void)letGoOfStandardError();  // without it a reader of the output waits longer
         const std::string& guid = taken.dumps.back().guid;
         if (askWhetherToKeep(task.folder.pathOf(guid + ".txt"), kPromptSeconds) == Answer::Remove) {
             task.folder.removePair(guid);

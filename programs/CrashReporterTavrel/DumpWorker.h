@@ -38,7 +38,7 @@ struct WorkerTask {
 // whether to keep it. Runs in a child forked for it; returns the child's exit status.
 int runWorker(const WorkerTask& task);
 
-// Path or words for what a failed dump is due to, ready for the user.
+// What the user can do about a dump that failed with this errno: words to follow a semicolon.
 std::string adviceFor(int error);
 
 }  // namespace Zendrik::Reporter

@@ -225,7 +225,12 @@ bool ElfImage::findFrameEntry(uint64_t address, FrameEntry* entry) const {
         return false;
     }
     entry->address = frameHeader_ + static_cast<int64_t>(std::prev(next)->entry);
+    return readFrameEntry(entry);
+}
+
+bool ElfImage::readFrameEntry(FrameEntry* entry) const {
     uint64_t at = 0;
+    uint64_t available = 0;
     constexpr uint64_t prologue = 2 * sizeof(uint32_t);  // length, distance to the common entry
     if (!locate(entry->address, &at, &available) || available < prologue) {
         return false;

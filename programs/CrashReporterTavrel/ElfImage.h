@@ -43,7 +43,7 @@ class ElfImage {
     // The function that covers `address`, from .symtab or else .dynsym; null when none does.
     const ElfFunction* functionAt(uint64_t address) const;
 
-    // Whether .eh_frame_hdr knows a function at `address`. False, too, without such a table.
+    // Whether `unwindRules` finds rules for `address`.
     bool hasUnwindRules(uint64_t address) const;
 
     // Rules that find the caller's registers from a frame stopped at `address`, in the form of
@@ -65,6 +65,8 @@ class ElfImage {
     void readFunctions();
     void readSymbols(const Elf64_Shdr& table, const Elf64_Shdr& names);
     bool findFrameEntry(uint64_t address, FrameEntry* entry) const;
+    // Fills in the rest of an entry whose address is set.
+    bool readFrameEntry(FrameEntry* entry) const;
 
     const uint8_t* bytes_;
     size_t size_;

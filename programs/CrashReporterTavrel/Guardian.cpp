@@ -39,6 +39,18 @@ int waitForEnd(pid_t child) {
     return status;
 }
 
+// The guardian has one thread, so its child may use the heap.
+[[noreturn]] void childRun(const WorkerTask& task) {
+    int status = 1;
+    try {
+        status = runWorker(task);
+    } catch (const std::exception& failure) {
+        announce("the report on process %d failed: %s", static_cast<int>(task.client),
+                 failure.what());
+    }
+    _exit(status);  // the staging folder is the guardian's to remove
+}
+
 const char* endOf(int status) {
     return WIFSIGNALED(status) ? strsignal(WTERMSIG(status)) : "exit";
 }
@@ -59,7 +71,7 @@ int Guardian::run() {
     }
     channel_.shut();
     while (!workers_.empty()) {
-        letGoOfStandardError();
+        fallSilentWhileAsking();
         waitForEvents();
     }
     return 0;
@@ -160,15 +172,7 @@ void Guardian::startWorker(pid_t client) {
     const ScopedFd writeEnd(ends[1]);
     worker.pid = writeEnd.get() < 0 ? -1 : fork();
     if (worker.pid == 0) {
-        int status = 1;
-        try {
-            status = runWorker(
-                {channel_, worker.folder, worker.staging, client, prompt_, writeEnd.get()});
-        } catch (const std::exception& failure) {
-            announce("the report on process %d failed: %s", static_cast<int>(client),
-                     failure.what());
-        }
-        _exit(status);  // the staging folder is the guardian's to remove
+        childRun({channel_, worker.folder, worker.staging, client, prompt_, writeEnd.get()});
     }
     if (worker.pid < 0) {
         announce("no dump of process %d: %s", static_cast<int>(client), strerror(errno));
@@ -230,13 +234,12 @@ void Guardian::killOverdueWorkers() {
     }
 }
 
-void Guardian::letGoOfStandardError() {
+void Guardian::fallSilentWhileAsking() {
     const bool silent = std::all_of(workers_.begin(), workers_.end(), [](const Worker& worker) {
         return worker.stage == Stage::Asking;
     });
     if (standardErrorHeld_ && silent) {
-        const ScopedFd null(open("/dev/null", O_WRONLY | O_CLOEXEC));
-        standardErrorHeld_ = dup2(null.get(), STDERR_FILENO) < 0;
+        standardErrorHeld_ = !letGoOfStandardError();
     }
 }
 

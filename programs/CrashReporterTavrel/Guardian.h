@@ -53,7 +53,7 @@ class Guardian {
     void finish(Worker& worker);
     void noteUnfinishedReport(const Worker& worker, int status) const;
     void killOverdueWorkers();
-    void letGoOfStandardError();
+    void fallSilentWhileAsking();
     bool wasServed(pid_t client);
 
     ReportChannel channel_;

@@ -1,8 +1,8 @@
 // The reporter's pieces that take text, files and folders. tests/system/crash runs it as a whole.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cstdlib>

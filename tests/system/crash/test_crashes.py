@@ -14,15 +14,16 @@ from scratch_tree import STAND_INS
 GUID = "[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{8}-[0-9a-f]{8}"
 # What the report on a crash in a thread of crashing.py holds, in this order.
 REPORT = [
-    r"^Tavrel crash report\n\nProduct:     Tavrel [0-9.]+\nTime:        20.* UTC\nSession:     none\nProcess:     {pid}\n",
-    r"Executable:  /.*/bin/tavrel\nRun mode:    script\nUptime:      [0-9.]+ s\n",
-    r"Memory:      [0-9.]+ MiB resident, [0-9.]+ MiB at its peak, [0-9.]+ MiB virtual; \d+ threads\nSystem:      Linux ",
-    r"\nDump:        {dump}\nSignal:      SIGSEGV /SEGV_MAPERR at 0x10\n\nCrashed thread {thread}\D",
+    r"^Tavrel crash report\n\nProduct:     Tavrel [0-9.]+\nTime:        20.* UTC\nSession:     none\n",
+    r"Process:     {pid}\nExecutable:  /.*/bin/tavrel\nRun mode:    script\nUptime:      [0-9.]+ s\n",
+    r"Memory:      [0-9.]+ MiB resident, [0-9.]+ MiB at its peak, [0-9.]+ MiB virtual; \d+ threads\n",
+    r"System:      Linux .*\nDump:        {dump}\nSignal:      SIGSEGV /SEGV_MAPERR at 0x10\n",
     # Only unwind rules lead through the interpreter and the C library.
-    r"  #\d+ +libpython3.7m.so.1.0  _PyEval_EvalFrameDefault \+ 0x[0-9a-f]+\n",
+    r"\nCrashed thread {thread}\D", r"  #\d+ +libpython3.7m.so.1.0  _PyEval_EvalFrameDefault \+ 0x[0-9a-f]+\n",
     r"\nThread {pid}\D", r"  #\d+ +tavrel  main \+ 0x[0-9a-f]+\n",
     r"\nModules: .*\n", r"  0x[0-9a-f]+  0x[0-9a-f]+  [0-9a-f]{{40}}  /.*/bin/tavrel\n",
-    r"  [0-9a-f]{{40}}  /.*/libc.so.6\n"]
+    r"  [0-9a-f]{{40}}  /.*/libc.so.6\n",
+]
 # What crashing.py does, the signal, whether the thread that it named is the one to blame.
 KINDS = [
     ("native", signal.SIGSEGV, True),

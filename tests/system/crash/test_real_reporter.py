@@ -109,7 +109,8 @@ class ReporterTest(CrashTest):
         self.assertEqual(self.crashed(tree, process).dumps, [])
 
     def test_outlasts_the_terminals_signals_and_ends_at_sigterm(self):
-        for signals, dumps in ((signal.SIGINT, signal.SIGQUIT, signal.SIGHUP, signal.SIGTSTP), 1), ((signal.SIGTERM,), 0):
+        terminal = (signal.SIGINT, signal.SIGQUIT, signal.SIGHUP, signal.SIGTSTP)
+        for signals, dumps in (terminal, 1), ((signal.SIGTERM,), 0):
             with self.subTest(signals):
                 tree = self.scratch_tree(recorder=False)
                 process, reporter, pid = self.start_waiting(tree, "after_go")
