@@ -5,6 +5,7 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cinttypes>
 #include <cstring>
@@ -31,13 +32,19 @@ using google_breakpad::StackFrame;
 constexpr char kPythonStackLog[] = "PythonStackLog.txt";
 
 // Paths and names come from the crashed process: no control character of theirs reaches a terminal.
-std::string printable(std::string text) {
+std::string printableLines(std::string text) {
     for (char& c : text) {
-        if (static_cast<unsigned char>(c) < ' ' || c == '\x7f') {
+        if ((static_cast<unsigned char>(c) < ' ' && c != '\n') || c == '\x7f') {
             c = '?';
         }
     }
     return text;
+}
+
+std::string printable(const std::string& text) {
+    std::string line = printableLines(text);
+    std::replace(line.begin(), line.end(), '\n', '?');
+    return line;
 }
 
 std::string orUnknown(const std::string& text) {
@@ -183,19 +190,8 @@ bool writeDumpsStory(std::FILE* out, const std::string& dumpFile) {
     return true;
 }
 
-}  // namespace
-
-std::string sessionIdOf(const char* const* environment) {
-    constexpr char name[] = "ZK_SESSION_ID=";
-    std::string id;
-    for (; *environment != nullptr; ++environment) {
-        if (std::strncmp(*environment, name, sizeof name - 1) == 0) {
-            id = *environment + sizeof name - 1;
-        }
-    }
-    return id;
-}
-
+// The stack log that the launcher's Python hook leaves in the working directory, when it is there,
+// no link, and written since the process started; else empty.
 std::string readPythonStackLog(const ProcessSnapshot& process) {
     struct stat status {};
     const int folder = process.workingDirectory.get();
@@ -211,6 +207,19 @@ std::string readPythonStackLog(const ProcessSnapshot& process) {
     return readText(folder, kPythonStackLog, limit, O_NOFOLLOW | O_NONBLOCK);
 }
 
+}  // namespace
+
+std::string sessionIdOf(const char* const* environment) {
+    constexpr char name[] = "ZK_SESSION_ID=";
+    std::string id;
+    for (; *environment != nullptr; ++environment) {
+        if (std::strncmp(*environment, name, sizeof name - 1) == 0) {
+            id = *environment + sizeof name - 1;
+        }
+    }
+    return id;
+}
+
 bool writeReport(std::FILE* out, const CrashFacts& facts, const std::string& dumpFile) {
     writeFacts(out, facts);
     writeSystem(out);
@@ -220,7 +229,7 @@ bool writeReport(std::FILE* out, const CrashFacts& facts, const std::string& dum
     const std::string pythonStack = readPythonStackLog(facts.process);
     if (!pythonStack.empty()) {
         std::fprintf(out, "\n%s, the last Python call that was logged:\n%s", kPythonStackLog,
-                     pythonStack.c_str());
+                     printableLines(pythonStack).c_str());
     }
     return std::fflush(out) == 0 && std::ferror(out) == 0 && dumpWasRead;
 }

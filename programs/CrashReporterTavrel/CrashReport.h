@@ -26,8 +26,4 @@ bool writeReport(std::FILE* out, const CrashFacts& facts, const std::string& dum
 // environment without merging, so the last entry of that name is the launcher's.
 std::string sessionIdOf(const char* const* environment);
 
-// The stack log that the launcher's Python hook leaves in the working directory, when it is there,
-// no link, and written since the process started; else empty. At most 256 KiB of it.
-std::string readPythonStackLog(const ProcessSnapshot& process);
-
 }  // namespace Zendrik::Reporter

@@ -110,17 +110,17 @@ TEST(CrashReport, TakesInThePythonStackLogOfThisRunAlone) {
     const struct {
         const char* file;
         int64_t written;
-        const char* taken;
+        bool taken;
     } cases[] = {
-        {"absent", start + 1, ""},
-        {"PythonStackLog.txt", start + 1, "C function call\n"},
-        {"PythonStackLog.txt", start - 3600, ""},
-        {"target of the link", start + 1, ""},
+        {"absent", start + 1, false},
+        {"PythonStackLog.txt", start + 1, true},
+        {"PythonStackLog.txt", start - 3600, false},
+        {"target of the link", start + 1, false},
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(test.file);
         const ScratchFolder work;
-        writeFile(work / test.file, "C function call\n");
+        writeFile(work / test.file, "C function call\n1 \x1b[2J\n");
         if (std::string(test.file) == "target of the link") {
             std::filesystem::create_symlink(test.file, work / "PythonStackLog.txt");
         }
@@ -129,7 +129,12 @@ TEST(CrashReport, TakesInThePythonStackLogOfThisRunAlone) {
         ProcessSnapshot process;
         process.startedNs = start * 1000000000;
         process.workingDirectory.reset(open(work.path.c_str(), O_PATH | O_CLOEXEC));
-        EXPECT_EQ(readPythonStackLog(process), test.taken);
+        std::FILE* out = std::fopen((work / "report").c_str(), "w");
+        EXPECT_FALSE(writeReport(out, {process, "", "no.dmp", 0}, work / "no.dmp"));
+        EXPECT_EQ(std::fclose(out), 0);
+        const std::string report = contentOf(work / "report");
+        EXPECT_NE(report.find("\nThe dump can't be read"), std::string::npos);
+        EXPECT_EQ(report.find("\nC function call\n1 ?[2J\n") != std::string::npos, test.taken);
     }
 }
 
