@@ -1,6 +1,3 @@
-find_program(TAVREL_TEST_PYTHON NAMES python3 PATHS /usr/bin NO_DEFAULT_PATH)
-find_program(TAVREL_TEST_PYTHON NAMES python3 REQUIRED)
-
 # The probe against real X servers.
 add_executable(OpenGLBootstrapClient OpenGLBootstrapClient.cpp)
 target_link_libraries(OpenGLBootstrapClient PRIVATE tavrel_util X11::X11 XRes)

@@ -4,6 +4,7 @@ import json
 import os
 import re
 import select
+import shutil
 import subprocess
 import time
 import unittest
@@ -15,48 +16,24 @@ SANITIZED = bool(os.environ.get("TAVREL_SANITIZER"))
 # Far beyond what a start takes on a busy machine; only a hang gets here.
 DEADLINE_SECONDS = 60
 
-LOG_LINE = re.compile(r"\[(\w+) (MAIN|BOOTSTRAP)\] (.*) \(([\w/]+):(\d+)\)")
+LOG_LINE = re.compile(r"\[(\w+) (MAIN|BOOTSTRAP)\] (.*) \([\w/]+:\d+\)")
 
 
 class Ended:
     """status, out and err (text), log: the native log lines as (level, logger, text), events: what
-    the recorder noted."""
+    the recorder noted; start: what the entry script found when it started, mode: the module of the
+    run mode, both None if that was not reached."""
 
-    def __init__(self, status, out, err, events):
-        self.status, self.out, self.err, self.events = status, out, err, events
-        matches = map(LOG_LINE.fullmatch, err.splitlines())
-        self.log = [match.groups()[:3] for match in matches if match]
+    def __init__(self, status, out, err, record):
+        self.status = status
+        self.out, self.err = (text.decode(errors="surrogateescape") for text in (out, err))
+        matches = map(LOG_LINE.fullmatch, self.err.splitlines())
+        self.log = [match.groups() for match in matches if match]
         self.texts = [text for _, _, text in self.log]
-
-    @property
-    def start(self):
-        """What the entry script found when it started."""
-        return self._first("snapshot")
-
-    @property
-    def in_mode(self):
-        """What the run mode found."""
-        return [event for event in self.events if event["event"] == "snapshot"][1]
-
-    @property
-    def mode(self):
-        """The module of the run mode, or None if no mode was reached."""
-        event = self._first("mode")
-        return event and event["module"]
-
-    @property
-    def calls(self):
-        """Calls of the application's modules as (function, arguments)."""
-        return [(e["function"], e["args"]) for e in self.events if e["event"] == "call"]
-
-    def _first(self, kind):
-        return next((event for event in self.events if event["event"] == kind), None)
-
-
-def read_events(record):
-    if not record.exists():
-        return []
-    return [json.loads(line) for line in record.read_text().splitlines()]
+        lines = record.read_text().splitlines() if record.exists() else []
+        self.events = [json.loads(line) for line in lines]
+        first = {event["event"]: event for event in reversed(self.events)}
+        self.start, self.mode = first.get("snapshot"), first.get("mode", {}).get("module")
 
 
 class SystemTest(unittest.TestCase):
@@ -124,8 +101,7 @@ class SystemTest(unittest.TestCase):
         finally:
             self._running.remove(process)
         self.reap()
-        return Ended(process.returncode, out.decode(errors="surrogateescape"),
-                     err.decode(errors="surrogateescape"), read_events(tree.record))
+        return Ended(process.returncode, out, err, tree.record)
 
     def run_launcher(self, tree, *args, act="", **start):
         """One launcher from start to end. act: what the recorder executes as the run mode."""
@@ -162,9 +138,6 @@ class SystemTest(unittest.TestCase):
 
     def run_with_cleanup(self, tree, *args, **start):
         """run_launcher, with the state of the cleanup program of that very run."""
-        for file in tree.cleanup_record.glob("*"):
-            file.unlink()
-        if tree.cleanup_record.exists():
-            tree.cleanup_record.rmdir()
+        shutil.rmtree(tree.cleanup_record, ignore_errors=True)
         ended = self.run_launcher(tree, *args, **start)
         return ended, self.cleanup_state(tree)

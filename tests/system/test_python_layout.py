@@ -26,14 +26,12 @@ class SearchPathTest(SystemTest):
         pre, post, mid = "TAVREL_DEBUG_PRE_PYTHONPATH", "TAVREL_POST_PYTHONPATH", "PYTHONPATH"
         off = {"TAVREL_USD_PLUGINS_DISABLED": "1"}
         table = [
-            ({**off}, own),
-            ({}, own + [usd]),
+            (off, own),
             ({"PYTHONHOME": "/nowhere"}, own + [usd]),
             ({pre: "/p:/q"}, ["/p", "/q"] + own + [usd]),
             ({pre: bin_}, [bin_] + without_bin + [usd]),
             ({pre: f"{bin_}/"}, [f"{bin_}/"] + own + [usd]),
             ({mid: f"/m:{bin_}:/n"}, own + ["/m", "/n", usd]),
-            ({post: "/x:/y"}, own + ["/x", "/y", usd]),
             ({post: f"{tree.root}:/x:/x:{usd}"}, own + ["/x", usd]),
             ({post: "/x::/y::"}, own + ["/x", "", "/y", usd]),
             ({**off, post: "::"}, own + [""]),
@@ -72,23 +70,22 @@ class ArgumentsTest(SystemTest):
 
 
 class PlacesTest(SystemTest):
-    def check(self, tree, program=None):
+    def check(self, tree, program=None, **env):
         ended, cleanup = self.run_with_cleanup(tree, "--batch", program=program,
-                                               env={"TAVREL_USD_PLUGINS_DISABLED": "1"})
+                                               env={"TAVREL_USD_PLUGINS_DISABLED": "1", **env})
         self.assertEqual((ended.status, ended.mode), (0, "MainBatch"), ended.err)
-        self.assertEqual(ended.start["path"], own_entries(tree.root))
         self.assertEqual(ended.start["configuration"]["TAVREL_ROOT"], str(tree.root))
         self.assertEqual(cleanup["argv"][0], f"{tree.bin}/tavrelCleanup")
+        if "LANG" not in env:
+            self.assertEqual(ended.start["path"], own_entries(tree.root))
         return ended
 
     def test_blank_and_accent_in_the_trees_path(self):
         for name in ("with a blank", "grün"):
-            for language in ("C.UTF-8", "C", "POSIX"):
-                with self.subTest(name=name, language=language):
-                    tree = self.scratch_tree(name)
-                    ended, _ = self.run_with_cleanup(tree, "--batch", env={"LANG": language})
-                    self.assertEqual((ended.status, ended.mode), (0, "MainBatch"), ended.err)
-            self.check(self.scratch_tree(name))
+            tree = self.scratch_tree(name)
+            for env in ({}, {"LANG": "C"}, {"LANG": "POSIX"}):
+                with self.subTest(name=name, env=env):
+                    self.check(tree, **env)
 
     def test_single_quote_in_the_trees_path_costs_the_variable_and_nothing_else(self):
         tree = self.scratch_tree("the user's")
@@ -100,18 +97,14 @@ class PlacesTest(SystemTest):
                          ":".join(own_entries(tree.root)))
         self.assertNotIn("TAVREL_INTERNAL_PYTHONPATH", ended.start["environment"])
 
-    def test_symbolic_links_lead_to_the_real_tree(self):
+    def test_links_lead_to_the_real_tree_which_may_move(self):
         tree = self.scratch_tree()
         link = tree.folder / "elsewhere"
         link.mkdir()
         (link / "launcher").symlink_to(tree.bin / "tavrel")
         (link / "tree").symlink_to(tree.root)
-        self.check(tree, program=link / "launcher")
-        self.check(tree, program=link / "tree/bin/tavrel")
-
-    def test_moved_tree(self):
-        tree = self.scratch_tree()
-        self.check(tree)
+        for program in (link / "launcher", link / "tree/bin/tavrel", None):
+            self.check(tree, program=program)
         moved = tree.root.with_name("moved")
         shutil.move(tree.root, moved)
         tree.root, tree.bin = moved, moved / "bin"

@@ -2,8 +2,6 @@
 
 import recording
 
-recording.note("import", module=__name__)
-
 
 def __getattr__(name):
     if name.startswith("__"):

@@ -9,12 +9,10 @@ import os
 import sys
 
 KEYS = (
-    "TAVREL_ROOT ZKLOGGING_CONFIG SHOW SHOT TAVREL_USD_PLUGINS_DISABLED GRPC_DNS_RESOLVER "
-    "PLEXUM_PROFILING_MODE PLEXUM_PROFILING_RUN PLEXUM_PROFILING_DIR RUNTIME_USE_SYNC "
-    "TAVREL_TMPDIR TMPDIR TAVREL_POST_PYTHONPATH ZKPXR_PLUGINPATH TAVREL_INTERNAL_PYTHONHOME "
-    "TAVREL_INTERNAL_PYTHON_SITEPACKAGES TAVREL_INTERNAL_PYTHONPATH TAVREL_BATCH_MODE "
-    "TAVREL_SCRIPT_MODE TAVREL_SHELL_MODE TAVREL_UI_MODE ARNOLD_RENDER_TERMINATION_SIGNAL "
-    "DEFAULT_RENDERER").split()
+    "TAVREL_ROOT ZKLOGGING_CONFIG SHOW SHOT GRPC_DNS_RESOLVER PLEXUM_PROFILING_MODE "
+    "PLEXUM_PROFILING_RUN PLEXUM_PROFILING_DIR RUNTIME_USE_SYNC TAVREL_TMPDIR TMPDIR "
+    "TAVREL_POST_PYTHONPATH ZKPXR_PLUGINPATH TAVREL_INTERNAL_PYTHONHOME "
+    "TAVREL_INTERNAL_PYTHON_SITEPACKAGES TAVREL_INTERNAL_PYTHONPATH").split()
 
 ANSWERS = {
     "MachineInfo.Tavrel.GetRenderThreadCount": 3,
@@ -40,11 +38,9 @@ def snapshot():
              argv=sys.argv,
              path=sys.path,
              executable=sys.executable,
-             prefix=sys.prefix,
              buildTime=sys.tavrel_BUILD_TIME,
              verbosity=sys.tavrel_verbosityLevel,
              vendorid="vendorid" in sys.builtin_module_names,
-             recursion=sys.getrecursionlimit(),
              configuration={key: Configuration.get(key) for key in KEYS if Configuration.has(key)},
              environment=dict(os.environ),
              status=status.read())
@@ -61,7 +57,7 @@ def options():
 
 
 class Call:
-    """Stands for any function or object of a module and notes how it is called."""
+    """Stands for any function or object of a module."""
 
     def __init__(self, name):
         self._name = name
@@ -77,8 +73,5 @@ class Call:
             snapshot()
         if function == "Main":
             note("mode", module=module)
-            snapshot()
             exec(os.environ.get("RECORDER_ACT", ""), {"note": note})
-        else:
-            note("call", function=self._name, args=args)
         return ANSWERS.get(self._name)
