@@ -133,7 +133,8 @@ std::unique_ptr<google_breakpad::CFIFrameInfo> unwindRulesAt(uint64_t address,
     const auto distance = static_cast<uint32_t>(commonSize + sizeof(uint32_t));
     std::memcpy(section.data() + commonSize + sizeof(uint32_t), &distance, sizeof distance);
 
-    // A number of variable length that the section's end cuts off is read on to its last byte: zero.
+    // A number of variable length that the section's end cuts off is read on to its last byte:
+    // zero.
     const size_t sectionSize = section.size();
     section.push_back(0);
 

@@ -1,6 +1,7 @@
 // Preloaded to make one call of libc fail: with TEST_REFUSE="CALL ERRNO NTH" the NTH call of that
 // name and all later ones fail, counted along a chain of forks.
 
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the system's own name for its extensions
 #define _GNU_SOURCE
 #include <errno.h>
 #include <fcntl.h>
