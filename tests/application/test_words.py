@@ -53,6 +53,7 @@ class WordsTest(unittest.TestCase):
     def test_man_page_and_completion_have_what_the_help_has(self):
         text, _ = rendered("man1/tavrel.1")
         self.assertGreater(len(self.options), 8)
+        self.assertLess(max(map(len, self.help.splitlines())), 80)
         self.assertEqual(set(re.findall(r"^       (?:-\w, )?(--[\w-]+)", text, re.M)), self.options)
         with open(COMPLETION) as completion:
             offered = re.search(r'compgen -W "([^"]*)"', completion.read()).group(1).split()
@@ -69,10 +70,9 @@ class CompletionTest(unittest.TestCase):
     def setUp(self):
         self.folder = tempfile.mkdtemp()
         self.addCleanup(shutil.rmtree, self.folder)
+        os.mkdir(os.path.join(self.folder, "shots"))
         for name in ("render me.py", "image.ppm", "shots/a.py"):
-            path = os.path.join(self.folder, name)
-            os.makedirs(os.path.dirname(path), exist_ok=True)
-            open(path, "w").close()
+            open(os.path.join(self.folder, name), "w").close()
         self.bash = pexpect.spawn(
             "/bin/bash", ["--norc", "--noprofile", "-i"], cwd=self.folder, timeout=DEADLINE,
             encoding="utf-8", dimensions=(24, 500),
@@ -98,21 +98,15 @@ class CompletionTest(unittest.TestCase):
         script = r"render\ me.py "
         for typed, expected in (
                 ("tavrel --ba", "tavrel --batch "),
-                ("tavrel --vers", "tavrel --version "),
                 ("tavrel --prof", "tavrel --profil"),
                 ("tavrel --batch r", "tavrel --batch " + script),
                 ("tavrel i", "tavrel i"),
                 ("tavrel --profiling-dir s", "tavrel --profiling-dir shots/"),
-                ("tavrel --profiling-dir=s", "tavrel --profiling-dir=shots/"),
                 ("tavrel --verbose s", "tavrel --verbose s"),
-                ("tavrel -V 2 --sc", "tavrel -V 2 --script "),
-                ("tavrel --verbose=2 --sh", "tavrel --verbose=2 --shell "),
                 ("tavrel --script=shots/", "tavrel --script=shots/a.py "),
                 ("tavrel --script=r", "tavrel --script=" + script),
                 ("tavrel --script a.py i", "tavrel --script a.py image.ppm "),
                 ("tavrel --script a.py --ba", "tavrel --script a.py --ba"),
-                ("tavrel --script=a.py i", "tavrel --script=a.py image.ppm "),
-                ("tavrel --script -- i", "tavrel --script -- i"),
                 ("tavrel --script -- a.py i", "tavrel --script -- a.py image.ppm "),
                 ("tavrel -- --ba", "tavrel -- --ba")):
             with self.subTest(typed):
