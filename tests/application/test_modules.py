@@ -1,6 +1,5 @@
 """The application's modules, each by itself, under the tree's own interpreter."""
 
-import logging
 import os
 import sys
 import tempfile
@@ -11,7 +10,6 @@ sys.path[:0] = [os.path.join(TREE, "bin", folder)
                 for folder in ("", "python", "python/python_tavrel", "python/Main")]
 
 import ConfigurationAPI_cmodule as Configuration
-import MachineInfo
 import MainOptions
 import Nodes2DAPI
 import NodegraphAPI
@@ -29,7 +27,6 @@ class OptionsTest(unittest.TestCase):
             ("-V2 --shell", {"verbose": 2, "shell": True}, ""),
             ("--verb=2 --ba", {"verbose": 2, "batch": True}, ""),
             ("--render-threads 4", {"render-threads": 4}, ""),
-            ("--profiling-dir=a=b", {"profiling-dir": "a=b"}, ""),
             ("--script f --help -V x -- y", {"script": ""}, "f --help -V x -- y"),
             ("--script -V 2 f g", {"script": "", "verbose": 2}, "f g"),
             ("--script=f -- --batch --", {"script": "f"}, "f --batch --"),
@@ -44,7 +41,6 @@ class OptionsTest(unittest.TestCase):
     def test_what_is_refused(self):
         table = (
             ("--nonsense", "unknown option --nonsense"),
-            ("-h", "unknown option -h"),
             ("--prof", "--prof may mean --profile or --profiling-dir"),
             ("--batch=1", "--batch takes no value"),
             ("--shell --shell", "--shell is given twice"),
@@ -86,17 +82,6 @@ class PluginTest(unittest.TestCase):
         with self.assertWarnsRegex(RuntimeWarning, "nameless.plugin is left out"):
             found = PluginSystem.FindPlugins("renderer")
         self.assertEqual([plugin["name"] for plugin in found], ["b = b", "z"])
-
-
-class MachineTest(unittest.TestCase):
-    def test_tile_size(self):
-        log = logging.getLogger("tiles")
-        for text, size in (("64x32", (64, 32)), ("8X8", (8, 8)), ("64", None), ("0x8", None)):
-            with self.subTest(text), self.assertLogs(log) as logged:
-                log.info("start")
-                Configuration.set("TAVREL_RENDER_TILE_SIZE", text)
-                self.assertEqual(MachineInfo.Tavrel.GetRenderTileSize(customLogger=log), size)
-                self.assertEqual(len(logged.output), 1 if size else 2)
 
 
 class GraphAndRenderTest(unittest.TestCase):

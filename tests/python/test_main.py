@@ -159,7 +159,7 @@ class EntryScriptTest(unittest.TestCase):
         made = os.path.join(self.scratch.name, "a", "b")
         table = (  # path, error line or None
             (made, None),
-            (made, None),
+            (self.scratch.name, None),
             (file, 'TAVREL_TMPDIR: Path "%s" exists, but does not point to a directory.' % file),
             (file + "/x", 'TAVREL_TMPDIR: Error creating directory "%s/x": OSError: %s'
              % (file, os.strerror(errno.ENOTDIR))),

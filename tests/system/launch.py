@@ -120,24 +120,19 @@ class SystemTest(unittest.TestCase):
             if wanted in line:
                 return line.rstrip("\n")
 
-    def cleanup_state(self, tree):
-        """What the recorder in tavrelCleanup's place found, or None if it was never started."""
-        if not tree.cleanup_record.exists():
-            return None
-
-        def read(name):
-            return (tree.cleanup_record / name).read_text(errors="surrogateescape")
-
-        return {
-            "argv": read("cmdline").split("\0")[:-1],
-            "cwd": read("cwd"),
-            "descriptors": dict(line.split(" ", 1) for line in read("descriptors").splitlines()),
-            "stat": read("stat").rpartition(") ")[2].split(),
-            "status": process_table.parse_status(read("status")),
-        }
-
     def run_with_cleanup(self, tree, *args, **start):
-        """run_launcher, with the state of the cleanup program of that very run."""
+        """run_launcher, and what the recorder in tavrelCleanup's place found in that very run, None
+        if it was never started."""
         shutil.rmtree(tree.cleanup_record, ignore_errors=True)
         ended = self.run_launcher(tree, *args, **start)
-        return ended, self.cleanup_state(tree)
+        if not tree.cleanup_record.exists():
+            return ended, None
+        found = {file.name: file.read_text(errors="surrogateescape")
+                 for file in tree.cleanup_record.iterdir()}
+        return ended, {
+            "argv": found["cmdline"].split("\0")[:-1],
+            "cwd": found["cwd"],
+            "descriptors": dict(line.split(" ", 1) for line in found["descriptors"].splitlines()),
+            "stat": found["stat"].rpartition(") ")[2].split(),
+            "status": process_table.parse_status(found["status"]),
+        }

@@ -30,7 +30,7 @@ with open("/proc/self/maps", errors="surrogateescape") as maps:
 child = subprocess.check_output([sys.executable, "-I", "-c", "import sys; print(sys.prefix)"])
 environment = subprocess.check_output(["/usr/bin/env", "-0"]).decode(errors="surrogateescape")
 print(json.dumps({"path": sys.path, "mapped": mapped, "child": child.decode().strip(),
-                  "prefix": sys.prefix, "environ": dict(os.environ),
+                  "environ": dict(os.environ),
                   "environment": dict(v.split("=", 1) for v in environment.split("\\0") if v)}))
 """
 CUSTOMIZATION = {"sitecustomize", "usercustomize"}
