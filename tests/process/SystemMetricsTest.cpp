@@ -35,7 +35,6 @@ TEST_F(SystemMetricsTest, MemoryTextsAreInKibibytes) {
     const auto process = parsed<ProcessMemory>("Name:\tVmRSS: 9\nVmHWM:\t 12 kB\nVmRSS:\t 11 kB\n",
                                                parseProcessMemoryLine);
     EXPECT_EQ(process.resident, 11U * 1024);
-    EXPECT_EQ(process.peakResident, 12U * 1024);
     EXPECT_EQ(process.swap, 0U) << "a kernel without VmSwap";
 }
 
@@ -77,15 +76,6 @@ TEST_F(SystemMetricsTest, ClockIsSoughtInTheFirstBlockOnly) {
         }
         EXPECT_EQ(found, hertz) << text;
     }
-}
-
-TEST_F(SystemMetricsTest, LoadAndThreadTexts) {
-    EXPECT_EQ(parseLoadCounts("0.20 0.18 0.12 3/145 16954\n").runnableTasks, 3);
-    EXPECT_EQ(parseLoadCounts("0.20 0.18 0.12 3/145 16954\n").totalTasks, 145);
-    EXPECT_EQ(parseLoadCounts("").totalTasks, 0);
-    EXPECT_EQ(parseThreadState("12 (name) R 1 1"), 'R');
-    EXPECT_EQ(parseThreadState("12 (a name) R 1 1"), 'n');
-    EXPECT_EQ(parseThreadState(""), '\0');
 }
 
 TEST_F(SystemMetricsTest, ThreadsAreCountedAndTheirStacksMeasured) {
