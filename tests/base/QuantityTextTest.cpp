@@ -12,16 +12,12 @@ TEST(QuantityText, DurationTakesTheLargerUnitOnAThreshold) {
         double milliseconds;
         const char* text;
     } cases[] = {
-        {0, "0.00 us"},
         {-1.0, "-1000.00 us"},
-        {0.5, "500.00 us"},
         {1.0, "1.00 ms"},
-        {999.994, "999.99 ms"},
         {1000.0, "1.00 s"},
         {59999.999, "60.00 s"},
         {60000.0, "1 min"},
         {61500.0, "1 min 1 s"},
-        {119999.0, "1 min 59 s"},
         {7200000.0, "120 min"},
         // 2^32 seconds and 61 more: only the low 32 bits count.
         {(4294967296.0 + 61.0) * 1000.0, "1 min 1 s"},
@@ -31,7 +27,6 @@ TEST(QuantityText, DurationTakesTheLargerUnitOnAThreshold) {
     for (const auto& c : cases) {
         EXPECT_EQ(formatDurationMilliseconds(c.milliseconds), c.text) << c.milliseconds;
     }
-    EXPECT_EQ(formatDurationSeconds(0.25), "250.00 ms");
     EXPECT_EQ(formatDurationSeconds(187.9), "3 min 7 s");
 }
 
@@ -41,17 +36,12 @@ TEST(QuantityText, ByteSizeCutsOffWithoutDecimalsAndRoundsWithThem) {
         unsigned precision;
         const char* text;
     } cases[] = {
-        {0, 0, "0 B"},
-        {1023, 0, "1023 B"},
         {1023, 1, "1023.0 B"},
-        {1024, 0, "1 KB"},
         {1536, 0, "1 KB"},
-        {1536, 2, "1.50 KB"},
         {(1ULL << 20) - 1, 0, "1023 KB"},
         {(1ULL << 20) - 1, 2, "1024.00 KB"},
         {1ULL << 20, 0, "1 MB"},
         {1ULL << 30, 3, "1.000 GB"},
-        {1ULL << 40, 0, "1 TB"},
         {std::numeric_limits<std::uint64_t>::max(), 0, "16777215 TB"},
         {std::numeric_limits<std::uint64_t>::max(), 1, "16777216.0 TB"},
     };

@@ -48,12 +48,6 @@ class PythonStackLog : public testing::Test {
         return text.str();
     }
 
-    /// The value of @p expression, owned by the caller.
-    static PyObject* evaluate(const std::string& expression) {
-        PyObject* names = PyModule_GetDict(PyImport_AddModule("__main__"));
-        return PyRun_String(expression.c_str(), Py_eval_input, names, names);
-    }
-
     /// Runs @p source under the hook and returns what the last call left in the file.
     static std::string lastStackOf(const char* source) {
         EXPECT_TRUE(startPythonStackLog());
@@ -83,7 +77,8 @@ TEST_F(PythonStackLog, HookWritesOnlyForCallsAndPlainStrings) {
     for (const auto& each : cases) {
         SCOPED_TRACE(each.object + " " + std::to_string(each.what));
         std::ofstream(pythonStackLogFile) << "untouched";
-        PyObject* object = evaluate(each.object);
+        PyObject* names = PyModule_GetDict(PyImport_AddModule("__main__"));
+        PyObject* object = PyRun_String(each.object.c_str(), Py_eval_input, names, names);
         ASSERT_NE(object, nullptr);
         EXPECT_EQ(pythonStackProfileHook(object, nullptr, each.what, nullptr), 0);
         EXPECT_EQ(PyErr_Occurred(), nullptr);
