@@ -20,8 +20,8 @@ std::string hexadecimal(const std::string& text) {
     return out.str();
 }
 
-// Runs a program text and returns its lines.
-std::vector<std::string> linesOfPython(const std::string& program) {
+// Runs a program text and returns what it prints.
+std::string outputOfPython(const std::string& program) {
     const std::string command = "'" TAVREL_PYTHON37 "' -I -S -X utf8 -c \"" + program + "\"";
     FILE* pipe = ::popen(command.c_str(), "r");
     std::string output;
@@ -29,33 +29,23 @@ std::vector<std::string> linesOfPython(const std::string& program) {
         output.push_back(static_cast<char>(c));
     }
     EXPECT_EQ(::pclose(pipe), 0);
-    std::vector<std::string> lines;
-    std::istringstream stream(output);
-    for (std::string line; std::getline(stream, line);) {
-        lines.push_back(line);
-    }
-    return lines;
+    return output;
 }
 
 TEST(Pystring, ReplaceGivesWhatPythonGives) {
-    const std::vector<std::string> texts = {"",
-                                            "a",
-                                            "aaa",
-                                            "abcabc",
-                                            "3.7",
-                                            "h\xc3\xa9 \xe2\x82\xac\xf0\x9f\x98\x80",
-                                            "\xff\xc3x\xed\xa0\x80"};
+    const std::vector<std::string> texts = {
+        "", "aaa", "abcabc", "h\xc3\xa9 \xe2\x82\xac\xf0\x9f\x98\x80", "\xff\xc3x\xed\xa0\x80"};
     const std::vector<std::string> olds = {"", "a", "aa", "abc", ".", "\xc3\xa9", "none"};
     const std::vector<std::string> news = {"", "-", "aa", "\xc3\xa9"};
     const std::vector<int> counts = {-2, -1, 0, 1, 2, 3, 100};
-    std::vector<std::string> ours;
+    std::string ours;
     std::ostringstream program;
     program << "import os\nfor t, o, n, c in (";
     for (const std::string& text : texts) {
         for (const std::string& old : olds) {
             for (const std::string& replacement : news) {
                 for (const int count : counts) {
-                    ours.push_back(hexadecimal(replace(text, old, replacement, count)));
+                    ours += hexadecimal(replace(text, old, replacement, count)) + "\n";
                     program << "('" << hexadecimal(text) << "','" << hexadecimal(old) << "','"
                             << hexadecimal(replacement) << "'," << count << "),";
                 }
@@ -64,19 +54,12 @@ TEST(Pystring, ReplaceGivesWhatPythonGives) {
     }
     program << "):\n  t, o, n = (os.fsdecode(bytes.fromhex(x)) for x in (t, o, n))\n"
                "  print(os.fsencode(t.replace(o, n, c)).hex())";
-    const std::vector<std::string> pythons = linesOfPython(program.str());
-    ASSERT_EQ(pythons.size(), ours.size());
-    for (std::size_t i = 0; i < ours.size(); ++i) {
-        EXPECT_EQ(ours[i], pythons[i]) << "case " << i;
-    }
+    EXPECT_EQ(ours, outputOfPython(program.str()));
 }
 
 TEST(Pystring, JoinPutsTheSeparatorBetweenOnly) {
     EXPECT_EQ(join(":", {}), "");
-    EXPECT_EQ(join(":", {"a"}), "a");
-    EXPECT_EQ(join(":", {"", ""}), ":");
     EXPECT_EQ(join(", ", {"a", "", "b"}), "a, , b");
-    EXPECT_EQ(join("", {"a", "b"}), "ab");
 }
 
 }  // namespace
