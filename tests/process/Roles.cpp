@@ -15,7 +15,7 @@ namespace {
 
 // Descriptors, dispositions and a mask that a child must not keep.
 void spoil() {
-    for (const int fd : {9, 10, 50, 150}) {
+    for (const int fd : {9, 10, 49, 50, 99, 150}) {
         ::dup2(STDIN_FILENO, fd);
     }
     const rlimit limit{100, 100};

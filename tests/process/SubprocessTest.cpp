@@ -121,7 +121,7 @@ TEST_F(SubprocessTest, FailingCallsAreReportedWhereTheyAreSeen) {
              Case{"waitpid 22 1", "daemon", "threw system:22 Invalid argument, blocked", ""},
              Case{"fork 11 1", "handle", "state 0 without pid", ""},
              Case{"fcntl 9 1", "handle", failed, "fcntl() failed\n"},
-             Case{"dup2 9 5", "handle", failed, "dup2() failed\n"},
+             Case{"dup2 9 7", "handle", failed, "dup2() failed\n"},
              Case{"setpgid 1 1", "handle", failed, "setpgid() failed\n"},
              Case{"chdir 2 1", "handle", failed, "chdir() failed\n"},
              Case{"raise 1 1", "stopped", failed, "raise(SIGSTOP) failed\n"},
