@@ -13,6 +13,7 @@
 #include <optional>
 #include <ostream>
 #include <sstream>
+#include <utility>
 #include <vector>
 
 #include "base/ExecutablePath.h"
@@ -268,8 +269,7 @@ void CrashHandler::Parameters::setMode(Mode mode) {
     m_mode = mode;
 }
 
-// NOLINTNEXTLINE(readability-convert-member-functions-to-static): settled as an operation of
-// records
+// NOLINTNEXTLINE(readability-convert-member-functions-to-static): callers ask it of their record
 std::string CrashHandler::Parameters::applicationPath() const {
     return Base::executablePath();
 }
@@ -292,11 +292,12 @@ CrashHandler::CrashHandler(const Parameters& parameters) {
 
     constexpr bool installHandler = true;
     constexpr void* noContext = nullptr;
-    m_exceptionHandler =
+    auto handler =
         std::make_unique<ExceptionHandler>(MinidumpDescriptor(parameters.dumpPath()), alwaysDump,
                                            passDumpResult, noContext, installHandler, handlerFd);
-    logMessage(m_exceptionHandler->IsOutOfProcess() ? "Breakpad exception handler is Out of Process"
-                                                    : "Breakpad exception handler is In Process");
+    logMessage(handler->IsOutOfProcess() ? "Breakpad exception handler is Out of Process"
+                                         : "Breakpad exception handler is In Process");
+    m_exceptionHandler = std::move(handler);
 }
 
 CrashHandler::~CrashHandler() = default;
