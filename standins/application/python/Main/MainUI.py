@@ -1,0 +1,43 @@
+"""UI mode: the window with the node graph."""
+
+import sys
+import tkinter
+
+import MainEnvironment
+import MainLogging
+import MainPythonFile
+import MainSignals
+
+
+def _close(root):
+    """Takes the window away. Whoever waits in a dialog for an answer waits no longer."""
+    try:
+        root.destroy()
+    except tkinter.TclError:
+        # It is gone already.
+        pass
+
+
+def Main(options, args):
+    """Runs the files, then shows the window until it is closed. Ends the run with one line and
+    status 1 if no display can be opened. SIGINT, SIGTERM and SIGHUP end it in order, with 130, 143
+    and 129."""
+    try:
+        root = tkinter.Tk(className="Tavrel")
+    except tkinter.TclError as error:
+        MainLogging.Tell("tavrel: can't open the window: %s; set DISPLAY to an X server, or use "
+                         "--batch, --script or --shell\n" % error)
+        sys.exit(1)
+    MainEnvironment.EndPhase("display")
+    MainSignals.StopInOrderOn("SIGINT", "SIGTERM", "SIGHUP", onStop=lambda: _close(root))
+    try:
+        for path in args:
+            MainPythonFile.Run([path])
+        if args:
+            MainEnvironment.EndPhase("files of the user")
+        import GraphWindow
+        GraphWindow.Window(root)
+        MainEnvironment.EndPhase("window", isLast=True)
+        root.mainloop()
+    finally:
+        _close(root)
