@@ -1,18 +1,18 @@
 #include "process/DescriptorIo.h"
 
+#include <boost/chrono/system_clocks.hpp>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <stdexcept>
 #include <utility>
 #include <vector>
-
-#include <boost/chrono/system_clocks.hpp>
 
 #include "process/SystemError.h"
 
@@ -30,11 +30,6 @@ ssize_t transfer(boost::system::error_code* errorCode, Call call) {
     return result;
 }
 
-void setCloseOnExec(int fd, bool enable) {
-    const int flags = throwOnFailure(::fcntl(fd, F_GETFD));
-    throwOnFailure(::fcntl(fd, F_SETFD, enable ? flags | FD_CLOEXEC : flags & ~FD_CLOEXEC));
-}
-
 std::vector<pollfd> shuffledPollSet(const int* fds, int count) {
     std::vector<pollfd> polled;
     polled.reserve(static_cast<std::size_t>(count));
@@ -50,91 +45,72 @@ std::vector<pollfd> shuffledPollSet(const int* fds, int count) {
     return polled;
 }
 
-// poll(2) as above; a positive `timeoutMs` is a deadline that interruptions do not move.
+// poll(2), repeated while a signal interrupts it; a positive `timeoutMs` is a deadline that
+// interruptions do not move.
 int pollUntilDeadline(std::vector<pollfd>& polled, int timeoutMs) {
     using Clock = boost::chrono::steady_clock;
     if (timeoutMs < 1) {
-        return retryOnInterrupt([&] { return ::poll(polled.data(), polled.size(), timeoutMs); });
+        return retryOnInterrupt([&] { return poll(polled.data(), polled.size(), timeoutMs); });
     }
     const Clock::time_point deadline = Clock::now() + boost::chrono::milliseconds(timeoutMs);
-    int result = ::poll(polled.data(), polled.size(), timeoutMs);
+    int result = poll(polled.data(), polled.size(), timeoutMs);
     while (result == -1 && errno == EINTR) {
         const auto rest =
             boost::chrono::duration_cast<boost::chrono::milliseconds>(deadline - Clock::now());
         const auto restMs = std::max<boost::chrono::milliseconds::rep>(rest.count(), 0);
-        result = ::poll(polled.data(), polled.size(), static_cast<int>(restMs));
+        result = poll(polled.data(), polled.size(), static_cast<int>(restMs));
     }
     return result;
 }
 
 }  // namespace
 
-ScopedFd& ScopedFd::operator=(ScopedFd&& other) noexcept {
-    if (this != &other) {
-        reset(other.release());
-    }
-    return *this;
-}
-
-void ScopedFd::reset(int fd) noexcept {
-    const int old = std::exchange(fd_, fd);
-    if (old != -1) {
-        // Linux has released the descriptor even when close fails: there is nothing to retry.
-        ::close(old);
-    }
-}
-
-int ScopedFd::release() noexcept {
-    return std::exchange(fd_, -1);
-}
-
 void createPipe(ScopedFd& readEnd, ScopedFd& writeEnd) {
     std::array<int, 2> ends{};
-    throwOnFailure(::pipe(ends.data()));
-    setCloseOnExec(ends[0], /*enable=*/true);
-    setCloseOnExec(ends[1], /*enable=*/true);
+    throwOnFailure(pipe2(ends.data(), O_CLOEXEC));
     readEnd.reset(ends[0]);
     writeEnd.reset(ends[1]);
 }
 
 void createSocketPair(ScopedFd& first, ScopedFd& second) {
     std::array<int, 2> ends{};
-    throwOnFailure(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()));
+    throwOnFailure(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()));
     first.reset(ends[0]);
     second.reset(ends[1]);
 }
 
 void setNonBlocking(int fd, bool enable) {
-    const int flags = throwOnFailure(::fcntl(fd, F_GETFL));
-    throwOnFailure(::fcntl(fd, F_SETFL, enable ? flags | O_NONBLOCK : flags & ~O_NONBLOCK));
+    const int flags = throwOnFailure(fcntl(fd, F_GETFL));
+    throwOnFailure(fcntl(fd, F_SETFL, enable ? flags | O_NONBLOCK : flags & ~O_NONBLOCK));
 }
 
 void setInheritable(int fd, bool inheritable) {
-    setCloseOnExec(fd, !inheritable);
+    const int flags = throwOnFailure(fcntl(fd, F_GETFD));
+    throwOnFailure(fcntl(fd, F_SETFD, inheritable ? flags & ~FD_CLOEXEC : flags | FD_CLOEXEC));
 }
 
 bool isSocket(int fd) {
     struct stat info {};
-    return ::fstat(fd, &info) == 0 && S_ISSOCK(info.st_mode);
+    return fstat(fd, &info) == 0 && S_ISSOCK(info.st_mode);
 }
 
 ssize_t readRetry(int fd, void* buffer, std::size_t length, boost::system::error_code* errorCode) {
-    return transfer(errorCode, [=] { return ::read(fd, buffer, length); });
+    return transfer(errorCode, [=] { return read(fd, buffer, length); });
 }
 
 ssize_t writeRetry(int fd, const void* buffer, std::size_t length,
                    boost::system::error_code* errorCode) {
-    return transfer(errorCode, [=] { return ::write(fd, buffer, length); });
+    return transfer(errorCode, [=] { return write(fd, buffer, length); });
 }
 
 ssize_t recvRetry(int fd, void* buffer, std::size_t length, int flags,
                   boost::system::error_code* errorCode) {
-    return transfer(errorCode, [=] { return ::recv(fd, buffer, length, flags); });
+    return transfer(errorCode, [=] { return recv(fd, buffer, length, flags); });
 }
 
 ssize_t sendRetry(int fd, const void* buffer, std::size_t length, int flags,
                   boost::system::error_code* errorCode) {
-    return transfer(errorCode, [=] { return ::send(fd, buffer, length, flags); });
+    return transfer(errorCode, [=] { return send(fd, buffer, length, flags); });
 }
 
 int pollAny(const int* fds, int count, int timeoutMs, boost::system::error_code* errorCode) {

@@ -1,48 +1,24 @@
 #include "process/Subprocess.h"
 
+#include <boost/make_shared.hpp>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
 #include <algorithm>
 #include <string_view>
 #include <utility>
 
-#include <boost/make_shared.hpp>
-
+#include "base/ExecPointers.h"
+#include "process/AllSignalsBlocked.h"
 #include "process/SubprocessChild.h"
 #include "process/SystemError.h"
 
 namespace Plexum3::Base {
 namespace {
 
-// Blocks all signals in the calling thread, so that no handler of the parent runs in a child before
-// the child has reset it. Has no destructor: a daemonized launch that throws leaves them blocked.
-class BlockedSignals {
-  public:
-    BlockedSignals() {
-        sigset_t all;
-        ::sigfillset(&all);
-        ::pthread_sigmask(SIG_SETMASK, &all, &old_);
-    }
-    void restore() const { ::pthread_sigmask(SIG_SETMASK, &old_, nullptr); }
-
-  private:
-    sigset_t old_{};
-};
-
 pid_t waitRetry(pid_t pid, int* status, int flags) {
-    return retryOnInterrupt([=] { return ::waitpid(pid, status, flags); });
-}
-
-// Pointers to `strings`, which has to outlive them unchanged, and a null pointer.
-std::vector<char*> pointersTo(std::vector<std::string>& strings) {
-    std::vector<char*> pointers;
-    pointers.reserve(strings.size() + 1);
-    for (std::string& text : strings) {
-        pointers.push_back(text.data());
-    }
-    pointers.push_back(nullptr);
-    return pointers;
+    return retryOnInterrupt([=] { return waitpid(pid, status, flags); });
 }
 
 // An environment as exec takes it: all entries in one block, and the pointers into it.
@@ -101,8 +77,8 @@ class PreparedLaunch {
         kept_.push_back(pipes.terminationWrite.get());
         kept_.push_back(pipes.statusWrite.get());
         kept_ = sortedUnique(std::move(kept_));
-        plan_.descriptors = {kept_.data(), kept_.size(), ::sysconf(_SC_OPEN_MAX)};
-        argv_ = pointersTo(args_);
+        plan_.descriptors = {kept_.data(), kept_.size(), sysconf(_SC_OPEN_MAX)};
+        argv_ = Zendrik::Base::execPointers(args_);
         plan_.argv = argv_.data();
         environment_.assign(options.environment.empty() ? currentEnvironment()
                                                         : options.environment);
@@ -167,20 +143,21 @@ Subprocess::Subprocess(boost::shared_ptr<SubprocessImpl> impl) : impl_(std::move
 
 void Subprocess::spawnDaemonized(const std::vector<std::string>& args) {
     std::vector<std::string> ownArgs(args);
-    const std::vector<char*> argv = pointersTo(ownArgs);
-    const DaemonPlan plan{argv.data(), ::sysconf(_SC_OPEN_MAX)};
+    const std::vector<char*> argv = Zendrik::Base::execPointers(ownArgs);
+    const DaemonPlan plan{argv.data(), sysconf(_SC_OPEN_MAX)};
 
-    const BlockedSignals blocked;
-    const pid_t firstChild = ::fork();
+    AllSignalsBlocked blocked;
+    const pid_t firstChild = fork();
     if (firstChild == 0) {
         childBecomeDaemon(plan);
     }
     // A fork that failed is waited for, too: that gives ECHILD, and the caller goes on.
     int status = 0;
     if (waitRetry(firstChild, &status, /*flags=*/0) == -1 && errno != ECHILD) {
-        throwSystemError(errno);
+        const int error = errno;
+        blocked.leaveBlocked();
+        throwSystemError(error);
     }
-    blocked.restore();
 }
 
 Subprocess Subprocess::spawn(const SubprocessOptions& options) {
@@ -189,16 +166,18 @@ Subprocess Subprocess::spawn(const SubprocessOptions& options) {
     // Built now: an allocation that failed after the fork would leave a child that nobody knows.
     const auto impl = boost::make_shared<SubprocessImpl>(options);
 
-    const BlockedSignals blocked;
-    const pid_t child = ::fork();
-    if (child == 0) {
-        childBecomeProgram(launch.plan());
+    pid_t child = -1;
+    ssize_t got = -1;
+    {
+        const AllSignalsBlocked blocked;
+        child = fork();
+        if (child == 0) {
+            childBecomeProgram(launch.plan());
+        }
+        pipes.statusWrite.reset();
+        int status = 0;
+        got = readRetry(pipes.statusRead.get(), &status, sizeof status, /*errorCode=*/nullptr);
     }
-    pipes.statusWrite.reset();
-    int status = 0;
-    const ssize_t got =
-        readRetry(pipes.statusRead.get(), &status, sizeof status, /*errorCode=*/nullptr);
-    blocked.restore();
     if (got == 0) {
         // exec has closed the last write end of the status pipe.
         impl->running = true;
@@ -206,7 +185,7 @@ Subprocess Subprocess::spawn(const SubprocessOptions& options) {
         impl->readEnd = std::move(pipes.terminationRead);
     } else {
         // Nothing to add to a failure of the wait: the child has said itself what went wrong.
-        waitRetry(child, /*status=*/nullptr, /*flags=*/0);
+        static_cast<void>(waitRetry(child, /*status=*/nullptr, /*flags=*/0));
         impl->startFailed = true;
     }
     return Subprocess(impl);
@@ -244,10 +223,10 @@ void Subprocess::sendSignal(int signal, SignalScope scope) const {
                          (scope == SignalScope::Auto && impl_->options.ownProcessGroup);
     int result = 0;
     if (toGroup) {
-        const pid_t group = ::getpgid(impl_->pid);
-        result = group == -1 ? -1 : ::killpg(group, signal);
+        const pid_t group = getpgid(impl_->pid);
+        result = group == -1 ? -1 : killpg(group, signal);
     } else {
-        result = ::kill(impl_->pid, signal);
+        result = kill(impl_->pid, signal);
     }
     if (result == -1 && errno != ESRCH) {
         throwSystemError(errno);
@@ -259,7 +238,7 @@ bool Subprocess::poll() const {
 }
 
 void Subprocess::wait() const {
-    reap(/*waitFlags=*/0);
+    static_cast<void>(reap(/*waitFlags=*/0));
 }
 
 bool Subprocess::reap(int waitFlags) const {

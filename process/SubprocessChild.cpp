@@ -2,9 +2,11 @@
 
 #include "process/SubprocessChild.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
 #include <algorithm>
 #include <climits>
 #include <cstdlib>
@@ -13,21 +15,21 @@
 namespace Plexum3::Base {
 namespace {
 
-constexpr int FIRST_EXTRA_DESCRIPTOR = 3;
-constexpr int LAST_SIGNAL = 64;
-constexpr int STATUS_SETUP_FAILED = 1;
-constexpr int STATUS_EXEC_FAILED = 127;
+constexpr int firstExtraDescriptor = 3;
+constexpr int lastSignal = 64;
+constexpr int statusSetupFailed = 1;
+constexpr int statusExecFailed = 127;
 
 // Nothing is left to tell a failure to.
 void childWrite(int fd, const void* data, std::size_t length) {
-    [[maybe_unused]] const ssize_t ignored = ::write(fd, data, length);
+    static_cast<void>(!write(fd, data, length));
 }
 
 [[noreturn]] void childReport(const char* message, int status) {
     char prefix[] = "ZkPlexBase::Subprocess - ";
     childWrite(STDERR_FILENO, prefix, sizeof prefix - 1);
     childWrite(STDERR_FILENO, message, std::strlen(message));
-    ::_exit(status);
+    _exit(status);
 }
 
 [[noreturn]] void childFail(const ChildPlan& plan, const char* message, int status) {
@@ -35,58 +37,111 @@ void childWrite(int fd, const void* data, std::size_t length) {
     childReport(message, status);
 }
 
-void childCloseGap(long first, long last) {
-    if (first > last) {
-        return;
-    }
+bool childIsToClose(const ChildDescriptors& descriptors, long fd) {
+    const int* const end = descriptors.kept + descriptors.keptCount;
+    return fd >= firstExtraDescriptor && fd < descriptors.limit &&
+           !std::binary_search(descriptors.kept, end, static_cast<int>(fd));
+}
+
+bool childCloseGap(long first, long last) {
     // Through libc's symbol, so that a preloaded library can stand in for an older kernel.
-    if (::close_range(static_cast<unsigned>(first), static_cast<unsigned>(last), 0) == 0) {
-        return;
+    return first > last ||
+           close_range(static_cast<unsigned>(first), static_cast<unsigned>(last), 0) == 0;
+}
+
+bool childCloseGaps(const ChildDescriptors& descriptors) {
+    long first = firstExtraDescriptor;
+    for (std::size_t i = 0; i < descriptors.keptCount; ++i) {
+        const int kept = descriptors.kept[i];
+        if (kept >= descriptors.limit) {
+            break;
+        }
+        if (kept >= first) {
+            if (!childCloseGap(first, kept - 1L)) {
+                return false;
+            }
+            first = kept + 1L;
+        }
     }
-    for (long fd = first; fd <= last; ++fd) {
-        ::close(static_cast<int>(fd));
+    return childCloseGap(first, descriptors.limit - 1);
+}
+
+// -1 for a name that is no number.
+long childNumberOf(const char* name) {
+    long number = *name == '\0' ? -1 : 0;
+    for (; *name != '\0' && number <= INT_MAX; ++name) {
+        if (*name < '0' || *name > '9') {
+            return -1;
+        }
+        number = number * 10 + (*name - '0');
     }
+    return number;
+}
+
+// False if not all of them are known to be closed.
+bool childCloseListed(const ChildDescriptors& descriptors) {
+    const int folder = open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    // What stands at that place without naming the folder itself is no list of descriptors.
+    bool isGenuine = false;
+    alignas(dirent64) char entries[4096];
+    ssize_t length = 0;
+    while (folder != -1 && (length = getdents64(folder, entries, sizeof entries)) > 0) {
+        for (ssize_t next = 0; next < length;) {
+            const auto* const entry = reinterpret_cast<const dirent64*>(entries + next);
+            next += entry->d_reclen;
+            const long fd = childNumberOf(entry->d_name);
+            isGenuine = isGenuine || fd == folder;
+            // The kernel lists in ascending order by number: closing hides none of the rest.
+            if (fd != folder && childIsToClose(descriptors, fd)) {
+                close(static_cast<int>(fd));
+            }
+        }
+    }
+    if (folder != -1) {
+        close(folder);
+    }
+    return isGenuine && length == 0;
 }
 
 void childResetSignalHandlers() {
-    for (int number = 1; number <= LAST_SIGNAL; ++number) {
+    for (int number = 1; number <= lastSignal; ++number) {
         // SIGKILL, SIGSTOP and libc's own two refuse, and have nothing to reset.
-        ::signal(number, SIG_DFL);
+        static_cast<void>(signal(number, SIG_DFL));
     }
 }
 
 // Goes on as a child of the calling process, which ends.
 void childForkAndLeaveParent() {
-    const pid_t pid = ::fork();
+    const pid_t pid = fork();
     if (pid == -1) {
-        childReport("fork() failed\n", STATUS_SETUP_FAILED);
+        childReport("fork() failed\n", statusSetupFailed);
     }
     if (pid != 0) {
-        ::_exit(0);
+        _exit(0);
     }
 }
 
 void childConnectToNull() {
-    const int null = ::open("/dev/null", O_RDWR);
+    const int null = open("/dev/null", O_RDWR);
     if (null == -1) {
-        childReport("open(\"/dev/null\") failed\n", STATUS_SETUP_FAILED);
+        childReport("open(\"/dev/null\") failed\n", statusSetupFailed);
     }
-    ::dup2(null, STDIN_FILENO);
-    ::dup2(null, STDOUT_FILENO);
-    ::dup2(null, STDERR_FILENO);
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        static_cast<void>(dup2(null, fd));  // the program runs also where one stays
+    }
     if (null > STDERR_FILENO) {
-        ::close(null);
+        close(null);
     }
 }
 
 // The one descriptor beside the standard three that is meant to live as long as the program.
 bool childKeepAcrossExec(int fd) {
-    const int flags = ::fcntl(fd, F_GETFD);
-    return flags != -1 && ::fcntl(fd, F_SETFD, flags & ~FD_CLOEXEC) != -1;
+    const int flags = fcntl(fd, F_GETFD);
+    return flags != -1 && fcntl(fd, F_SETFD, flags & ~FD_CLOEXEC) != -1;
 }
 
 bool childInstall(int fd, int target) {
-    return fd == -1 || ::dup2(fd, target) != -1;
+    return fd == -1 || dup2(fd, target) != -1;
 }
 
 bool childInstallStandardStreams(const ChildPlan& plan) {
@@ -96,7 +151,7 @@ bool childInstallStandardStreams(const ChildPlan& plan) {
 
 // Returns if the program could not be executed.
 void childExecute(char* const* argv) {
-    if (::execvp(argv[0], argv) == 0) {
+    if (execvp(argv[0], argv) == 0) {
         std::abort();
     }
 }
@@ -104,70 +159,67 @@ void childExecute(char* const* argv) {
 }  // namespace
 
 void childCloseDescriptors(const ChildDescriptors& descriptors) {
-    const long limit = std::min<long>(descriptors.limit, INT_MAX);
-    long first = FIRST_EXTRA_DESCRIPTOR;
-    for (std::size_t i = 0; i < descriptors.keptCount; ++i) {
-        const int kept = descriptors.kept[i];
-        if (kept >= limit) {
-            break;
-        }
-        if (kept >= first) {
-            childCloseGap(first, kept - 1L);
-            first = kept + 1L;
+    const ChildDescriptors bounded{descriptors.kept, descriptors.keptCount,
+                                   std::min<long>(descriptors.limit, INT_MAX)};
+    if (childCloseGaps(bounded) || childCloseListed(bounded)) {
+        return;
+    }
+    for (long fd = firstExtraDescriptor; fd < bounded.limit; ++fd) {
+        if (childIsToClose(bounded, fd)) {
+            close(static_cast<int>(fd));
         }
     }
-    childCloseGap(first, limit - 1);
 }
 
 void childBecomeDaemon(const DaemonPlan& plan) {
     childCloseDescriptors({nullptr, 0, plan.openLimit});
     childResetSignalHandlers();
     sigset_t none;
-    ::sigemptyset(&none);
-    ::pthread_sigmask(SIG_SETMASK, &none, nullptr);
+    sigemptyset(&none);
+    pthread_sigmask(SIG_SETMASK, &none, nullptr);
     childForkAndLeaveParent();
 
-    if (::setsid() == -1) {
-        childReport("setsid() failed\n", STATUS_SETUP_FAILED);
+    if (setsid() == -1) {
+        childReport("setsid() failed\n", statusSetupFailed);
     }
     // No longer the leader of its session, it can't come by a terminal by opening one.
     childForkAndLeaveParent();
 
-    if (::chdir("/") == -1) {
-        childReport("chdir() failed\n", STATUS_SETUP_FAILED);
+    if (chdir("/") == -1) {
+        childReport("chdir() failed\n", statusSetupFailed);
     }
     childConnectToNull();
-    ::umask(0);
+    umask(0);
     childExecute(plan.argv);
-    childReport("execvp() failed\n", STATUS_EXEC_FAILED);
+    childReport("execvp() failed\n", statusExecFailed);
 }
 
 void childBecomeProgram(const ChildPlan& plan) {
-    ::close(plan.statusReadEnd);
+    close(plan.statusReadEnd);
     childResetSignalHandlers();
-    ::pthread_sigmask(SIG_SETMASK, plan.signalMask, nullptr);
+    pthread_sigmask(SIG_SETMASK, plan.signalMask, nullptr);
     if (!childKeepAcrossExec(plan.terminationWriteEnd)) {
-        childFail(plan, "fcntl() failed\n", STATUS_SETUP_FAILED);
+        childFail(plan, "fcntl() failed\n", statusSetupFailed);
     }
     if (!childInstallStandardStreams(plan)) {
-        childFail(plan, "dup2() failed\n", STATUS_SETUP_FAILED);
+        childFail(plan, "dup2() failed\n", statusSetupFailed);
     }
-    if (plan.ownProcessGroup && ::setpgid(0, 0) == -1) {
-        childFail(plan, "setpgid() failed\n", STATUS_SETUP_FAILED);
+    if (plan.ownProcessGroup && setpgid(0, 0) == -1) {
+        childFail(plan, "setpgid() failed\n", statusSetupFailed);
     }
     if (plan.closeOtherDescriptors) {
         childCloseDescriptors(plan.descriptors);
     }
-    if (plan.workingDirectory != nullptr && ::chdir(plan.workingDirectory) == -1) {
-        childFail(plan, "chdir() failed\n", STATUS_SETUP_FAILED);
+    if (plan.workingDirectory != nullptr && chdir(plan.workingDirectory) == -1) {
+        childFail(plan, "chdir() failed\n", statusSetupFailed);
     }
-    if (plan.stopBeforeExec && ::raise(SIGSTOP) != 0) {
-        childFail(plan, "raise(SIGSTOP) failed\n", STATUS_SETUP_FAILED);
+    if (plan.stopBeforeExec && raise(SIGSTOP) != 0) {
+        childFail(plan, "raise(SIGSTOP) failed\n", statusSetupFailed);
     }
     // Assigned rather than passed on: execvp looks the program up in the PATH of `environ`.
     environ = plan.environment;
     childExecute(plan.argv);
-    childFail(plan, "execvp() failed\n", STATUS_EXEC_FAILED);
+    childFail(plan, "execvp() failed\n", statusExecFailed);
 }
 
 }  // namespace Plexum3::Base
