@@ -37,7 +37,7 @@ constexpr std::array optionalTexts = {
 
 template <typename T>
 ExceptionInfo<T>::ExceptionInfo(const char* name, T value)
-    : ExceptionInfoBase(name), m_value(std::move(value)) {}
+    : ExceptionInfoBase(name), value_(std::move(value)) {}
 
 template <typename T>
 std::unique_ptr<ExceptionInfoBase> ExceptionInfo<T>::clone() const {
@@ -46,22 +46,22 @@ std::unique_ptr<ExceptionInfoBase> ExceptionInfo<T>::clone() const {
 
 template <typename T>
 std::ostream& ExceptionInfo<T>::print(std::ostream& stream) const {
-    return stream << m_value;
+    return stream << value_;
 }
 
 template class ExceptionInfo<std::string>;
 template class ExceptionInfo<int>;
 
 ExceptionDecoration::ExceptionDecoration(const ExceptionDecoration& other) {
-    for (const auto& [key, info] : other.m_infos) {
-        m_infos.emplace_hint(m_infos.end(), key, info->clone());
+    for (const auto& [key, info] : other.infos_) {
+        infos_.emplace_hint(infos_.end(), key, info->clone());
     }
 }
 
 ExceptionDecoration& ExceptionDecoration::operator=(const ExceptionDecoration& other) {
     if (this != &other) {
-        for (const auto& [key, info] : other.m_infos) {
-            m_infos.emplace(key, info->clone());
+        for (const auto& [key, info] : other.infos_) {
+            infos_.emplace(key, info->clone());
         }
     }
     return *this;
@@ -69,14 +69,14 @@ ExceptionDecoration& ExceptionDecoration::operator=(const ExceptionDecoration& o
 
 ExceptionDecoration& ExceptionDecoration::add(const ExceptionInfoBase& info) {
     if (auto copy = info.clone()) {
-        m_infos[info.name()] = std::move(copy);
+        infos_[info.name()] = std::move(copy);
     }
     return *this;
 }
 
 const ExceptionInfoBase* ExceptionDecoration::find(const std::string& key) const {
-    const auto found = m_infos.find(key);
-    return found == m_infos.end() ? nullptr : found->second.get();
+    const auto found = infos_.find(key);
+    return found == infos_.end() ? nullptr : found->second.get();
 }
 
 template <typename T>
@@ -117,7 +117,7 @@ void ExceptionDecoration::printOrigin(std::ostream& stream, const std::string& b
 
 void ExceptionDecoration::printOthers(std::ostream& stream, const std::string& blanks) const {
     bool first = true;
-    for (const auto& [key, info] : m_infos) {
+    for (const auto& [key, info] : infos_) {
         if (std::find(originKeys.begin(), originKeys.end(), key) != originKeys.end()) {
             continue;
         }
@@ -169,7 +169,7 @@ void Exception::report(std::ostream& stream) const {
     stream << "  User message is '" << filledText(userMessageKey) << "'" << std::endl;
     print(stream, 2);
     std::size_t indent = 4;
-    for (const ExceptionDecoration& earlier : m_previous) {
+    for (const ExceptionDecoration& earlier : previous_) {
         const std::string blanks(indent, ' ');
         stream << std::endl;
         stream << blanks << "-------" << std::endl;
@@ -188,13 +188,13 @@ std::string Exception::reportText() const {
 }
 
 void Exception::takePreviousOf(const Exception& earlier) {
-    auto target = m_previous.begin();
-    auto source = earlier.m_previous.begin();
-    for (; target != m_previous.end() && source != earlier.m_previous.end(); ++target, ++source) {
+    auto target = previous_.begin();
+    auto source = earlier.previous_.begin();
+    for (; target != previous_.end() && source != earlier.previous_.end(); ++target, ++source) {
         *target = *source;
     }
-    m_previous.erase(target, m_previous.end());
-    m_previous.insert(m_previous.end(), source, earlier.m_previous.end());
+    previous_.erase(target, previous_.end());
+    previous_.insert(previous_.end(), source, earlier.previous_.end());
 }
 
 void Exception::rememberPrevious(const Exception& earlier) {
@@ -210,7 +210,7 @@ void Exception::rememberPrevious(const Exception& earlier) {
             remembered.add(ExceptionInfo<std::string>(text.filledKey, filled));
         }
     }
-    m_previous.push_front(remembered);
+    previous_.push_front(remembered);
 }
 
 }  // namespace Zendrik::Base

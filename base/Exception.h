@@ -42,15 +42,15 @@ class ExceptionInfoBase {
     /// The value's type.
     virtual const std::type_info& type() const = 0;
 
-    const char* name() const { return m_name; }
+    const char* name() const { return name_; }
 
   protected:
-    explicit ExceptionInfoBase(const char* name) : m_name(name) {}
+    explicit ExceptionInfoBase(const char* name) : name_(name) {}
     ExceptionInfoBase(const ExceptionInfoBase&) = default;
     ExceptionInfoBase& operator=(const ExceptionInfoBase&) = default;
 
   private:
-    const char* m_name;
+    const char* name_;
 };
 
 /// A decoration with a value. Only strings and ints are in use.
@@ -66,10 +66,10 @@ class ExceptionInfo : public ExceptionInfoBase {
     std::ostream& print(std::ostream& stream) const override;
     const std::type_info& type() const override { return typeid(T); }
 
-    const T& value() const { return m_value; }
+    const T& value() const { return value_; }
 
   private:
-    T m_value;
+    T value_;
 };
 
 extern template class ExceptionInfo<std::string>;
@@ -115,7 +115,7 @@ class ExceptionDecoration {
     void printOrigin(std::ostream& stream, const std::string& blanks) const;
     void printOthers(std::ostream& stream, const std::string& blanks) const;
 
-    std::map<std::string, std::unique_ptr<ExceptionInfoBase>> m_infos;
+    std::map<std::string, std::unique_ptr<ExceptionInfoBase>> infos_;
 };
 
 /// print with no indent.
@@ -136,7 +136,7 @@ class Exception : public ExceptionDecoration {
     void takePreviousOf(const Exception& earlier);
 
     /// The newest first.
-    std::list<ExceptionDecoration> m_previous;
+    std::list<ExceptionDecoration> previous_;
 };
 
 }  // namespace Zendrik::Base

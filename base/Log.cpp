@@ -1,9 +1,10 @@
 #include "base/Log.h"
 
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <cstdlib>
 #include <fstream>
 #include <iomanip>
@@ -106,8 +107,8 @@ void writeFullHeader(std::ostream& stream, Log::Level level, const Log::Channel&
 }  // namespace
 
 Log::Entry::Entry(Level level, const Channel& channel)
-    : m_wanted(level <= Log::level() && channelEnabled(channel)) {
-    if (!m_wanted) {
+    : wanted_(level <= Log::level() && channelEnabled(channel)) {
+    if (!wanted_) {
         return;
     }
     const ptime now = boost::posix_time::microsec_clock::local_time();
@@ -123,29 +124,29 @@ std::uint32_t Log::ChannelNames::add(const std::string& name) {
     if (name.empty()) {
         return 0;
     }
-    const std::lock_guard lock(m_mutex);
-    const auto [entry, isNew] = m_ids.emplace(name, static_cast<std::uint32_t>(m_names.size()));
+    const std::lock_guard lock(mutex_);
+    const auto [entry, isNew] = ids_.emplace(name, static_cast<std::uint32_t>(names_.size()));
     if (isNew) {
-        m_names.push_back(name);
+        names_.push_back(name);
     }
     return entry->second;
 }
 
 std::uint32_t Log::ChannelNames::find(const std::string& name) const {
-    const std::lock_guard lock(m_mutex);
-    const auto found = m_ids.find(name);
-    return found == m_ids.end() ? 0 : found->second;
+    const std::lock_guard lock(mutex_);
+    const auto found = ids_.find(name);
+    return found == ids_.end() ? 0 : found->second;
 }
 
 std::string Log::ChannelNames::name(std::uint32_t id) const {
-    const std::lock_guard lock(m_mutex);
-    return id < m_names.size() ? m_names[id] : m_names.front();
+    const std::lock_guard lock(mutex_);
+    return id < names_.size() ? names_[id] : names_.front();
 }
 
 void Log::ChannelNames::clear() {
-    const std::lock_guard lock(m_mutex);
-    m_ids.clear();
-    m_names.assign(1, std::string());
+    const std::lock_guard lock(mutex_);
+    ids_.clear();
+    names_.assign(1, std::string());
 }
 
 std::ostream& Log::stream() {

@@ -42,15 +42,15 @@ class Log {
 
     /// Gate and header of one line: true, with the header written to stream(), if a line of that
     /// level and channel is wanted. The line's text and end are the caller's.
-    /// @throws std::runtime_error if the local time can't be had, or what Boost throws for a date
+    /// @throw std::runtime_error if the local time can't be had, or what Boost throws for a date
     ///         outside its calendar
     class Entry {
       public:
         Entry(Level level, const Channel& channel);
-        explicit operator bool() const { return m_wanted; }
+        explicit operator bool() const { return wanted_; }
 
       private:
-        bool m_wanted;
+        bool wanted_;
     };
 
     /// Names of channels, each with an identifier that stays the same for the whole run. May be
@@ -67,15 +67,15 @@ class Log {
         void clear();
 
       private:
-        mutable std::mutex m_mutex;
-        std::map<std::string, std::uint32_t> m_ids;
-        std::vector<std::string> m_names{std::string()};
+        mutable std::mutex mutex_;
+        std::map<std::string, std::uint32_t> ids_;
+        std::vector<std::string> names_{std::string()};
     };
 
     Log() = delete;
 
-    /// Where lines go, resolved at the first call and kept for the rest of the process. Owned by
-    /// the log.
+    /// Where lines go, resolved at the first call and kept until setFile or setStream. Not the
+    /// caller's to close.
     static std::ostream& stream();
 
     /// Opens @p path for appending at once and makes it the destination. If it can't be opened, one

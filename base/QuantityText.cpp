@@ -1,6 +1,7 @@
 #include "base/QuantityText.h"
 
 #include <boost/format.hpp>
+
 #include <cmath>
 #include <iomanip>
 
