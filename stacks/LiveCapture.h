@@ -1,0 +1,44 @@
+#pragma once
+
+// What a running process is doing, at one moment, while it goes on:
+//
+//     const LiveCapture live = captureProcess(4711);
+//     if (!live.failure.empty()) ...       // "process 4711 " + failure
+//     findNativeFrames(live.capture, ...); // from here on nobody waits
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "stacks/PythonStacks.h"
+#include "stacks/StackCapture.h"
+
+namespace Zendrik::Stacks {
+
+struct LiveCapture {
+    /// Why there is nothing, as a clause whose subject is the process; empty if there is.
+    std::string failure;
+    StackCapture capture;
+    PythonStacks python;
+    /// Sentences about what is missing.
+    std::vector<std::string> notes;
+    /// How long the process stood still.
+    std::chrono::microseconds held{};
+};
+
+/// Holds all threads of a process, copies what their stacks can be told from, and lets them go.
+/// Stopped processes stay stopped, no signal is lost, and should this process die meanwhile the
+/// other one goes on.
+///
+/// A thread that can't be stopped, as it waits for a disk or a server, is named in the notes after
+/// 200 ms; its Python frames are there. A process whose memory can't be read for 5 s, for the same
+/// reason, is a failure. The thread that reads it is then left behind, and holds what it holds
+/// until this process ends: which should be soon.
+///
+/// @param pid a process, or any thread of it
+/// @throw std::system_error if no thread can be started
+LiveCapture captureProcess(pid_t pid);
+
+}  // namespace Zendrik::Stacks

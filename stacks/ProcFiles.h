@@ -1,0 +1,26 @@
+#pragma once
+
+// Small readers of /proc. What can't be read is empty: the process may end at any moment.
+
+#include <sys/types.h>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Zendrik::Stacks {
+
+/// The content of /proc/PID/`name`, or of /proc/`name` for the PID 0.
+std::string readProcFile(pid_t pid, const std::string& name);
+
+/// What stands behind "`name`:" and blanks in a text of the form of /proc/PID/status, to the end of
+/// its line.
+std::string statusField(std::string_view status, std::string_view name);
+
+/// The name that a thread gave itself, which may hold any bytes, from its file comm.
+std::string threadName(pid_t tid);
+
+/// The threads of a process, from /proc/PID/task.
+std::vector<pid_t> listThreads(pid_t pid);
+
+}  // namespace Zendrik::Stacks
