@@ -4,7 +4,8 @@
 //
 // SERVER_FD is the server end of Breakpad's report channel, HANDSHAKE_FD the write end of a pipe
 // that gets one byte, 1 when dumps will be served and 0 when they can't, PROMPT "1" to ask the user
-// about each report. Everything after the handshake is the Guardian's.
+// about each report. After the handshake there are two processes, the Standby, which is this one,
+// and the Guardian.
 
 #include <fcntl.h>
 #include <signal.h>
@@ -16,19 +17,23 @@
 #include <optional>
 #include <utility>
 
-#include "programs/CrashReporterTavrel/Announcement.h"
-#include "programs/CrashReporterTavrel/Guardian.h"
+#include "process/DescriptorIo.h"
+#include "process/StandardStreams.h"
+#include "programs/CrashReporterTavrel/channel/Standby.h"
+#include "programs/CrashReporterTavrel/report/Announcement.h"
 
 namespace {
 
 using Plexum3::Base::ScopedFd;
 using Zendrik::Reporter::announce;
-using Zendrik::Reporter::Guardian;
-using Zendrik::Reporter::LauncherWatch;
+using Zendrik::Reporter::launcherOf;
+using Zendrik::Reporter::ProcessWatch;
 using Zendrik::Reporter::ReportChannel;
+using Zendrik::Reporter::Service;
+using Zendrik::Reporter::Standby;
 
-constexpr int kRefused = 1;
-constexpr int kWrongUsage = 2;
+constexpr int refused = 1;
+constexpr int wrongUsage = 2;
 
 struct Arguments {
     int serverFd;
@@ -62,21 +67,31 @@ std::optional<Arguments> parseArguments(int argc, char** argv) {
 // crash capture away from a launcher that goes on, nor stop it. SIGXFSZ: a file size limit is a
 // failed write.
 void ignoreTheTerminal() {
-    for (const int signal :
+    for (const int number :
          {SIGINT, SIGQUIT, SIGHUP, SIGPIPE, SIGTSTP, SIGTTIN, SIGTTOU, SIGXFSZ}) {
-        (void)::signal(signal, SIG_IGN);  // fails for no signal of this list
+        static_cast<void>(signal(number, SIG_IGN));  // fails for no signal of this list
     }
-    (void)::signal(SIGCHLD, SIG_DFL);  // ignored by whoever started the launcher, it reaps
+    static_cast<void>(
+        signal(SIGCHLD, SIG_DFL));  // ignored by whoever started the launcher, it reaps
+}
+
+// A launcher that was started with its streams closed hands over a descriptor of its own under
+// their numbers. -1 for none that is open.
+int aboveStandardStreams(int fd) {
+    return fd > STDERR_FILENO ? fd : fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
 }
 
 // Whoever reads the launcher's output to its end waits for the launcher, not for this process.
-// Standard error stays: the one line of each crash goes there. A launcher that was started with its
-// streams closed hands over a descriptor of its own under their numbers.
-void letGoOfStandardStreams(const Arguments& arguments) {
-    const ScopedFd null(open("/dev/null", O_RDWR | O_CLOEXEC));
-    for (const int fd : {STDIN_FILENO, STDOUT_FILENO}) {
-        if (fd != arguments.serverFd && fd != arguments.handshakeFd) {
-            (void)dup2(null.get(), fd);  // without /dev/null they just stay
+// Standard error stays, unless it is an end of the report channel: the one line of each crash goes
+// there.
+void settleStandardStreams(const Arguments& arguments) {
+    const ScopedFd null(aboveStandardStreams(open("/dev/null", O_RDWR | O_CLOEXEC)));
+    const bool keepsError = arguments.serverFd != STDERR_FILENO &&
+                            arguments.handshakeFd != STDERR_FILENO &&
+                            ReportChannel(STDERR_FILENO).whatIsWrong() != nullptr;
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fd != STDERR_FILENO || !keepsError) {
+            static_cast<void>(dup2(null.get(), fd));  // without /dev/null they just stay
         }
     }
 }
@@ -89,25 +104,27 @@ bool answer(const ScopedFd& handshake, bool serves) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    Plexum3::Base::openClosedStandardStreams();
     const std::optional<Arguments> arguments = parseArguments(argc, argv);
     if (!arguments) {
         announce("the launcher starts this program; usage: SERVER_FD HANDSHAKE_FD 0|1");
-        return kWrongUsage;
+        return wrongUsage;
     }
     ignoreTheTerminal();
-    ScopedFd handshake(arguments->handshakeFd);
-    const ReportChannel channel(arguments->serverFd);
+    ScopedFd handshake(aboveStandardStreams(arguments->handshakeFd));
+    const ReportChannel channel(aboveStandardStreams(arguments->serverFd));
+    settleStandardStreams(*arguments);
     if (const char* wrong = channel.whatIsWrong()) {
-        (void)answer(handshake, false);
+        static_cast<void>(answer(handshake, false));
         announce("no crash reports: descriptor %d %s", arguments->serverFd, wrong);
-        return kRefused;
+        return refused;
     }
-    letGoOfStandardStreams(*arguments);
-    LauncherWatch launcher(arguments->serverFd);
-    Guardian guardian(channel, std::move(launcher), arguments->prompt);
+    // The launcher waits for the answer, so it is there.
+    const Service service{channel, ProcessWatch(launcherOf(channel.fd())), arguments->prompt};
     if (!answer(handshake, true)) {
-        return kRefused;  // nobody reads it any more: the launcher has gone
+        return refused;  // nobody reads it any more: the launcher has gone
     }
     handshake.reset();
-    return guardian.run();
+    constexpr pid_t none = 0;
+    return Standby(service, none).run();
 }

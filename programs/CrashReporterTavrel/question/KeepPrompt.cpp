@@ -1,4 +1,4 @@
-#include "programs/CrashReporterTavrel/KeepPrompt.h"
+#include "programs/CrashReporterTavrel/question/KeepPrompt.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -61,7 +61,7 @@ std::string findOnPath(const std::string& program) {
 
 std::string filledIn(std::string argument, const std::string& text, int seconds) {
     const auto replace = [&argument](const std::string& mark, const std::string& value) {
-        if (const size_t at = argument.find(mark); at != std::string::npos) {
+        if (const std::size_t at = argument.find(mark); at != std::string::npos) {
             argument.replace(at, mark.size(), value);
         }
     };
@@ -72,13 +72,13 @@ std::string filledIn(std::string argument, const std::string& text, int seconds)
 
 [[noreturn]] void childRun(const std::string& program, const std::vector<std::string>& arguments) {
     // The caller has one thread, so the child may use the heap.
-    for (const int signal :
+    for (const int number :
          {SIGINT, SIGQUIT, SIGHUP, SIGPIPE, SIGTERM, SIGTSTP, SIGTTIN, SIGTTOU, SIGXFSZ}) {
-        (void)::signal(signal, SIG_DFL);  // fails for no signal of this list
+        static_cast<void>(signal(number, SIG_DFL));  // fails for no signal of this list
     }
     sigset_t none;
     sigemptyset(&none);
-    (void)sigprocmask(SIG_SETMASK, &none, nullptr);
+    static_cast<void>(sigprocmask(SIG_SETMASK, &none, nullptr));
     const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
         if (dup2(null, fd) < 0) {
@@ -86,13 +86,13 @@ std::string filledIn(std::string argument, const std::string& text, int seconds)
         }
     }
     // The launcher's files are not the dialog's. An old kernel leaves them open.
-    (void)syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, 0);
+    static_cast<void>(syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, 0));
     std::vector<char*> argv{const_cast<char*>(program.c_str())};
     for (const std::string& argument : arguments) {
         argv.push_back(const_cast<char*>(argument.c_str()));
     }
     argv.push_back(nullptr);
-    (void)execv(program.c_str(), argv.data());
+    static_cast<void>(execv(program.c_str(), argv.data()));
     _exit(127);
 }
 
@@ -102,9 +102,9 @@ class BlockedSigchld {
     BlockedSigchld() {
         sigemptyset(&set_);
         sigaddset(&set_, SIGCHLD);
-        (void)sigprocmask(SIG_BLOCK, &set_, &before_);
+        static_cast<void>(sigprocmask(SIG_BLOCK, &set_, &before_));
     }
-    ~BlockedSigchld() { (void)sigprocmask(SIG_SETMASK, &before_, nullptr); }
+    ~BlockedSigchld() { static_cast<void>(sigprocmask(SIG_SETMASK, &before_, nullptr)); }
     BlockedSigchld(const BlockedSigchld&) = delete;
     BlockedSigchld& operator=(const BlockedSigchld&) = delete;
 
@@ -135,7 +135,7 @@ int runDialog(const std::string& program, const std::vector<std::string>& argume
         return -1;
     }
     if (!sigchld.await(limitSeconds)) {
-        (void)kill(child, SIGKILL);  // not reaped yet, so the pid is still the child's
+        static_cast<void>(kill(child, SIGKILL));  // not reaped yet, so the pid is still the child's
     }
     int status = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {

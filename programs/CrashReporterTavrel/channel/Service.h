@@ -1,0 +1,19 @@
+#pragma once
+
+#include "programs/CrashReporterTavrel/channel/ProcessWatch.h"
+#include "programs/CrashReporterTavrel/channel/ReportChannel.h"
+
+namespace Zendrik::Reporter {
+
+/// What the launcher has asked for: the same for every process of the reporter, for its whole run.
+struct Service {
+    ReportChannel channel;
+    ProcessWatch launcher;
+    bool prompt;  ///< ask the user about each report
+};
+
+/// For how long a crashed process is held at most, whatever becomes of those who work on it. Before
+/// that the guardian has given up on the dump, then on the report.
+constexpr std::chrono::milliseconds holdLimit(8000);
+
+}  // namespace Zendrik::Reporter

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <string>
+
+namespace Zendrik::Reporter {
+
+enum class Answer { Keep, Remove };
+
+/// Whether there is a display to ask the user on.
+bool hasDisplay();
+
+/// Asks in a window whether to keep the report, with the first of zenity, kdialog, yad and xmessage
+/// that stands in an absolute folder of PATH. Everything but a click on the button that removes
+/// means Keep: a closed window, no such program, its failure, `limitSeconds` over.
+/// Runs one child at a time and has reaped it on return; the child gets no descriptor but
+/// /dev/null on 0 to 2.
+Answer askWhetherToKeep(const std::string& reportPath, int limitSeconds);
+
+}  // namespace Zendrik::Reporter

@@ -1,0 +1,218 @@
+#include "programs/CrashReporterTavrel/report/CrashReport.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cinttypes>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+
+#include "process/DescriptorIo.h"
+#include "programs/CrashReporterTavrel/dump/DumpFolder.h"
+#include "programs/CrashReporterTavrel/report/SignalText.h"
+#include "stacks/PrintableText.h"
+#include "stacks/StackText.h"
+
+namespace Zendrik::Reporter {
+
+namespace {
+
+using Stacks::printableText;
+
+// What the launcher's Python hook writes, in its working directory.
+constexpr char pythonStackLog[] = "PythonStackLog.txt";
+
+std::string orUnknown(const std::string& text) {
+    return text.empty() ? "unknown" : printableText(text);
+}
+
+[[gnu::format(printf, 1, 2)]] std::string formatted(const char* format, ...) {
+    char text[512];
+    va_list arguments;
+    va_start(arguments, format);
+    static_cast<void>(std::vsnprintf(text, sizeof text, format, arguments));
+    va_end(arguments);
+    return text;
+}
+
+std::string mebibytes(std::int64_t kibibytes) {
+    constexpr double kibPerMib = 1024;
+    return kibibytes < 0 ? "unknown"
+                         : formatted("%.1f MiB", static_cast<double>(kibibytes) / kibPerMib);
+}
+
+std::string threadCount(std::int64_t threads) {
+    return threads < 0    ? "unknown number of threads"
+           : threads == 1 ? "1 thread"
+                          : std::to_string(threads) + " threads";
+}
+
+std::string processText(const ProcessSnapshot& process) {
+    return formatted("Process:     %d\n", static_cast<int>(process.pid)) +
+           "Executable:  " + orUnknown(process.executable) +
+           "\nRun mode:    " + orUnknown(process.runMode) + "\nUptime:      " +
+           (process.uptimeSeconds < 0 ? "unknown" : formatted("%.2f s", process.uptimeSeconds)) +
+           "\nMemory:      " + mebibytes(process.residentKiB) + " resident, " +
+           mebibytes(process.peakResidentKiB) + " at its peak, " + mebibytes(process.virtualKiB) +
+           " virtual; " + threadCount(process.threads) + "\n";
+}
+
+std::string systemText() {
+    utsname system{};
+    constexpr std::size_t limit = 65536;
+    const std::string memory = readText(AT_FDCWD, "/proc/meminfo", limit);
+    static_cast<void>(uname(&system));  // fails only for a bad address
+    return formatted("System:      %s %s, %ld processors, ", system.sysname, system.release,
+                     sysconf(_SC_NPROCESSORS_ONLN)) +
+           mebibytes(numberBehind(memory, "MemAvailable")) + " of " +
+           mebibytes(numberBehind(memory, "MemTotal")) + " memory available\n";
+}
+
+std::string factsText(const CrashFacts& facts, const Stacks::StackCapture& capture) {
+    char when[32] = "unknown";
+    tm utc{};
+    if (gmtime_r(&facts.time, &utc) != nullptr) {
+        static_cast<void>(std::strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S UTC", &utc));
+    }
+    return std::string(reportHeading) + "\n\nProduct:     Tavrel " + TAVREL_VERSION_TEXT +
+           "\nTime:        " + when +
+           "\nSession:     " + (facts.sessionId.empty() ? "none" : printableText(facts.sessionId)) +
+           "\n" + processText(facts.process) + systemText() +
+           "Dump:        " + printableText(facts.dump) + "\nSignal:      " + signalText(capture) +
+           "\n" + (facts.note.empty() ? "" : "\n" + printableText(facts.note) + "\n");
+}
+
+// Of a list that stands whole further down.
+std::string shortened(const std::string& lines) {
+    constexpr int most = 24;
+    std::size_t end = 0;
+    for (int i = 0; i < most; ++i) {
+        end = lines.find('\n', end) + 1;
+        if (end == 0 || end == lines.size()) {
+            return lines;
+        }
+    }
+    return lines.substr(0, end) + "       (all of them stand below)\n";
+}
+
+// Where somebody who helps the user looks first.
+std::string crashedPythonText(const Stacks::StackCapture& capture,
+                              const Stacks::PythonStacks& python) {
+    std::string text;
+    for (const Stacks::CapturedThread& thread : capture.threads) {
+        if (thread.tid == capture.crashedTid) {
+            text = shortened(Stacks::pythonText(python, thread.threadPointer));
+        }
+    }
+    return (text.empty() ? "" : "\nPython, crashed thread\n" + text) +
+           (python.note.empty() ? "" : "\nPython: " + printableText(python.note) + "\n");
+}
+
+std::string modulesText(const Stacks::StackCapture& capture) {
+    std::string text = "\nModules: address, size, build identifier, file\n";
+    for (const Stacks::MappedFile& file : capture.files) {
+        text +=
+            formatted("  0x%012" PRIx64 "  0x%08" PRIx64 "  ", file.start, file.end - file.start) +
+            (file.buildId.empty() ? "no build identifier" : printableText(file.buildId)) + "  " +
+            printableText(file.path) + "\n";
+    }
+    return text;
+}
+
+// The stack log that the launcher's Python hook leaves in the working directory, when it is there,
+// no link, and written since the process started; else empty.
+std::string readPythonStackLog(const ProcessSnapshot& process) {
+    struct stat status {};
+    const int folder = process.workingDirectory.get();
+    if (folder < 0 || fstatat(folder, pythonStackLog, &status, AT_SYMLINK_NOFOLLOW) != 0 ||
+        !S_ISREG(status.st_mode)) {
+        return {};
+    }
+    constexpr std::int64_t nsPerSecond = 1000000000;
+    if (status.st_mtim.tv_sec * nsPerSecond + status.st_mtim.tv_nsec < process.startedNs) {
+        return {};
+    }
+    constexpr std::size_t limit = std::size_t{256} * 1024;
+    return readText(folder, pythonStackLog, limit, O_NOFOLLOW | O_NONBLOCK);
+}
+
+std::string pythonStackLogText(const ProcessSnapshot& process) {
+    const std::string log = readPythonStackLog(process);
+    std::string text;
+    for (std::size_t begin = 0; begin < log.size();) {
+        const std::size_t end = std::min(log.find('\n', begin), log.size());
+        text += printableText(std::string_view(log).substr(begin, end - begin)) + "\n";
+        begin = end + 1;
+    }
+    return text.empty() ? text
+                        : std::string("\n") + pythonStackLog +
+                              ", the last Python call that was logged:\n" + text;
+}
+
+// 0, or the errno of the failure. The file takes the place of one of this name once it is whole.
+int replaceFile(int folder, const std::string& name, std::string_view text) {
+    const std::string unfinished = name + ".new";
+    const Plexum3::Base::ScopedFd file(openat(folder, unfinished.c_str(),
+                                              O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
+                                              S_IRUSR | S_IWUSR));
+    if (file.get() < 0) {
+        return errno;
+    }
+    while (!text.empty()) {
+        boost::system::error_code error;
+        const ssize_t written =
+            Plexum3::Base::writeRetry(file.get(), text.data(), text.size(), &error);
+        if (written <= 0) {
+            return written < 0 ? error.value() : EIO;
+        }
+        text.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return renameat(folder, unfinished.c_str(), folder, name.c_str()) == 0 ? 0 : errno;
+}
+
+}  // namespace
+
+std::string sessionIdOf(const char* const* environment) {
+    constexpr char name[] = "ZK_SESSION_ID=";
+    std::string id;
+    for (; *environment != nullptr; ++environment) {
+        if (std::strncmp(*environment, name, sizeof name - 1) == 0) {
+            id = *environment + sizeof name - 1;
+        }
+    }
+    return id;
+}
+
+std::string draftText(const CrashFacts& facts, const Stacks::StackCapture& capture,
+                      const Stacks::PythonStacks& python) {
+    return factsText(facts, capture) + crashedPythonText(capture, python) +
+           "\nThe reporter ended before it could tell the native frames.\n" +
+           Stacks::pythonText(capture, python) + modulesText(capture) +
+           pythonStackLogText(facts.process);
+}
+
+std::string reportText(const CrashFacts& facts, const Stacks::StackCapture& capture,
+                       const Stacks::PythonStacks& python, const Stacks::NativeStacks& native) {
+    return factsText(facts, capture) + crashedPythonText(capture, python) +
+           Stacks::StackText{capture, python, native}.write() + modulesText(capture) +
+           pythonStackLogText(facts.process);
+}
+
+int writeReport(int folder, const std::string& name, const CrashFacts& facts,
+                const Stacks::StackCapture& capture, const Stacks::PythonStacks& python,
+                const std::string& framesProgram) {
+    if (const int error = replaceFile(folder, name, draftText(facts, capture, python))) {
+        return error;
+    }
+    constexpr std::chrono::seconds limit(10);
+    const Stacks::NativeStacks native = Stacks::findNativeFrames(capture, framesProgram, limit);
+    return replaceFile(folder, name, reportText(facts, capture, python, native));
+}
+
+}  // namespace Zendrik::Reporter
