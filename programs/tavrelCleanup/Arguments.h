@@ -1,8 +1,10 @@
 #pragma once
 
 #include <sys/types.h>
+
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace Cleanup {
 
@@ -19,6 +21,9 @@ struct Arguments {
 
     bool isRelative() const { return path.front() != '/'; }
 };
+
+/// The process id that a text is, to the last character; 0 for any other text.
+pid_t parsePid(std::string_view text);
 
 /// Checks the command line: a decimal process id above 0 that fits and isn't this process's own,
 /// and a path that names a folder: not empty, not "/", and not by way of "." or ".." at its end.

@@ -2,7 +2,9 @@
 
 #include <sys/types.h>
 
-#include "programs/tavrelCleanup/FileDescriptor.h"
+#include <cstdint>
+
+#include "process/ScopedFd.h"
 
 namespace Cleanup {
 
@@ -12,7 +14,8 @@ namespace Cleanup {
 ///
 /// Takes a process descriptor (pidfd_open(2)). Where there is none, because the kernel is older
 /// than 5.3 or a sandbox forbids the call, it reads /proc/PID/stat ten times a second and compares
-/// the start time.
+/// the start time; where there is one that can't be waited for, without that comparison. Where
+/// /proc doesn't show the process either, it has ended when kill(2) doesn't know it any more.
 class ProcessEnd {
   public:
     explicit ProcessEnd(pid_t pid);
@@ -22,12 +25,12 @@ class ProcessEnd {
     void await() const;
 
   private:
-    void awaitByProcessTable() const;
+    bool hasEnded() const;
 
     pid_t pid_;
-    FileDescriptor pidFd_;
+    Plexum3::Base::ScopedFd pidFd_;
     bool goneAtStart_ = false;
-    unsigned long long startTime_ = 0;  // clock ticks since boot, 0 if unknown
+    std::uint64_t startTicks_ = 0;  ///< see ProcessLife
 };
 
 }  // namespace Cleanup

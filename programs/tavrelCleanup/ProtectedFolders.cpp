@@ -2,67 +2,140 @@
 
 #include <fcntl.h>
 #include <pwd.h>
+#include <sys/auxv.h>
 #include <sys/stat.h>
+
+#include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <string>
 
-#include "programs/tavrelCleanup/FileDescriptor.h"
+#include "process/ScopedFd.h"
 
 namespace Cleanup {
 namespace {
+
+using Plexum3::Base::ScopedFd;
+
+// Unknown leaves its reason in `errno`.
+enum class Answer { No, Yes, Unknown };
 
 bool isSameFolder(const struct stat& a, const struct stat& b) {
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-/// Whether `folder` is met on the way up from `path` over "..", as far as the modes let one go.
-bool isOnWayUp(const struct stat& folder, const std::string& path) {
-    FileDescriptor current(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+// Nothing is there, or the modes don't let one see it.
+bool isOutOfReach(int error) {
+    return error == EACCES || error == ENOENT || error == ENOTDIR || error == ELOOP ||
+           error == ENAMETOOLONG;
+}
+
+// Whether `folder` is met on the way up from the open folder `current` over "..".
+Answer isOnWayUp(const struct stat& folder, ScopedFd current) {
     struct stat here = {};
     struct stat below = {};
-    while (fstat(current.get(), &here) == 0 && !isSameFolder(here, below)) {
+    while (current.isOpen() && fstat(current.get(), &here) == 0) {
         if (isSameFolder(here, folder)) {
-            return true;
+            return Answer::Yes;
+        }
+        if (isSameFolder(here, below)) {
+            return Answer::No;
         }
         below = here;
-        current = FileDescriptor(openat(current.get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
+        current = ScopedFd(openat(current.get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
     }
-    return false;
+    return Answer::Unknown;
 }
 
-/// Whether `folder` is the one at the absolute `path` or stands above it. Each part of the path is
-/// a start of its own: one that isn't there, or can't be left upward, hides those above it.
-bool isAtOrAbove(const struct stat& folder, std::string path) {
-    for (; !path.empty(); path.resize(path.rfind('/'))) {
-        if (isOnWayUp(folder, path)) {
-            return true;
+// Whether `folder` is the one at the absolute `path` or stands above it. Each part of the path is
+// a start of its own: one that isn't there, or can't be left upward, hides those above it.
+Answer isAtOrAbove(const struct stat& folder, std::string path) {
+    for (;;) {
+        const char* const start = path.empty() ? "/" : path.c_str();
+        const Answer answer =
+            isOnWayUp(folder, ScopedFd(open(start, O_PATH | O_DIRECTORY | O_CLOEXEC)));
+        if (answer == Answer::Yes || (answer == Answer::Unknown && !isOutOfReach(errno)) ||
+            path.empty()) {
+            return answer;
+        }
+        path.resize(path.rfind('/'));
+    }
+}
+
+// Whether the folder at `path` holds the open folder, at whatever depth.
+Answer holds(const std::string& path, int folderFd) {
+    struct stat holder = {};
+    if (stat(path.c_str(), &holder) != 0) {
+        return isOutOfReach(errno) ? Answer::No : Answer::Unknown;
+    }
+    return isOnWayUp(holder, ScopedFd(openat(folderFd, ".", O_PATH | O_DIRECTORY | O_CLOEXEC)));
+}
+
+Answer isOrHoldsHome(const struct stat& folder) {
+    const char* const home = std::getenv("HOME");
+    if (home != nullptr && home[0] == '/') {
+        if (const Answer answer = isAtOrAbove(folder, home); answer != Answer::No) {
+            return answer;
         }
     }
-    return isOnWayUp(folder, "/");
+    errno = 0;
+    const passwd* const user = getpwuid(getuid());
+    if (user == nullptr) {
+        // The numbers that stand for "no such user", see getpwuid(3).
+        const bool hasNone = errno == 0 || errno == ENOENT || errno == ESRCH;
+        return hasNone || home != nullptr ? Answer::No : Answer::Unknown;
+    }
+    return user->pw_dir[0] == '/' ? isAtOrAbove(folder, user->pw_dir) : Answer::No;
 }
 
+// The folder that this program stands in; empty with `errno` if nothing tells.
 std::string programFolder() {
     char path[PATH_MAX];
     const ssize_t length = readlink("/proc/self/exe", path, sizeof path);
-    const std::string program(path, length > 0 ? static_cast<std::size_t>(length) : 0);
+    std::string program(path, length > 0 ? static_cast<std::size_t>(length) : 0);
+    if (program.empty()) {
+        const auto* const started = reinterpret_cast<const char*>(getauxval(AT_EXECFN));
+        program = started != nullptr && started[0] == '/' ? started : "";
+    }
     return program.substr(0, program.rfind('/'));
+}
+
+Answer isOrHoldsOwnTree(const struct stat& folder, int parentFd) {
+    const std::string bin = programFolder();
+    if (bin.empty()) {
+        errno = errno == 0 ? ENOENT : errno;
+        return Answer::Unknown;
+    }
+    for (const std::string& own : {bin, bin.substr(0, bin.rfind('/')) + "/plugins"}) {
+        Answer answer = isAtOrAbove(folder, own);
+        if (answer == Answer::No) {
+            // From the parent: a folder that forbids it can't be left upward.
+            answer = holds(own, parentFd);
+        }
+        if (answer != Answer::No) {
+            return answer;
+        }
+    }
+    return Answer::No;
 }
 
 }  // namespace
 
-const char* protectedContent(int folderFd) {
+Objection objectionTo(int folderFd, int parentFd) {
     struct stat folder = {};
     if (fstat(folderFd, &folder) != 0) {
-        return "a folder that can't be told from others";
+        return {"it may be deleted", errno};
     }
-    const char* const home = std::getenv("HOME");
-    const passwd* const user = getpwuid(getuid());
-    if ((home != nullptr && home[0] == '/' && isAtOrAbove(folder, home)) ||
-        (user != nullptr && user->pw_dir[0] == '/' && isAtOrAbove(folder, user->pw_dir))) {
-        return "the user's home folder";
+    Answer answer = isOrHoldsHome(folder);
+    if (answer != Answer::No) {
+        return {"it is or holds the user's home folder", answer == Answer::Yes ? 0 : errno};
     }
-    return isAtOrAbove(folder, programFolder()) ? "this program's own install tree" : nullptr;
+    answer = isOrHoldsOwnTree(folder, parentFd);
+    if (answer != Answer::No) {
+        return {"it is, holds or belongs to this program's own install tree",
+                answer == Answer::Yes ? 0 : errno};
+    }
+    return {};
 }
 
 }  // namespace Cleanup

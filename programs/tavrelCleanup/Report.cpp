@@ -1,40 +1,55 @@
 #include "programs/tavrelCleanup/Report.h"
 
-#include <sys/uio.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <syslog.h>
-#include <cstdarg>
-#include <cstdio>
+#include <unistd.h>
 
 #include <algorithm>
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
 #include <cstring>
+
+#include "process/ScopedFd.h"
+#include "process/WholeLine.h"
 
 namespace Cleanup {
 namespace {
 
-constexpr char kPrefix[] = "tavrelCleanup: ";
+// With prefix and line end a pipe that is writable takes it whole, see pipe(7).
+constexpr std::size_t lineSize = PIPE_BUF;
 
-void writeLine(char* text, std::size_t length) {
-    iovec parts[] = {{const_cast<char*>(kPrefix), sizeof kPrefix - 1},
-                     {text, length},
-                     {const_cast<char*>("\n"), 1}};
-    // A reader that has gone is no reason to stop.
-    [[maybe_unused]] const ssize_t ignored = writev(2, parts, 3);
+// syslog(3) would wait for a log that is busy.
+bool sendToLog(int type, const char* message, std::size_t length) {
+    const Plexum3::Base::ScopedFd log(
+        socket(AF_UNIX, type | SOCK_NONBLOCK | SOCK_CLOEXEC, /*protocol=*/0));
+    const sockaddr_un address = {AF_UNIX, "/dev/log"};
+    return connect(log.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+           send(log.get(), message, length, MSG_NOSIGNAL) >= 0;
 }
 
 }  // namespace
 
 void report(const char* format, ...) {
-    static char text[8192];
+    static char text[lineSize - 32];
     va_list values;
     va_start(values, format);
     vsnprintf(text, sizeof text, format, values);
     va_end(values);
-    const std::size_t length = std::strlen(text);
     std::replace_if(
-        text, text + length, [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
-    writeLine(text, length);
-    openlog("tavrelCleanup", LOG_PID, LOG_USER);
-    syslog(LOG_ERR, "%s", text);
+        text, text + std::strlen(text), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
+
+    static char line[lineSize];
+    int length = std::snprintf(line, sizeof line, "tavrelCleanup: %s\n", text);
+    Plexum3::Base::writeWholeLineOrDrop(STDERR_FILENO, {line, static_cast<std::size_t>(length)});
+
+    length = std::snprintf(line, sizeof line, "<%d>tavrelCleanup[%d]: %s", LOG_USER | LOG_ERR,
+                           static_cast<int>(getpid()), text);
+    // A log that takes a stream wants the zero byte behind each message.
+    if (!sendToLog(SOCK_DGRAM, line, static_cast<std::size_t>(length))) {
+        static_cast<void>(sendToLog(SOCK_STREAM, line, static_cast<std::size_t>(length) + 1));
+    }
 }
 
 }  // namespace Cleanup

@@ -2,7 +2,8 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <algorithm>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -10,52 +11,44 @@
 #include <utility>
 
 #include "programs/tavrelCleanup/FolderAccess.h"
+#include "programs/tavrelCleanup/Repetition.h"
 
 namespace Cleanup {
 namespace {
 
-// Each such walk brings a tree up by kMaxLevels; the figure only ends a race against a writer that
-// nests folders for ever.
-constexpr int kMaxHoistingPasses = 65536;
+using Plexum3::Base::ScopedFd;
 
-/// Errors that come from what others do at the same time.
-bool isPassing(int error) {
-    return error == ENOTEMPTY || error == EEXIST || error == ENOTDIR || error == EISDIR ||
-           error == ELOOP;
-}
-
-/// None before the first repetition, then 10 ms, doubled up to a second: 2.3 s in all.
-void pauseBeforePass(int pass) {
-    if (pass >= 2) {
-        const long milliseconds = std::min(10L << (pass - 2), 1000L);
-        const timespec pause = {milliseconds / 1000, milliseconds % 1000 * 1'000'000};
-        nanosleep(&pause, nullptr);
-    }
+// After a walk that has used up its budget: others may come to an end meanwhile.
+void pauseBetweenWalks() {
+    const timespec pause = {0, 100'000'000};
+    nanosleep(&pause, nullptr);
 }
 
 }  // namespace
 
-TreeRemoval::TreeRemoval(int parentFd, const char* name, FileDescriptor top)
-    : parentFd_(parentFd), name_(name), levels_(new Level[kMaxLevels]) {
-    struct stat status = {};
-    fstat(top.get(), &status);
-    device_ = status.st_dev;
+TreeRemoval::TreeRemoval(int parentFd, const char* name, ScopedFd top, const Mount& mount)
+    : parentFd_(parentFd), name_(name), mount_(mount), levels_(new Level[maxLevels]) {
     levels_[0].isAccessGranted = false;
     levels_[0].fd = std::move(top);
 }
 
 bool TreeRemoval::run() {
-    int hoistingPasses = 0;
-    for (int pass = 0; pass < kMaxPasses;) {
+    std::size_t spent = 0;
+    for (int pass = 0; pass < maxPasses;) {
         pauseBeforePass(pass);
         walk();
         if (removeTop()) {
             return true;
         }
-        if (hoistedCount_ > 0 && ++hoistingPasses < kMaxHoistingPasses) {
+        spent += seenCount_;
+        const bool isCutShort = seenCount_ == walkBudget;
+        if (isCutShort) {
+            pauseBetweenWalks();
+        }
+        if ((isCutShort || hoistedCount_ > 0) && spent < totalBudget) {
             continue;
         }
-        if (removedCount_ == 0 && isLasting_) {
+        if (removedCount_ == 0 && passingCount_ == 0) {
             return false;
         }
         ++pass;
@@ -64,19 +57,22 @@ bool TreeRemoval::run() {
 }
 
 void TreeRemoval::walk() {
-    removedCount_ = hoistedCount_ = obstacleCount_ = 0;
-    isLasting_ = false;
-    lseek(levels_[0].fd.get(), 0, SEEK_SET);
+    removedCount_ = hoistedCount_ = obstacleCount_ = passingCount_ = 0;
+    static_cast<void>(lseek(levels_[0].fd.get(), 0, SEEK_SET));  // can't fail for a folder
     levels_[0].length = levels_[0].next = 0;
     depth_ = 0;
-    for (;;) {
+    for (seenCount_ = 0; seenCount_ < walkBudget;) {
         if (nextEntry()) {
+            ++seenCount_;
             removeEntry();
         } else if (depth_ > 0) {
             leave();
         } else {
             return;
         }
+    }
+    for (; depth_ > 0; --depth_) {
+        current().fd.reset();
     }
 }
 
@@ -95,7 +91,7 @@ bool TreeRemoval::nextEntry() {
     Level& level = current();
     for (;;) {
         if (level.next >= level.length) {
-            const ssize_t length = getdents64(level.fd.get(), level.entries, kEntriesBytes);
+            const ssize_t length = getdents64(level.fd.get(), level.entries, entriesBytes);
             // ENOENT: the folder itself has been deleted by somebody else.
             if (length < 0 && errno != ENOENT) {
                 addObstacle(depth_ - 1, errno);
@@ -116,27 +112,23 @@ bool TreeRemoval::nextEntry() {
 }
 
 void TreeRemoval::removeEntry() {
-    int error = current().entry->d_type == DT_DIR ? EISDIR : removeName(0);
-    if (error == 0) {
-        return;
+    Fate fate = Fate::Stays;
+    // What the folder tells of the kind of an entry may be missing, or out of date.
+    bool isFolder = current().entry->d_type == DT_DIR;
+    if (!isFolder) {
+        fate = removeName(0);
+        isFolder = fate == Fate::Stays && errno == EISDIR;
     }
-    if (error == EISDIR) {
-        error = enter();
-        if (error == ENOTDIR || error == ELOOP) {
-            error = removeName(0);
-        } else if (error != 0 && removeName(AT_REMOVEDIR) == 0) {
-            // An empty folder needs no way in.
-            error = 0;
-        }
+    if (isFolder) {
+        fate = removeFolder();
     }
-    if (error != 0) {
-        addObstacle(depth_, error);
+    if (fate == Fate::Stays) {
+        addObstacle(depth_, errno);
     }
 }
 
-/// Deletes the current entry of the current level. Returns 0 or an errno; an entry that has
-/// vanished is a success.
-int TreeRemoval::removeName(int flags) {
+/// Deletes the current entry of the current level: Gone or Stays.
+TreeRemoval::Fate TreeRemoval::removeName(int flags) {
     Level& level = current();
     int result = unlinkat(level.fd.get(), level.entry->d_name, flags);
     if (result != 0 && errno == EACCES && grantAccess(level)) {
@@ -144,36 +136,52 @@ int TreeRemoval::removeName(int flags) {
     }
     if (result == 0) {
         ++removedCount_;
-        return 0;
     }
-    return errno == ENOENT ? 0 : errno;
+    return result == 0 || errno == ENOENT ? Fate::Gone : Fate::Stays;
 }
 
-/// Goes into the current entry, or gets it out of the way. Returns 0 or an errno.
-int TreeRemoval::enter() {
-    if (depth_ + 1 == kMaxLevels) {
+/// Goes into the current entry, or gets it out of the way.
+TreeRemoval::Fate TreeRemoval::removeFolder() {
+    const Fate fate = enter();
+    if (fate != Fate::Stays) {
+        return fate;
+    }
+    const int error = errno;
+    if (error == ENOTDIR || error == ELOOP) {
+        return removeName(0);
+    }
+    // An empty folder needs no way in. Of any other one it counts why there was none.
+    if (removeName(AT_REMOVEDIR) == Fate::Gone) {
+        return Fate::Gone;
+    }
+    errno = error;
+    return Fate::Stays;
+}
+
+TreeRemoval::Fate TreeRemoval::enter() {
+    if (depth_ + 1 == maxLevels) {
         return hoist();
     }
     Level& level = current();
-    FileDescriptor folder = openSubfolder(level.fd.get(), level.entry->d_name, O_RDONLY, device_);
+    ScopedFd folder = openSubfolder(level.fd.get(), level.entry->d_name, O_RDONLY, mount_);
     if (!folder.isOpen() && errno == EACCES) {
         folder = openDespiteMode();
     }
     if (folder.isOpen()) {
         push(std::move(folder));
-        return 0;
+        return Fate::Entered;
     }
     if ((errno == EMFILE || errno == ENFILE) && depth_ > 0) {
         return hoist();
     }
-    return errno == ENOENT ? 0 : errno;
+    return errno == ENOENT ? Fate::Gone : Fate::Stays;
 }
 
-FileDescriptor TreeRemoval::openDespiteMode() {
+ScopedFd TreeRemoval::openDespiteMode() {
     Level& level = current();
-    grantAccess(level);
-    const FileDescriptor path = openSubfolder(level.fd.get(), level.entry->d_name, O_PATH, device_);
-    return path.isOpen() ? openForReading(path.get()) : FileDescriptor();
+    static_cast<void>(grantAccess(level));  // the next call tells whether it helped
+    const ScopedFd path = openSubfolder(level.fd.get(), level.entry->d_name, O_PATH, mount_);
+    return path.isOpen() ? openForReading(path.get()) : ScopedFd();
 }
 
 /// Once a folder: true if the mode has been changed and a second try is worth it. Keeps `errno`,
@@ -189,7 +197,7 @@ bool TreeRemoval::grantAccess(Level& level) {
     return isChanged;
 }
 
-void TreeRemoval::push(FileDescriptor folder) {
+void TreeRemoval::push(ScopedFd folder) {
     Level& level = levels_[++depth_];
     level.fd = std::move(folder);
     level.isAccessGranted = false;
@@ -201,58 +209,55 @@ void TreeRemoval::leave() {
     const bool isCleared = current().obstaclesBefore == obstacleCount_;
     current().fd.reset();
     --depth_;
-    int error = removeName(AT_REMOVEDIR);
-    if (error == ENOTDIR) {
-        error = removeName(0);
+    Fate fate = removeName(AT_REMOVEDIR);
+    if (fate == Fate::Stays && errno == ENOTDIR) {
+        fate = removeName(0);
     }
-    if (error != 0 && isCleared) {
-        addObstacle(depth_, error);
+    if (fate == Fate::Stays && isCleared) {
+        addObstacle(depth_, errno);
     }
 }
 
 /// Moves the current entry, a folder, up into the top folder. The names there may be taken by what
 /// an earlier, killed run left; an empty folder under such a name is replaced, which is as good.
-int TreeRemoval::hoist() {
-    int error = 0;
+TreeRemoval::Fate TreeRemoval::hoist() {
     for (int attempt = 0; attempt < 1000; ++attempt) {
         char newName[32];
         std::snprintf(newName, sizeof newName, ".tavrelCleanup.%u", ++hoistNumber_);
-        error = renameIntoTop(newName);
-        if (error == 0) {
+        if (renameIntoTop(newName)) {
             ++hoistedCount_;
-            return 0;
+            return Fate::Hoisted;
         }
-        if (!isPassing(error)) {
+        if (!isPassing(errno)) {
             break;
         }
     }
-    return error == ENOENT ? 0 : error;
+    return errno == ENOENT ? Fate::Gone : Fate::Stays;
 }
 
-int TreeRemoval::renameIntoTop(const char* newName) {
+/// False with `errno`.
+bool TreeRemoval::renameIntoTop(const char* newName) {
     Level& level = current();
     Level& top = levels_[0];
     const char* const name = level.entry->d_name;
     if (renameat(level.fd.get(), name, top.fd.get(), newName) == 0) {
-        return 0;
+        return true;
     }
     if (errno != EACCES) {
-        return errno;
+        return false;
     }
     // Three folders have to be writable: the two that hold the names, and the one that moves, since
     // its ".." changes.
-    grantAccess(level);
-    grantAccess(top);
-    const FileDescriptor folder = openSubfolder(level.fd.get(), name, O_PATH, device_);
-    if (!folder.isOpen() || !makeAccessible(folder.get())) {
-        return errno;
-    }
-    return renameat(level.fd.get(), name, top.fd.get(), newName) == 0 ? 0 : errno;
+    static_cast<void>(grantAccess(level));
+    static_cast<void>(grantAccess(top));
+    const ScopedFd folder = openSubfolder(level.fd.get(), name, O_PATH, mount_);
+    return folder.isOpen() && makeAccessible(folder.get()) &&
+           renameat(level.fd.get(), name, top.fd.get(), newName) == 0;
 }
 
 /// `depth` is the level whose current entry is in the way; -1 for the top folder itself.
 void TreeRemoval::addObstacle(int depth, int error) {
-    isLasting_ = isLasting_ || !isPassing(error);
+    passingCount_ += isPassing(error) ? 1 : 0;
     if (++obstacleCount_ > 1) {
         return;
     }
