@@ -1,7 +1,12 @@
 #include "crash/src/pythonStackLog.h"
 
-#include <fstream>
+#include <ext/stdio_filebuf.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <locale>
+#include <ostream>
 #include <string>
 
 // The records of frames, code and threads are read field by field, and other versions lay them out
@@ -39,11 +44,24 @@ void writeFrame(std::ostream& stream, const PyFrameObject& frame, std::size_t de
            << frame.f_lineno << " " << function << " " << file << " " << std::endl;
 }
 
+/// One of an earlier run keeps its mode. A link is left alone: it may lead to what isn't a log.
+void closeToOthers(const char* path) {
+    const int file = open(path, O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    struct stat status {};
+    if (file != -1 && fstat(file, &status) == 0 && S_ISREG(status.st_mode)) {
+        static_cast<void>(fchmod(file, S_IRUSR | S_IWUSR));  // fails for another user's
+    }
+    if (file != -1) {
+        close(file);
+    }
+}
+
 }  // namespace
 
 const char* const pythonStackLogFile = "PythonStackLog.txt";
 
 bool startPythonStackLog() {
+    closeToOthers(pythonStackLogFile);
     PyObject* path = PyUnicode_FromString(pythonStackLogFile);
     if (path == nullptr) {
         PyErr_Clear();
@@ -75,7 +93,10 @@ void logPythonFunctionCall(const char* path, PyFrameObject* frame) {
 }
 
 void writePythonStack(const char* path, const char* label, PyFrameObject* frame) {
-    std::ofstream stream(path, std::ios::out | std::ios::trunc);
+    // Paths and names of a production are nobody else's affair. The buffer owns the descriptor.
+    constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
+    __gnu_cxx::stdio_filebuf<char> file(open(path, flags, S_IRUSR | S_IWUSR), std::ios::out);
+    std::ostream stream(&file);
     // A global locale of the application's must not group the digits.
     stream.imbue(std::locale::classic());
     stream << label << std::endl;

@@ -38,6 +38,7 @@ bool startPythonStackLog();
 /// @return always 0: the interpreter goes on
 int pythonStackProfileHook(PyObject* object, PyFrameObject* frame, int what, PyObject* argument);
 
+/// writePythonStack for the call of a C function, and for that of a Python function.
 void logCFunctionCall(const char* path, PyFrameObject* frame);
 void logPythonFunctionCall(const char* path, PyFrameObject* frame);
 

@@ -50,51 +50,51 @@ class CrashHandler {
         Parameters();
 
         /// Whether to arm anything at all.
-        void setEnabled(bool enabled) { m_enabled = enabled; }
-        bool enabled() const { return m_enabled; }
+        void setEnabled(bool enabled) { enabled_ = enabled; }
+        bool enabled() const { return enabled_; }
 
         /// Whether the reporter is to ask the user about a report.
-        void setPrompt(bool prompt) { m_prompt = prompt; }
-        bool prompt() const { return m_prompt; }
+        void setPrompt(bool prompt) { prompt_ = prompt; }
+        bool prompt() const { return prompt_; }
 
-        /// @throws Exception, leaving the record as it was, for a number that names no mode
+        /// @throw Exception, leaving the record as it was, for a number that names no mode
         void setMode(Mode mode);
-        Mode mode() const { return m_mode; }
+        Mode mode() const { return mode_; }
 
         /// File name of the reporter, looked up in the folder of the running executable.
-        void setReporterName(const std::string& reporterName) { m_reporterName = reporterName; }
-        const std::string& reporterName() const { return m_reporterName; }
+        void setReporterName(const std::string& reporterName) { reporterName_ = reporterName; }
+        const std::string& reporterName() const { return reporterName_; }
 
         /// Folder for dumps written in process. Breakpad takes it as it stands, and an empty one
         /// ends the process by Breakpad's own assertion.
-        void setDumpPath(const std::string& dumpPath) { m_dumpPath = dumpPath; }
-        const std::string& dumpPath() const { return m_dumpPath; }
+        void setDumpPath(const std::string& dumpPath) { dumpPath_ = dumpPath; }
+        const std::string& dumpPath() const { return dumpPath_; }
 
         /// Name of the product. Mandatory, although only validate reads it.
-        void setProductName(const std::string& productName) { m_productName = productName; }
-        const std::string& productName() const { return m_productName; }
+        void setProductName(const std::string& productName) { productName_ = productName; }
+        const std::string& productName() const { return productName_; }
 
         /// Passed to the reporter in its environment as ZK_SESSION_ID.
-        void setSessionId(const std::string& sessionId) { m_sessionId = sessionId; }
-        const std::string& sessionId() const { return m_sessionId; }
+        void setSessionId(const std::string& sessionId) { sessionId_ = sessionId; }
+        const std::string& sessionId() const { return sessionId_; }
 
         /// Base::executablePath: not for two threads at once.
-        /// @throws std::logic_error if /proc/self/exe can't be resolved
+        /// @throw std::logic_error if /proc/self/exe can't be resolved
         std::string applicationPath() const;
 
-        /// @throws Exception if there is no product name; nothing else is checked
+        /// @throw Exception if there is no product name; nothing else is checked
         void validate() const;
 
       private:
-        void setDefaultMode() { m_mode = Mode::OutOfProcess; }
+        void setDefaultMode() { mode_ = Mode::OutOfProcess; }
 
-        bool m_enabled = true;
-        bool m_prompt = true;
-        Mode m_mode;
-        std::string m_reporterName;
-        std::string m_dumpPath;
-        std::string m_productName;
-        std::string m_sessionId;
+        bool enabled_ = true;
+        bool prompt_ = true;
+        Mode mode_;
+        std::string reporterName_;
+        std::string dumpPath_;
+        std::string productName_;
+        std::string sessionId_;
     };
 
     /// Arms capture unless the record is disabled. Out of process it forks the reporter with
@@ -108,7 +108,7 @@ class CrashHandler {
     /// The reporter stays a child of this process, never waited for and never signalled. Both ends
     /// of the channel stay open here and in the reporter, and without close-on-exec; descriptors of
     /// a start that failed stay open, so that a late reporter isn't killed by its own write.
-    /// @throws Exception as validate does; std::bad_alloc
+    /// @throw Exception as validate does; std::bad_alloc
     explicit CrashHandler(const Parameters& parameters);
 
     /// Gives the signal handlers back that stood before.
@@ -118,8 +118,8 @@ class CrashHandler {
     CrashHandler& operator=(const CrashHandler&) = delete;
 
   private:
-    [[maybe_unused]] void* m_reserved = nullptr;
-    std::unique_ptr<google_breakpad::ExceptionHandler> m_exceptionHandler;
+    [[maybe_unused]] void* reserved_ = nullptr;
+    std::unique_ptr<google_breakpad::ExceptionHandler> exceptionHandler_;
 };
 
 static_assert(sizeof(CrashHandler) == 2 * sizeof(void*));
