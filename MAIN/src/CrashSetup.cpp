@@ -2,6 +2,8 @@
 
 #include <iostream>
 
+#include "MAIN/src/ConfigurationAndEnvironment.h"
+#include "MAIN/src/MainLog.h"
 #include "crash/src/zkCrashHandler.h"
 
 namespace {
@@ -17,6 +19,13 @@ void armOnce(bool prompt) {
     [[maybe_unused]] static const CrashHandler* const handler = new CrashHandler(parameters);
 }
 
+// A window's user loses work in a crash and is there to be asked; a job's log should stay the
+// job's.
+bool isCaptureWanted(bool isUi) {
+    const std::string wanted = getEnvironmentVariable("TAVREL_CRASH_HANDLING", "");
+    return wanted == "1" || (isUi && wanted != "0");
+}
+
 }  // namespace
 
 bool setupCrashHandler(bool prompt) {
@@ -29,4 +38,19 @@ bool setupCrashHandler(bool prompt) {
         return false;
     }
     return true;
+}
+
+void Launcher::armCrashHandling(bool isUi, std::int32_t verbosity) {
+    if (!isCaptureWanted(isUi)) {
+        if (verbosity > 0) {
+            LOG_INFO("Crash handling is disabled.");
+        }
+        return;
+    }
+    const bool promptRefused = getEnvironmentVariable("TAVREL_NO_CRASH_PROMPT", "") == "1";
+    if (verbosity > 0 && isUi && promptRefused) {
+        LOG_INFO("Crash report prompt is disabled.");
+    }
+    // Why there is no capture was reported.
+    static_cast<void>(setupCrashHandler(isUi && !promptRefused));
 }

@@ -1,30 +1,33 @@
-#include <Python.h>  // first: it settles feature macros of the system's headers
-
 #include "MAIN/src/InterpreterHandOff.h"
 
+#include <Python.h>  // first: it settles feature macros of the system's headers
 #include <ZkConfiguration/Configuration.h>
 #include <marshal.h>
 
-#include <boost/python/errors.hpp>
-#include <cstdio>
+#include <utility>
 
+#include "MAIN/src/ApplicationOutput.h"
+#include "MAIN/src/ApplicationStatus.h"
 #include "MAIN/src/ConfigurationAndEnvironment.h"
+#include "MAIN/src/InterruptDuringStart.h"
 #include "MAIN/src/MainLog.h"
+#include "MAIN/src/StartupTime.h"
 #include "MAIN/src/VendorIdModule.h"
 #include "UTIL/src/PythonReference.h"
 #include "UTIL/src/TavrelBootstrap.h"
 #include "crash/src/pythonStackLog.h"
 
-using Plexum3::ZkConfiguration::v1::Config;
+namespace Launcher {
 
 namespace {
 
+using Plexum3::ZkConfiguration::v1::Config;
+using UTIL::PythonReference;
+
 constexpr wchar_t programName[] = L"tavrel";
-constexpr int unhandledExceptionStatus = -1;
-constexpr int printedObjectStatus = 1;
-constexpr int lostStatus = 255;
 
 void startInterpreter(const std::string& rootPath) {
+    const InterruptDuringStart interrupt;
     Py_SetProgramName(programName);
     RegisterVendorIdModule();
     UTIL::InitPython(rootPath);
@@ -52,62 +55,6 @@ void setInterpreterArguments(int argc, char* const* argv) {
     releaseWideStrings(argc, wide);
 }
 
-void setSysAttribute(const char* name, PythonReference value) {
-    // Fails only for want of memory, which the application's first line would meet as well.
-    static_cast<void>(PySys_SetObject(name, value.get()));
-}
-
-// Of an integer the process can hand on eight bits. What would look like success is made a failure.
-int statusOfInteger(PyObject* value) {
-    constexpr unsigned long statusBits = 0xff;
-    const auto requested = static_cast<unsigned long>(PyLong_AsLong(value));
-    const auto status = static_cast<int>(requested & statusBits);
-    return requested != 0 && status == 0 ? lostStatus : status;
-}
-
-int statusOfExitValue(PyObject* value) {
-    if (PyLong_Check(value)) {
-        return statusOfInteger(value);
-    }
-    if (value == Py_None) {
-        return 0;
-    }
-    // If the object can't be printed, its exception stays pending and is reported by the caller.
-    static_cast<void>(PyObject_Print(value, stderr, Py_PRINT_RAW));
-    std::fputc('\n', stderr);
-    return printedObjectStatus;
-}
-
-// The pending SystemExit is taken as it is: its value may be an instance or still the bare argument
-// of sys.exit.
-int takeSystemExit() {
-    PyObject* type = nullptr;
-    PyObject* value = nullptr;
-    PyObject* traceback = nullptr;
-    PyErr_Fetch(&type, &value, &traceback);
-    const PythonReference typeOwner(type);
-    PythonReference valueOwner(value);
-    const PythonReference tracebackOwner(traceback);
-    if (!typeOwner) {
-        boost::python::throw_error_already_set();
-    }
-    if (valueOwner && PyObject_IsInstance(valueOwner.get(), PyExc_SystemExit) != 0) {
-        valueOwner.reset(PyObject_GetAttrString(valueOwner.get(), "code"));
-    }
-    return valueOwner ? statusOfExitValue(valueOwner.get()) : 0;
-}
-
-int applicationStatus(const PythonReference& module) {
-    if (module) {
-        return 0;
-    }
-    if (PyErr_ExceptionMatches(PyExc_SystemExit) == 0) {
-        PyErr_Print();
-        return unhandledExceptionStatus;
-    }
-    return takeSystemExit();
-}
-
 void startStackLogIfWanted() {
     if (getEnvironmentVariable("TAVREL_PYTHON_STACK_LOG", "") == "1") {
         // Without it the application runs as well.
@@ -123,7 +70,7 @@ PythonReference runEntryScript(const EmbeddedApplication& application) {
     return PythonReference(PyImport_ExecCodeModule("__main__", code));
 }
 
-int runAndTakeStatus(std::int32_t verbosity, const EmbeddedApplication& application) {
+int runToItsEnd(const EmbeddedApplication& application, std::int32_t verbosity) {
     if (verbosity > 1) {
         LOG_INFO("Executing Tavrel Python application...");
     }
@@ -132,26 +79,27 @@ int runAndTakeStatus(std::int32_t verbosity, const EmbeddedApplication& applicat
     if (verbosity > 1) {
         LOG_INFO("Tavrel Python application exited.");
     }
-    const int status = applicationStatus(module);
-    module.reset();
-    if (PyErr_Occurred() != nullptr) {
-        PyErr_Print();
-    }
-    return status;
+    return takeApplicationStatus(std::move(module));
 }
 
 }  // namespace
 
 int runApplication(int argc, char* argv[], const std::string& rootPath, std::int32_t verbosity,
                    const EmbeddedApplication& application) {
+    endStartupPhase("closed libraries and temporary folder");
     startInterpreter(rootPath);
     std::string scriptPath = Config().get("TAVREL_ROOT") + "/bin/python/Main/Main.pyc";
     argv[0] = scriptPath.data();
     setInterpreterArguments(argc, argv);
-    setSysAttribute("tavrel_BUILD_TIME",
-                    PythonReference(PyUnicode_FromString(application.buildTime)));
-    setSysAttribute("tavrel_verbosityLevel", PythonReference(PyLong_FromLong(verbosity)));
-    const int status = runAndTakeStatus(verbosity, application);
+    UTIL::SetSysAttribute("tavrel_BUILD_TIME",
+                          PythonReference(PyUnicode_FromString(application.buildTime)));
+    UTIL::SetSysAttribute("tavrel_verbosityLevel", PythonReference(PyLong_FromLong(verbosity)));
+    endStartupPhase("interpreter");
+    publishStartupPhases();
+    flushOutputAtExit();
+    const int status = runToItsEnd(application, verbosity);
     Py_Finalize();
-    return status;
+    return statusAfterOutput(status);
 }
+
+}  // namespace Launcher

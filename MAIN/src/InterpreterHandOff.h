@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <string>
 
+namespace Launcher {
+
 /// What the executable carries for the interpreter.
 struct EmbeddedApplication {
     const unsigned char* code;  ///< code object, marshalled by the same version of the interpreter
@@ -20,6 +22,9 @@ struct EmbeddedApplication {
 /// @param argv the process's own argument array; its element 0 is replaced and must not be read
 ///        after the return
 /// @param rootPath install root, see UTIL::InitPython
-/// @return exit status of the process: 0 to 255, or -1 for an exception other than SystemExit
+/// @return exit status of the process: 0 to 255, or -1 for an exception other than SystemExit; 255
+///         in place of 0 for a batch or a script whose standard output could not be written
 int runApplication(int argc, char* argv[], const std::string& rootPath, std::int32_t verbosity,
                    const EmbeddedApplication& application);
+
+}  // namespace Launcher

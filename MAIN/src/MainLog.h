@@ -16,7 +16,7 @@ const ZkLoggingHost::ZkLoggerGlue& mainLogger();
 /// Source unit under which every line of the launcher is filed.
 constexpr char mainLogSource[] = "MAIN/src/tavrel";
 
-// Macros, because only they know the line of the statement. `text` is what follows `stream <<`.
+/// Macros, because only they know the line of the statement. `text` is what follows `stream <<`.
 #define LOG_AT(level, text)                                                          \
     do {                                                                             \
         if (mainLogger().level##Enabled()) {                                         \

@@ -1,7 +1,8 @@
 #include "MAIN/src/ScopedExitHandlers.h"
 
-#include <algorithm>
 #include <boost/thread/lock_guard.hpp>
+
+#include <algorithm>
 #include <functional>
 
 namespace {
@@ -39,38 +40,38 @@ ScopedExitHandlers* ScopedExitHandlers::instance() {
 }
 
 ScopedExitHandlers::SlotId ScopedExitHandlers::add(Handler handler, void* argument) {
-    const boost::lock_guard<boost::mutex> lock(m_mutex);
+    const boost::lock_guard<boost::mutex> lock(mutex_);
     const auto takeFreeSlot = [this] {
-        while (!m_freeSlots.empty()) {
-            const SlotId slot = m_freeSlots.back();
-            m_freeSlots.pop_back();
-            if (m_entries[slot].isEmpty()) {
+        while (!freeSlots_.empty()) {
+            const SlotId slot = freeSlots_.back();
+            freeSlots_.pop_back();
+            if (entries_[slot].isEmpty()) {
                 return slot;
             }
         }
-        m_entries.emplace_back();
-        return static_cast<SlotId>(m_entries.size() - 1);
+        entries_.emplace_back();
+        return static_cast<SlotId>(entries_.size() - 1);
     };
     const SlotId slot = takeFreeSlot();
-    m_entries[slot] = Entry{m_nextSequence++, handler, argument};
+    entries_[slot] = Entry{nextSequence_++, handler, argument};
     return slot;
 }
 
 void ScopedExitHandlers::remove(SlotId slot) {
-    const boost::lock_guard<boost::mutex> lock(m_mutex);
-    if (slot >= m_entries.size() || m_entries[slot].isEmpty()) {
+    const boost::lock_guard<boost::mutex> lock(mutex_);
+    if (slot >= entries_.size() || entries_[slot].isEmpty()) {
         return;
     }
-    m_freeSlots.push_back(slot);
-    m_entries[slot] = Entry();
+    freeSlots_.push_back(slot);
+    entries_[slot] = Entry();
 }
 
 void ScopedExitHandlers::runAll() {
     std::vector<Entry> entries;
     {
-        const boost::lock_guard<boost::mutex> lock(m_mutex);
-        entries.assign(m_entries.size(), Entry());
-        entries.swap(m_entries);
+        const boost::lock_guard<boost::mutex> lock(mutex_);
+        entries.assign(entries_.size(), Entry());
+        entries.swap(entries_);
     }
     std::vector<SlotId> vacated;
     for (std::size_t slot = 0; slot < entries.size(); ++slot) {
@@ -84,6 +85,6 @@ void ScopedExitHandlers::runAll() {
             entry.handler(entry.argument);
         }
     }
-    const boost::lock_guard<boost::mutex> lock(m_mutex);
-    m_freeSlots.insert(m_freeSlots.end(), vacated.begin(), vacated.end());
+    const boost::lock_guard<boost::mutex> lock(mutex_);
+    freeSlots_.insert(freeSlots_.end(), vacated.begin(), vacated.end());
 }

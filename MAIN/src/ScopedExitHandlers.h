@@ -1,6 +1,7 @@
 #pragma once
 
 #include <boost/thread/mutex.hpp>
+
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -56,8 +57,8 @@ class ScopedExitHandlers {
         static bool runsBefore(const Entry& left, const Entry& right);
     };
 
-    std::vector<Entry> m_entries;
-    std::vector<SlotId> m_freeSlots;  // a stack
-    std::uint64_t m_nextSequence = 0;
-    boost::mutex m_mutex;  // guards all of the above
+    std::vector<Entry> entries_;
+    std::vector<SlotId> freeSlots_;  ///< a stack
+    std::uint64_t nextSequence_ = 0;
+    boost::mutex mutex_;  ///< guards all of the above
 };

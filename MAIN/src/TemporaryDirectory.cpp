@@ -1,17 +1,18 @@
 #include "MAIN/src/TemporaryDirectory.h"
 
 #include <ZkConfiguration/Configuration.h>
-#include <unistd.h>
-
 #include <boost/filesystem/operations.hpp>
 #include <boost/filesystem/path.hpp>
 #include <boost/system/error_code.hpp>
+#include <unistd.h>
 
 #include "MAIN/src/ConfigurationAndEnvironment.h"
 
-using Plexum3::ZkConfiguration::v1::Config;
+namespace Launcher {
 
 namespace {
+
+using Plexum3::ZkConfiguration::v1::Config;
 
 constexpr char directoryKey[] = "TAVREL_TMPDIR";
 constexpr char baseFolderKey[] = "TMPDIR";
@@ -27,42 +28,33 @@ std::string takeUsersDirectory() {
     return absolute.string();
 }
 
-bool findBaseFolder(boost::filesystem::path& folder) {
+std::optional<boost::filesystem::path> findBaseFolder() {
     if (Config().has(baseFolderKey)) {
-        folder = Config().get(baseFolderKey);
-        return true;
+        return Config().get(baseFolderKey);
     }
     boost::system::error_code error;
-    folder = boost::filesystem::temp_directory_path(error);
+    const boost::filesystem::path folder = boost::filesystem::temp_directory_path(error);
     if (error) {
-        return false;
+        return std::nullopt;
     }
     Config().set(baseFolderKey, folder.string());
-    return true;
+    return folder;
 }
 
 }  // namespace
 
-bool chooseTemporaryDirectory(std::string& path) {
+std::optional<std::string> chooseTemporaryDirectory() {
     if (Config().has(directoryKey)) {
-        path = takeUsersDirectory();
-        return true;
+        return takeUsersDirectory();
     }
-    boost::filesystem::path directory;
-    if (!findBaseFolder(directory)) {
-        return false;
+    const std::optional<boost::filesystem::path> folder = findBaseFolder();
+    if (!folder) {
+        return std::nullopt;
     }
-    directory /= "tavrel_tmpdir_" + std::to_string(getpid());
-    path = directory.string();
-    setConfigurationAndEnvironment(directoryKey, path);
-    return true;
+    const boost::filesystem::path directory =
+        *folder / ("tavrel_tmpdir_" + std::to_string(getpid()));
+    setConfigurationAndEnvironment(directoryKey, directory.string());
+    return directory.string();
 }
 
-bool keepsTemporaryDirectory() {
-    return getEnvironmentVariable("TAVREL_KEEP_TMPDIR", "0") != "0";
-}
-
-std::vector<std::string> cleanupCommand(const std::string& rootPath,
-                                        const std::string& temporaryDirectory) {
-    return {rootPath + "/bin/tavrelCleanup", std::to_string(getpid()), temporaryDirectory};
-}
+}  // namespace Launcher

@@ -2,12 +2,11 @@
 
 #include <Python.h>
 
-#include <array>
 #include <cstdint>
 
-// The interpreter's built-in module "vendorid": a version text and a capsule, _C_API, with a
-// pointer to GetVendorId. Native code that is linked against neither the launcher nor this header
-// reaches the function through the capsule.
+/// The interpreter's built-in module "vendorid": a version text and a capsule, _C_API, with a
+/// pointer to GetVendorId. Native code that is linked against neither the launcher nor this header
+/// reaches the function through the capsule.
 
 /// Makes the module known to the interpreter that is started next. Call it once, on the main
 /// thread, before Py_Initialize; after it the call has no effect.
@@ -23,10 +22,3 @@ extern "C" PyObject* PyInit_vendorid();
 /// memory both are null. *length is 32 either way: test the pointer. Any thread that holds the
 /// interpreter lock may call it.
 extern "C" unsigned char* GetVendorId(unsigned char** buffer, std::int32_t* length);
-
-using VendorIdBlock = std::array<unsigned char, 32>;
-
-/// One pass of the cipher over a block, enciphering and deciphering alike. It is RC4 with two
-/// changes that make it another cipher: the key schedule doubles its second index at each step, and
-/// the keystream goes on with that index instead of starting it at 0. Any thread; it can't fail.
-void RunVendorIdCipherPass(VendorIdBlock& block, const VendorIdBlock& key);

@@ -1,116 +1,60 @@
 #include <ZkConfiguration/Configuration.h>
 #include <ZkPlexum3/ZkPlexum3.h>
 
-#include <boost/system/system_error.hpp>
 #include <cstdio>
 #include <iostream>
 
 #include "MAIN/src/BuildTime.h"
+#include "MAIN/src/CleanupStart.h"
 #include "MAIN/src/CommandLine.h"
 #include "MAIN/src/ConfigurationAndEnvironment.h"
+#include "MAIN/src/ConfigurationDefaults.h"
 #include "MAIN/src/CrashSetup.h"
 #include "MAIN/src/EntryScript.h"
 #include "MAIN/src/InterpreterHandOff.h"
 #include "MAIN/src/MainLog.h"
+#include "MAIN/src/Profiling.h"
 #include "MAIN/src/ScopedExitHandlers.h"
+#include "MAIN/src/StartupTime.h"
 #include "MAIN/src/TemporaryDirectory.h"
 #include "UTIL/src/OpenGLBootstrap.h"
 #include "UTIL/src/TavrelBootstrap.h"
-#include "process/Subprocess.h"
+#include "process/StandardStreams.h"
 
-using Plexum3::Base::Subprocess;
+using namespace Launcher;
 using Plexum3::ZkConfiguration::v1::Config;
 
 namespace {
 
 constexpr char versionText[] = TAVREL_VERSION_TEXT;
-constexpr char enabled[] = "1";
 constexpr int reserved = 0;
 
-// A user who pipes the output sees each line when it is written.
-void makeOutputLineBuffered() {
+// A file that is opened later must not get the number of a stream that was closed. A user who pipes
+// the output sees each line when it is written.
+void prepareStandardStreams() {
+    Plexum3::Base::openClosedStandardStreams();
     static_cast<void>(std::setvbuf(stdout, nullptr, _IOLBF, 0));
     static_cast<void>(std::setvbuf(stderr, nullptr, _IOLBF, 0));
 }
 
-void setDefault(const std::string& key, const std::string& value) {
-    if (!Config().has(key)) {
-        setConfigurationAndEnvironment(key, value);
-    }
-}
-
-void setConfigurationDefaults(const std::string& rootPath) {
-    Config().set("TAVREL_ROOT", rootPath);
-    setDefault("ZKLOGGING_CONFIG", rootPath + "/bin/log.conf");
-    setDefault("SHOW", "default_show");
-    setDefault("SHOT", "default_shot");
-    if (Config().get("TAVREL_USD_PLUGINS_DISABLED") != enabled) {
-        UTIL::InitUsdPaths();
-    }
-    Config().set("GRPC_DNS_RESOLVER", "native");
-}
-
-// A window's user loses work in a crash and is there to be asked; a job's log should stay the
-// job's.
-void armCrashHandling(bool isUi, std::int32_t verbosity) {
-    const std::string wanted = getEnvironmentVariable("TAVREL_CRASH_HANDLING", "");
-    if (wanted != enabled && (!isUi || wanted == "0")) {
-        if (verbosity > 0) {
-            LOG_INFO("Crash handling is disabled.");
-        }
-        return;
-    }
-    const bool promptRefused = getEnvironmentVariable("TAVREL_NO_CRASH_PROMPT", "") == enabled;
-    if (verbosity > 0 && isUi && promptRefused) {
-        LOG_INFO("Crash report prompt is disabled.");
-    }
-    // A launcher without crash capture starts all the same; why it has none was reported.
-    static_cast<void>(setupCrashHandler(isUi && !promptRefused));
-}
-
 void checkOpenGL() {
+    // A display that accepts and never answers holds the start up here.
+    LOG_DEBUG("Asking the display \"" << getEnvironmentVariable("DISPLAY", "")
+                                      << "\" for an OpenGL context...");
     std::string reason;
-    if (!UTIL::OpenGL::Bootstrap(&reason)) {
+    if (UTIL::OpenGL::Bootstrap(&reason)) {
+        reason = "a context can be made";
+    } else {
         LOG_ERROR("Failed to initialise OpenGL: " << reason);
     }
+    Config().set("TAVREL_OPENGL_PROBE", reason);
+    endStartupPhase("OpenGL probe");
 }
 
-void requestProfiling(bool runIsProfiled) {
-    LOG_INFO("Running profiling...");
-    Config().set("PLEXUM_PROFILING_MODE", enabled);
-    if (runIsProfiled) {
-        Config().set("PLEXUM_PROFILING_RUN", enabled);
+void logEnvironment(std::int32_t verbosity) {
+    if (verbosity <= 1) {
+        return;
     }
-}
-
-// Before the directory exists: whatever becomes of this process, somebody is there to clean up.
-bool startCleanup(const std::string& rootPath, const std::string& temporaryDirectory,
-                  std::int32_t verbosity) {
-    const std::vector<std::string> command = cleanupCommand(rootPath, temporaryDirectory);
-    if (verbosity > 1) {
-        LOG_INFO("Spawning daemonized process \"" << command[0]
-                                                  << "\" to clean up TAVREL_TMPDIR on shutdown...");
-    }
-    try {
-        Subprocess::spawnDaemonized(command);
-    } catch (const boost::system::system_error& error) {
-        LOG_ERROR("Failed to spawn daemonized process \""
-                  << command[0] << "\" to clean up TAVREL_TMPDIR on shutdown: " << error.what());
-        return false;
-    }
-    return true;
-}
-
-bool provideTemporaryDirectory(const std::string& rootPath, std::int32_t verbosity) {
-    std::string temporaryDirectory;
-    if (!chooseTemporaryDirectory(temporaryDirectory)) {
-        LOG_ERROR("Unable to locate temporary directory");
-        return false;
-    }
-    return keepsTemporaryDirectory() || startCleanup(rootPath, temporaryDirectory, verbosity);
-}
-
-void logEnvironment() {
     constexpr const char* loggedVariables[] = {"ZKLOGGING_CONFIG", "SHOW", "SHOT",
                                                "DEFAULT_RENDERER", "TAVREL_TMPDIR"};
     LOG_INFO("Environment variables:");
@@ -123,7 +67,8 @@ void logEnvironment() {
 
 int main(int argc, char* argv[]) {
     ScopedExitHandlers exitHandlers;
-    makeOutputLineBuffered();
+    endStartupPhase("loading the program");
+    prepareStandardStreams();
 
     const std::string rootPath = UTIL::GetInstallRoot();
     if (rootPath.empty()) {
@@ -141,45 +86,42 @@ int main(int argc, char* argv[]) {
     exitHandlers.add(ZkPlexum3Uninitialize, nullptr);
     setConfigurationDefaults(rootPath);
 
-    std::int32_t verbosity = 1;
-    bool profile = false;
-    bool forceProfile = false;
-    std::string profilingDir;
-    boost::program_options::variables_map options;
-    const auto launcherOptions =
-        describeLauncherOptions(verbosity, profile, forceProfile, profilingDir);
-    if (!parseCommandLine(argc, argv, launcherOptions, options)) {
+    LauncherValues values;
+    const auto launcherOptions = describeLauncherOptions(values);
+    const auto options = parseCommandLine(argc, argv, launcherOptions);
+    if (!options) {
         return 1;
     }
-    const bool isUi = isUiMode(options);
-    if (verbosity > 0) {
-        LOG_INFO("Launching Tavrel " << versionText << launchLineEnding(options));
+    const bool isUi = isUiMode(*options);
+    if (values.verbosity > 0) {
+        LOG_INFO("Launching Tavrel " << versionText << launchLineEnding(*options));
     }
+    endStartupPhase("configuration and command line");
 
-    armCrashHandling(isUi, verbosity);
-    if (isUi && options.count("help") == 0) {
+    armCrashHandling(isUi, values.verbosity);
+    endStartupPhase("crash capture");
+    if (isUi && options->count("help") == 0) {
         checkOpenGL();
     }
-    if (profile || forceProfile) {
-        requestProfiling(/*runIsProfiled=*/options.count("batch") != 0 || forceProfile);
-    }
-    if (!profilingDir.empty()) {
-        Config().set("PLEXUM_PROFILING_DIR", profilingDir);
-    }
+    requestProfiling(values, /*isBatch=*/options->count("batch") != 0);
     if (!isUi) {
-        Config().set("RUNTIME_USE_SYNC", enabled);
+        Config().set("RUNTIME_USE_SYNC", "1");
     }
-
     if (ZkPlexum3Initialize(reserved) != 0) {
         LOG_ERROR("Unable to initialize Plexum3");
         return 1;
     }
-    if (!provideTemporaryDirectory(rootPath, verbosity)) {
+
+    const auto temporaryDirectory = chooseTemporaryDirectory();
+    if (!temporaryDirectory) {
+        LOG_ERROR("Unable to locate temporary directory");
         return 1;
     }
-    if (verbosity > 1) {
-        logEnvironment();
+    if (!keepsTemporaryDirectory() &&
+        !startCleanup(rootPath, *temporaryDirectory, values.verbosity)) {
+        return 1;
     }
-    return runApplication(argc, argv, rootPath, verbosity,
+    logEnvironment(values.verbosity);
+    return runApplication(argc, argv, rootPath, values.verbosity,
                           {entryScript, entryScriptLength, buildTime});
 }

@@ -2,8 +2,8 @@
 
 #include <GL/glx.h>
 #include <X11/Xlib.h>
-
 #include <boost/function.hpp>
+
 #include <utility>
 
 namespace {

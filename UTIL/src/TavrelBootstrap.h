@@ -1,6 +1,7 @@
 #pragma once
 
 #include <boost/chrono/duration.hpp>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -19,6 +20,9 @@
 ///
 /// Each Init... and Start... runs once in a process: later calls return at once. One that was left
 /// by an exception may be called again. A second caller on another thread waits for the first.
+///
+/// This is the whole public face; behind it each subject has a source file: InstallRoot,
+/// PathEncoding, ControllingProcess, UsdPaths, PythonStart.
 namespace UTIL {
 
 /// The install root: the folder above the one that holds the executable, whatever their names. Read
@@ -49,7 +53,8 @@ void StartControllingProcessWatchdog();
 
 /// Body of the watching thread: returns when watching has become impossible, and ends this process
 /// with _exit(1) when the watched one is gone, a zombie, or another process under the same PID.
-/// Checks at once and then every 500 ms.
+/// Checks at once and then every 500 ms. Says why on standard error, in lines that are dropped
+/// where a pipe has no room for them: the end waits for no reader.
 /// @param expectedCreationTime since boot, as Plexum3::Base::getProcessCreationTime gives it
 /// @param variableName, variableValue where the identity came from, for the messages; must stay
 ///        valid for as long as the process lives

@@ -1,0 +1,103 @@
+#include "MAIN/src/ApplicationOutput.h"
+
+#include <Python.h>  // first: it settles feature macros of the system's headers
+#include <ZkConfiguration/Configuration.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <string>
+
+#include "UTIL/src/PythonReference.h"
+
+namespace Launcher {
+
+namespace {
+
+using Plexum3::ZkConfiguration::v1::Config;
+using UTIL::PythonReference;
+
+constexpr int lostOutputStatus = 255;
+
+constexpr int unknownError = -1;
+
+int flushError = 0;  // errno's value, or unknownError
+
+// What the pending OSError tells; 0 for any other exception, such as a closed stream's.
+int takeErrorNumber() {
+    PyObject* type = nullptr;
+    PyObject* value = nullptr;
+    PyObject* traceback = nullptr;
+    PyErr_Fetch(&type, &value, &traceback);
+    PyErr_NormalizeException(&type, &value, &traceback);
+    const PythonReference owners[] = {PythonReference(type), PythonReference(value),
+                                      PythonReference(traceback)};
+    if (value == nullptr || PyObject_IsInstance(value, PyExc_OSError) != 1) {
+        return 0;
+    }
+    const PythonReference number(PyObject_GetAttrString(value, "errno"));
+    const long error = number ? PyLong_AsLong(number.get()) : -1;
+    PyErr_Clear();
+    return error > 0 ? static_cast<int>(error) : unknownError;
+}
+
+void flushStream(const char* name) {
+    PyObject* const stream = PySys_GetObject(name);  // borrowed
+    Py_XINCREF(stream);
+    const PythonReference owner(stream);
+    if (stream == nullptr || stream == Py_None) {
+        return;
+    }
+    if (const PythonReference flushed(PyObject_CallMethod(stream, "flush", nullptr)); flushed) {
+        return;
+    }
+    if (const int error = takeErrorNumber(); error != 0) {
+        flushError = error;
+        // The interpreter would try again and report it a second time. The descriptor stays open.
+        const PythonReference closed(PyObject_CallMethod(stream, "close", nullptr));
+        PyErr_Clear();
+    }
+}
+
+bool isOutputTheResult() {
+    return Config().get("TAVREL_BATCH_MODE") == "1" || Config().get("TAVREL_SCRIPT_MODE") == "1";
+}
+
+PyObject* flushOutput(PyObject* /*module*/, PyObject* /*arguments*/) {
+    flushStream("stdout");
+    flushStream("__stdout__");
+    Py_RETURN_NONE;
+}
+
+PyMethodDef flushOutputMethod = {"flushOutput", flushOutput, METH_NOARGS, nullptr};
+
+}  // namespace
+
+void flushOutputAtExit() {
+    const PythonReference atexit(PyImport_ImportModule("atexit"));
+    const PythonReference function(PyCFunction_New(&flushOutputMethod, nullptr));
+    if (atexit && function) {
+        const PythonReference registered(
+            PyObject_CallMethod(atexit.get(), "register", "O", function.get()));
+    }
+    // Fails only for want of memory, which the application's first line would meet as well.
+    PyErr_Clear();
+}
+
+int statusAfterOutput(int status) {
+    if (std::fflush(stdout) != 0) {
+        flushError = errno;
+    }
+    if (flushError == 0 && std::ferror(stdout) != 0) {
+        flushError = unknownError;  // the code that wrote has known it
+    }
+    if (flushError == 0) {
+        return status;
+    }
+    const std::string reason = flushError > 0 ? std::string(": ") + std::strerror(flushError) : "";
+    std::cerr << "tavrel: standard output could not be written" + reason + '\n';
+    return status == 0 && isOutputTheResult() ? lostOutputStatus : status;
+}
+
+}  // namespace Launcher
