@@ -130,19 +130,16 @@ def initDefaultRenderer():
         reason = ('Specified Default Renderer "{}" is not the name of a registered renderer '
                   'plug-in.'.format(configured))
 
-    fallback = None
-    if names:
-        if "dl" in names:
-            fallback = "dl"
-            log.log(level, '%s Using: "%s".', reason, fallback)
-        else:
-            fallback = names[0]
-            log.log(level, '%s Using the first available plug-in found: "%s".', reason, fallback)
-
-    if fallback is not None:
-        Configuration.set(key, fallback)
+    if names and "dl" in names:
+        fallback = "dl"
+        log.log(level, '%s Using: "%s".', reason, fallback)
+    elif names:
+        fallback = names[0]
+        log.log(level, '%s Using the first available plug-in found: "%s".', reason, fallback)
     else:
-        Configuration.set(key, "")
+        fallback = ""
+    Configuration.set(key, fallback)
+    if not names:
         log.warning("There are no valid Renderer plug-ins available.")
 
 
@@ -256,28 +253,35 @@ def setRunMode(ownKey):
             Configuration.set(key, "")
 
 
+def takeInterrupts():
+    """Has Ctrl-C reach Python from here on; until now it has ended the process by the signal."""
+    import _signal
+
+    handler = _signal.getsignal(_signal.SIGINT)
+    if handler is not None:
+        _signal.signal(_signal.SIGINT, handler)
+
+
 def runMode(options, args):
     # A mode's module is imported only when its mode is chosen: a batch run never loads the UI.
     if options.get("batch"):
         setRunMode("TAVREL_BATCH_MODE")
         initNoQt(options)
-        import MainBatch
-        MainBatch.Main(options, args)
+        import MainBatch as mode
     elif options.get("script") is not None:
         setRunMode("TAVREL_SCRIPT_MODE")
         initWithQt(options)
-        import MainScript
-        MainScript.Main(options, args)
+        import MainScript as mode
     elif options.get("shell"):
         setRunMode("TAVREL_SHELL_MODE")
         initWithQt(options)
-        import MainShell
-        MainShell.Main(options, args)
+        import MainShell as mode
     else:
         setRunMode("TAVREL_UI_MODE")
         initWithQt(options)
-        import MainUI
-        MainUI.Main(options, args)
+        import MainUI as mode
+    takeInterrupts()
+    mode.Main(options, args)
 
 
 def cleanUp():
