@@ -6,6 +6,10 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 scripts/setup.sh
 scripts/build.sh release
+names=$(cut -f 1 build/release/benchmarks/commands | xargs)
+for name in "$@"; do
+  [[ " $names " == *" $name "* ]] || { echo "bench: there is no benchmark '$name', only $names" >&2; exit 2; }
+done
 cmake --build build/release --target benchmarks >&2
 
 scratch=$(mktemp -d)

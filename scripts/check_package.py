@@ -1,14 +1,17 @@
 """Checks a folder that a package was unpacked into, or that `cmake --install` filled:
 
-    check_package.py [--depends LIST] [--build-place PATH]... [--home PATH] FOLDER
+    check_package.py --build FOLDER [--depends LIST] [--build-place PATH]... [--home PATH] FOLDER
 
-Each fault is one line on standard error; the exit status is 1 if there is one. LIST is a Depends
-field; without it, a needed library may come from any Debian package. The files of FOLDER must not
-name a PATH of --build-place, and those made by this project not the --home of who built it either:
-the interpreter was built elsewhere, and its library carries the prefix of that place, unused.
+Each fault is one line on standard error; the exit status is 1 if there is one. The build folder tells
+which objects there have to be and how they were compiled. LIST is a Depends field; without it, a
+needed library may come from any Debian package. The files of FOLDER must not name a PATH of
+--build-place, and those made by this project not the --home of who built it either: the interpreter
+was built elsewhere, and its library carries the prefix of that place, unused.
 """
 
 import argparse
+import hashlib
+import json
 import os
 import re
 import stat
@@ -16,17 +19,25 @@ import struct
 import subprocess
 import sys
 
-PROGRAMS = ("bin/tavrel", "bin/tavrelCleanup", "bin/CrashReporterTavrel",
-            "bin/python3.7/bin/python3.7")
+INTERPRETER = "bin/python3.7/bin/python3.7"
 WORDS = ("man/man1/tavrel.1", "man/man8/tavrelCleanup.8", "man/man8/CrashReporterTavrel.8",
-         "bash-completion/completions/tavrel")
+         "man/man8/tavrelFrames.8", "man/man1/tavrelStack.1",
+         "bash-completion/completions/tavrel", "bash-completion/completions/tavrelStack",
+         "zsh/vendor-completions/_tavrel", "fish/vendor_completions.d/tavrel.fish",
+         "doc/tavrel/THIRD-PARTY.md")
+# What the text of every compilation of shipped code has to hold.
+HARDENING = ("-fstack-protector-strong", "-fstack-clash-protection", "-fcf-protection",
+             "-D_FORTIFY_SOURCE=2")
+ENDBR64 = b"\xf3\x0f\x1e\xfa"  # where -fcf-protection lets an indirect call land
+UNLISTED = ("MANIFEST", "bin/log.conf")  # log.conf is there to be edited
 UNCHECKED_HASH = 1  # flags word of byte code that is never compared with its source
 
 
 class Package:
-    """The files of one unpacked package; paths are relative to its folder."""
+    """The files of one unpacked package; paths are relative to its folder, those of OBJECTS, as
+    (type of the target, path), to the tree."""
 
-    def __init__(self, folder):
+    def __init__(self, folder, objects):
         self.folder = folder
         self.tree = "opt/tavrel/" if os.path.isdir(os.path.join(folder, "opt/tavrel")) else ""
         self.share = "usr/share/" if self.tree else "share/"
@@ -39,9 +50,15 @@ class Package:
                 kind.append(path)
         elves = [path for path in self.files if self.read(path, 4) == b"\x7fELF"]
         # Object to the names in its dynamic section, as (tag, name).
+        self.dynamic = dict(zip(elves, self.readelf("-dW", elves)))
         self.objects = {path: re.findall(r"\((NEEDED|RPATH|RUNPATH)\).*?\[(.*)\]", text)
-                        for path, text in zip(elves, self.readelf("-dW", elves))}
+                        for path, text in self.dynamic.items()}
         self.sections = dict(zip(elves, self.readelf("-SW", elves)))
+        self.segments = dict(zip(elves, self.readelf("-lW", elves)))
+        self.own = [self.tree + path for _, path in objects]
+        self.programs = [self.tree + path for kind, path in objects if kind == "EXECUTABLE"]
+        present = [path for path in self.own if path in elves]
+        self.symbols = dict(zip(present, self.readelf("-sW", present)))
 
     def at(self, path):
         return os.path.join(self.folder, path)
@@ -81,7 +98,7 @@ def folder_of_entry(path, entry):
 
 
 def missing_files(package):
-    wanted = [package.tree + name for name in PROGRAMS]
+    wanted = package.own + [package.tree + INTERPRETER]
     wanted += [package.share + name for name in WORDS]
     for name in wanted:
         if name not in package.files and name + ".gz" not in package.files:
@@ -115,8 +132,8 @@ def debian_packages_of(libraries):
 
 def unmet_needs(package, depends):
     """A library without a run path is found by that of the program that loads it."""
-    programs = [path for path in package.objects if path[len(package.tree):] in PROGRAMS]
-    shared = {folder_of_entry(path, entry) for path in programs
+    programs = package.programs + [package.tree + INTERPRETER]
+    shared = {folder_of_entry(path, entry) for path in programs if path in package.objects
               for entry in run_path_entries(package, path) if entry.startswith("$ORIGIN")}
     declared = depends and {re.match(r"[a-z0-9.+-]+", alternative.strip()).group()
                             for alternative in re.split(r"[,|]", depends)}
@@ -156,8 +173,7 @@ def bad_modes(package):
         allowed = (0o755,) if path in package.folders else (0o644, 0o755)
         if mode not in allowed:
             yield "%s has mode %04o" % (path, mode)
-    for path in PROGRAMS:
-        path = package.tree + path
+    for path in package.programs + [package.tree + INTERPRETER]:
         if path in package.files and not os.access(package.at(path), os.X_OK):
             yield "%s is not executable" % path
     for path in package.links:
@@ -167,6 +183,68 @@ def bad_modes(package):
         if target.startswith("/") and not is_packaged or (
                 not target.startswith("/") and not os.path.exists(package.at(path))):
             yield "%s is a link to %s, which is not in the package" % (path, target)
+
+
+def unhardened_objects(package):
+    """What the linker and the compiler were to see to, as far as an object shows it."""
+    for path, segments in package.segments.items():
+        if not re.search(r"GNU_STACK .* RW +0x", segments):
+            yield "%s: its stack may be executed" % path
+        if "GNU_RELRO" not in segments:
+            yield "%s: nothing of it is read-only after relocation" % path
+        if not re.search(r"BIND_NOW|Flags:.*NOW", package.dynamic[path]):
+            yield "%s: its symbols are bound late" % path
+        if "TEXTREL" in package.dynamic[path]:
+            yield "%s: its code is written to by the loader" % path
+        if not re.search(r"Elf file type is DYN", segments):
+            yield "%s: loaded at a fixed address" % path
+    for path, symbols in package.symbols.items():
+        if path in package.programs and "__stack_chk_fail" not in symbols:
+            yield "%s: no function guards its stack" % path
+        for name in functions_without_landing(package, path):
+            yield "%s: %s() does not begin with endbr64" % (path, name)
+
+
+def functions_without_landing(package, path):
+    """main, and what an object offers to others."""
+    found = re.search(r" \.text +PROGBITS +(\w+) (\w+)", package.sections[path])
+    address, offset = (int(word, 16) for word in found.groups())
+    content = package.read(path)
+    dynamic = package.symbols[path].split("Symbol table '.symtab'")[0]
+    places = re.findall(r"(\w+) +\d+ FUNC +GLOBAL DEFAULT +\d+ (\S+)$", dynamic, re.MULTILINE)
+    if path in package.programs:
+        places = re.findall(r"(\w+) +\d+ FUNC +GLOBAL DEFAULT +\d+ (main)$", package.symbols[path],
+                            re.MULTILINE)
+    for value, name in places:
+        start = int(value, 16) - address + offset
+        if content[start:start + len(ENDBR64)] != ENDBR64:
+            yield name.split("@")[0]
+
+
+def unhardened_units(commands):
+    """COMMANDS: what compile_commands.json holds. Tests and benchmarks are not shipped."""
+    for command in commands:
+        if not re.search(r" -o (tests|benchmarks)/", command["command"]):
+            for flag in HARDENING:
+                if flag not in command["command"].split():
+                    yield "%s is compiled without %s" % (command["file"], flag)
+
+
+def unlisted_files(package):
+    """MANIFEST names every file of the tree with its hash, and nothing else."""
+    if package.tree + "MANIFEST" not in package.files:
+        yield "%sMANIFEST is missing" % package.tree
+        return
+    listed = {}
+    for line in package.read(package.tree + "MANIFEST").decode().splitlines():
+        listed[package.tree + line[66:]] = line[:64]
+    there = {path for path in package.files + package.links
+             if path.startswith(package.tree) and not path.startswith("share/")}
+    for path in sorted(there ^ set(listed) ^ {package.tree + name for name in UNLISTED}):
+        yield "%s is %s" % (path, "in MANIFEST alone" if path in listed else "not in MANIFEST")
+    for path in sorted(there & set(listed)):
+        if hashlib.sha256(package.read(path)).hexdigest() != listed[path]:
+            yield "%s is not what MANIFEST tells" % path
 
 
 def uncompiled_modules(package):
@@ -190,17 +268,31 @@ def faults(package, depends=None, places=(), home=None):
     yield from traces_of_the_build(package, list(places), home)
     yield from bad_modes(package)
     yield from uncompiled_modules(package)
+    yield from unhardened_objects(package)
+    yield from unlisted_files(package)
+
+
+def built_objects(build):
+    with open(os.path.join(build, "tree-objects")) as lines:
+        return [tuple(line.split()) for line in lines]
+
+
+def compile_commands(build):
+    with open(os.path.join(build, "compile_commands.json")) as file:
+        return json.load(file)
 
 
 def main():
     parser = argparse.ArgumentParser()
+    parser.add_argument("--build", required=True)
     parser.add_argument("--depends")
     parser.add_argument("--build-place", action="append", default=[])
     parser.add_argument("--home")
     parser.add_argument("folder")
     arguments = parser.parse_args()
-    package = Package(arguments.folder)
+    package = Package(arguments.folder, built_objects(arguments.build))
     found = list(faults(package, arguments.depends, arguments.build_place, arguments.home))
+    found += unhardened_units(compile_commands(arguments.build))
     for fault in found:
         print("package: " + fault, file=sys.stderr)
     if not found:

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Checks layout (clang-format), shell scripts (shellcheck), Python (flake8) and code (clang-tidy),
-# each to its end. With --fix it writes the layout instead of checking it.
+# Checks layout (clang-format), shell scripts (shellcheck), Python (flake8), includes and sizes
+# (check_structure.py), pages against sources (check_pages.py) and code (clang-tidy), each to its end.
+# With --fix it writes the layout instead of checking it.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 for tool in clang-format clang-tidy shellcheck flake8; do
@@ -21,6 +22,8 @@ failed=()
 clang-format --dry-run --Werror "${sources[@]}" || failed+=(clang-format)
 shellcheck "${shell[@]}" || failed+=(shellcheck)
 flake8 "${python[@]}" || failed+=(flake8)
+scripts/check_structure.py || failed+=(check_structure.py)
+scripts/check_pages.py || failed+=(check_pages.py)
 
 # Generated files must exist before a compiler front end can read what includes them; what the
 # release build leaves out has no compile command to be read with.

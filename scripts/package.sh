@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Makes the TGZ and the DEB in build/package and checks them: what they hold, that a second build in
-# another folder gives the same bytes, and that they run in a minimal Debian. Times in the packages
-# are SOURCE_DATE_EPOCH, the last commit's unless it is set.
+# Makes the TGZ, the DEB and an image of the tree in build/package and checks them: what they hold,
+# that a second build in another folder gives the same bytes, and that they run in a minimal Debian.
+# Times in the packages are SOURCE_DATE_EPOCH, the last commit's unless it is set.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 say() { printf 'package: %s\n' "$*" >&2; }
@@ -13,9 +13,12 @@ if [ -z "${SOURCE_DATE_EPOCH:-}" ]; then
 fi
 export SOURCE_DATE_EPOCH
 scripts/setup.sh
-for tool in dpkg-shlibdeps desktop-file-validate readelf; do
+for tool in dpkg-shlibdeps desktop-file-validate appstreamcli mksquashfs readelf lintian; do
   command -v "$tool" >/dev/null || die "$tool is missing: run scripts/setup.sh"
 done
+
+python3 -I -B scripts/third_party.py notices | cmp --silent - THIRD-PARTY.md ||
+  die "THIRD-PARTY.md is not what the parts tell now: look at what 'python3 scripts/third_party.py notices >THIRD-PARTY.md' changes"
 
 # make_packages FOLDER: a build from nothing with its packages, in FOLDER. cpack writes its umask into
 # the DEB.
@@ -43,17 +46,25 @@ say "two builds give the same bytes"
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 tar -C "$scratch" -xzf "$tgz"
+# The tree as one file, for nodes that share a file system. Times and owners are the TGZ's.
+image=${tgz%.tar.gz}.squashfs
+mksquashfs "$scratch/$(basename "$tgz" .tar.gz)" "$image" -noappend -quiet -no-progress -comp zstd \
+  -all-root -no-xattrs >&2
 mkdir "$scratch/deb"
 dpkg-deb --extract "$deb" "$scratch/deb"
 # The working folder as it is written, and as it is when links are followed.
 for unpacked in "$scratch/$(basename "$tgz" .tar.gz)" "$scratch/deb"; do
-  python3 -B scripts/check_package.py --depends "$(dpkg-deb --field "$deb" Depends)" \
+  python3 -B scripts/check_package.py --build "$first" --depends "$(dpkg-deb --field "$deb" Depends)" \
     --build-place "$PWD" --build-place "$(pwd -P)" --home "$HOME" "$unpacked" >&2
 done
 desktop-file-validate "$scratch/deb/usr/share/applications/tavrel.desktop"
+appstreamcli validate --no-net "$scratch/deb/usr/share/metainfo/com.zendrik.tavrel.metainfo.xml" >&2
+
+lintian --fail-on error "$deb" >&2 ||
+  die "lintian objects (above); what has a reason goes into packaging/lintian-overrides"
 
 status=0
 scripts/try_in_minimal_root.sh "$tgz" "$deb" || status=$?
 [ "$status" -eq 0 ] || [ "$status" -eq 77 ] || exit 1
 rm -rf "$second" "$second.log"
-ls -l "$tgz" "$deb"
+ls -l "$tgz" "$deb" "$image"

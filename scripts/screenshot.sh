@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Sets up and builds what is missing, opens the window with examples/graph.py on an X server of its
-# own, and writes the picture to docs/window.png, or to the PNG file that is named.
+# own, has it render a preview, and writes the picture to docs/window.png, or to the PNG file that is
+# named.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 picture=${1:-docs/window.png}
@@ -37,11 +38,20 @@ capture() {
   DISPLAY=":$display" xwininfo -name Tavrel 2>/dev/null | grep -q IsViewable &&
     DISPLAY=":$display" timeout 20 import -window Tavrel -strip -define png:exclude-chunks=date,time "$1" 2>/dev/null
 }
-# Ready when two pictures in a row are the same: until then the window is being drawn.
+# A server without a window manager gives no window the keyboard.
+render() { DISPLAY=":$display" xdotool search --name '^Tavrel$' windowfocus --sync key ctrl+r; }
 deadline=$((SECONDS + 60))
-until capture "$scratch/second.png" && cmp -s "$scratch/first.png" "$scratch/second.png"; do
+go_on() {
   kill -0 "$window" 2>/dev/null || { cat "$scratch/tavrel.log" >&2; die "the launcher ended"; }
   [ "$SECONDS" -lt "$deadline" ] || die "the window didn't come to rest within 60 s"
+}
+until capture "$scratch/first.png" && render; do
+  go_on
+  sleep 0.2
+done
+# Ready when two pictures in a row are the same: until then the window is being drawn.
+until capture "$scratch/second.png" && cmp -s "$scratch/first.png" "$scratch/second.png"; do
+  go_on
   if [ -e "$scratch/second.png" ]; then mv "$scratch/second.png" "$scratch/first.png"; fi
   sleep 0.2
 done

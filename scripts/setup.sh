@@ -13,19 +13,24 @@ readonly boost_sha256=192f5df504d282cb81288f88232d8af45b64a9ab531e1c7cf8ae955f16
 readonly minidump_version=0.26.0
 readonly minidump_sha256=0b09e132e39a5bf555324078a7f1fa2f3fe5c498f44bd80bf6fdfca92c1e2bbd
 # Raised when the way a folder of .deps/ is prepared changes, so that old ones are made anew.
-readonly recipe=1
+declare -rA recipe=([python3.7]=3 [boost_python]=2 [breakpad]=3)
+# As cmake/Toolchain.cmake has it for code of the project: these archives end up in its programs.
+readonly hardening="-fstack-protector-strong -fstack-clash-protection -fcf-protection -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2"
 
 say() { printf 'setup: %s\n' "$*" >&2; }
 die() { say "$*"; exit 1; }
 
 # A folder of .deps/ is there when its stamp names the version and recipe that made it.
-have() { [ "$(cat "$deps/$1/.stamp" 2>/dev/null)" = "$2 recipe $recipe" ]; }
+have() { [ "$(cat "$deps/$1/.stamp" 2>/dev/null)" = "$2 recipe ${recipe[$1]}" ]; }
 
 # install_folder NAME VERSION: moves .deps/partial/NAME into place, stamped.
 install_folder() {
-  echo "$2 recipe $recipe" >"$deps/partial/$1/.stamp"
-  rm -rf "${deps:?}/$1"
+  echo "$2 recipe ${recipe[$1]}" >"$deps/partial/$1/.stamp"
+  # Builds that share this folder may be reading the old one: it is gone for no longer than a rename.
+  rm -rf "$deps/partial/$1.old"
+  [ ! -e "$deps/$1" ] || mv "$deps/$1" "$deps/partial/$1.old"
   mv "$deps/partial/$1" "$deps/$1"
+  rm -rf "$deps/partial/$1.old"
 }
 
 fresh_partial() {
@@ -64,75 +69,54 @@ debian_packages() {
     >"$log" 2>&1 || { tail -n 5 "$log" >&2; die "apt-get failed; its output is in .deps/apt.log"; }
 }
 
+is_shared_python37() {
+  [ -x "$1/bin/python3.7" ] && [ -f "$1/lib/libpython3.7m.so.1.0" ] && [ -f "$1/include/python3.7m/Python.h" ]
+}
+
 # Prints the prefix of a Python 3.7 with a shared library, or nothing.
 find_python37() {
-  local prefix candidates=()
+  local prefix
   if [ -n "${TAVREL_PYTHON37:-}" ]; then
-    candidates=("$TAVREL_PYTHON37")
-  else
-    local pyenv=${PYENV_ROOT:-$HOME/.pyenv}
-    for prefix in "$pyenv"/versions/3.7.*; do candidates+=("$prefix"); done
-    if command -v python3.7 >/dev/null; then
-      candidates+=("$(python3.7 -c 'import sys; print(sys.base_prefix)' 2>/dev/null || true)")
-    fi
+    ! is_shared_python37 "$TAVREL_PYTHON37" || echo "$TAVREL_PYTHON37"
+    return
   fi
-  for prefix in "${candidates[@]}"; do
-    if [ -x "$prefix/bin/python3.7" ] && [ -f "$prefix/lib/libpython3.7m.so.1.0" ] &&
-      [ -f "$prefix/include/python3.7m/Python.h" ]; then
+  for prefix in "${PYENV_ROOT:-${HOME:-}/.pyenv}"/versions/3.7.*; do
+    if is_shared_python37 "$prefix"; then
       echo "$prefix"
       return
     fi
   done
+  if command -v python3.7 >/dev/null; then
+    prefix=$(python3.7 -c 'import sys; print(sys.base_prefix)' 2>/dev/null || true)
+    ! is_shared_python37 "$prefix" || echo "$prefix"
+  fi
 }
 
-# The interpreter as the install tree carries it: its own run path, no tests, no static library,
-# every module compiled. Hash-checked byte code stays valid when a copy or a package changes times.
+# Version and content of a prefix, so that another 3.7 in its place is noticed.
+identity_of() {
+  local version
+  version=$(sed -n 's/^#define PY_VERSION  *"\(.*\)"/\1/p' "$1/include/python3.7m/patchlevel.h")
+  echo "$version $(cat "$1/bin/python3.7" "$1/lib/libpython3.7m.so.1.0" | sha256sum | cut -c 1-16)"
+}
+
 python37() {
-  have python3.7 3.7 && return
-  local from
+  local from version
   from=$(find_python37)
   if [ -z "$from" ]; then
     if [ -n "${TAVREL_PYTHON37:-}" ]; then
       die "TAVREL_PYTHON37=$TAVREL_PYTHON37 has no bin/python3.7, lib/libpython3.7m.so.1.0 and include/python3.7m/Python.h"
     fi
+    # What was prepared once doesn't need the one that it was made from.
+    [[ $(cat "$deps/python3.7/.stamp" 2>/dev/null) == *" recipe ${recipe[python3.7]}" ]] && return
     die "no Python 3.7 with a shared library found; 'env PYTHON_CONFIGURE_OPTS=--enable-shared pyenv install 3.7' builds one, or set TAVREL_PYTHON37 to the prefix of one"
   fi
-  say "preparing Python from the 3.7 found"
-  fresh_partial python3.7
-  local to=$deps/partial/python3.7
-  mkdir -p "$to/bin" "$to/lib" "$to/include"
-  cp "$from/bin/python3.7" "$to/bin/"
-  cp "$from/lib/libpython3.7m.so.1.0" "$to/lib/"
-  ln -s libpython3.7m.so.1.0 "$to/lib/libpython3.7m.so"
-  cp -r "$from/include/python3.7m" "$to/include/"
-  tar -C "$from/lib" --exclude=__pycache__ --exclude='config-3.7m*' --exclude='*.a' \
-    --exclude=python3.7/test --exclude='python3.7/*/test' --exclude='python3.7/*/tests' \
-    --exclude=python3.7/site-packages --exclude='python3.7/lib-dynload/_test*' -cf - python3.7 |
-    tar -C "$to/lib" -xf -
-  mkdir -p "$to/lib/python3.7/site-packages"
-  chmod -R u+w "$to"
-  # DT_RPATH, so that a user's LD_LIBRARY_PATH does not come first for this program either.
-  patchelf --force-rpath --set-rpath "\$ORIGIN/../lib" "$to/bin/python3.7"
-  local object
-  for object in "$to"/lib/libpython3.7m.so.1.0 "$to"/lib/python3.7/lib-dynload/*.so; do
-    # patchelf leaves a removed run path's text behind: it is overwritten first.
-    patchelf --set-rpath "\$ORIGIN" "$object"
-    patchelf --remove-rpath "$object"
-  done
-  strip --strip-debug "$to/bin/python3.7" "$to/lib/libpython3.7m.so.1.0" "$to"/lib/python3.7/lib-dynload/*.so
-  # The build place of the interpreter means nothing on another machine.
-  local data
-  for data in "$to"/lib/python3.7/_sysconfigdata_*.py; do
-    sed -i "s#$from#/usr/local#g" "$data"
-  done
-  # -B: what the compiler itself imports would be left behind as byte code that holds a time, which
-  # a package changes. The fixed hash seed makes the same bytes every time.
-  env --unset=PYTHONHOME --unset=PYTHONPATH PYTHONHASHSEED=0 "$to/bin/python3.7" -B -s -S -m compileall \
-    -q -f -j 0 --invalidation-mode unchecked-hash -d python3.7 "$to/lib/python3.7" >"$deps/compileall.log" 2>&1 ||
-    grep -v lib2to3 "$deps/compileall.log" || true
-  "$to/bin/python3.7" -I -c 'import ctypes, hashlib, ssl, sqlite3, zlib' ||
-    die "the Python 3.7 found lacks standard modules (ctypes, hashlib, ssl, sqlite3, zlib)"
-  install_folder python3.7 3.7
+  version=$(identity_of "$from")
+  have python3.7 "$version" && return
+  say "preparing Python from the ${version% *} found"
+  rm -rf "$deps/partial/python3.7"
+  python3 -I -B "$top/scripts/prepare_python37.py" "$from" "$deps/partial/python3.7" >"$deps/python3.7.log" 2>&1 ||
+    { tail -n 5 "$deps/python3.7.log" >&2; die "can't prepare Python; see .deps/python3.7.log"; }
+  install_folder python3.7 "$version"
 }
 
 boost_python() {
@@ -161,14 +145,14 @@ boost_python() {
   say "building Boost.Python for Python 3.7"
   fresh_partial boost_python
   local to=$deps/partial/boost_python
-  tar -C "$to" --strip-components=3 -xf "$archive" boost/libs/python/src
+  tar -C "$to" --strip-components=1 -xf "$archive" boost/libs/python/src boost/LICENSE_1_0.txt
   # shellcheck disable=SC2016  # expanded by the shell of each file
-  (cd "$to/src" && find . -name '*.cpp' ! -path '*numpy*' -print0 |
-    xargs -0 -P "$(nproc)" -I{} sh -c 'g++ -std=c++17 -O2 -fPIC -w -DBOOST_BIND_GLOBAL_PLACEHOLDERS \
-      -DBOOST_PYTHON_SOURCE -DBOOST_PYTHON_STATIC_LIB -I"$1" -c "$2" -o "${2%.cpp}.o"' sh "$deps/python3.7/include/python3.7m" {}) ||
+  (cd "$to/libs/python/src" && find . -name '*.cpp' ! -path '*numpy*' -print0 |
+    xargs -0 -P "$(nproc)" -I{} sh -c 'g++ -std=c++17 -O2 -fPIC -w $3 -DBOOST_BIND_GLOBAL_PLACEHOLDERS \
+      -DBOOST_PYTHON_SOURCE -DBOOST_PYTHON_STATIC_LIB -I"$1" -c "$2" -o "${2%.cpp}.o"' sh "$deps/python3.7/include/python3.7m" {} "$hardening") ||
     die "Boost.Python does not build"
-  (cd "$to/src" && find . -name '*.o' | LC_ALL=C sort | xargs ar rcsD ../libboost_python37.a)
-  rm -rf "$to/src"
+  (cd "$to/libs/python/src" && find . -name '*.o' | LC_ALL=C sort | xargs ar rcsD "$to/libboost_python37.a")
+  rm -rf "$to/libs"
   install_folder boost_python "$boost_version"
 }
 
@@ -189,10 +173,11 @@ breakpad() {
   fresh_partial breakpad
   local to=$deps/partial/breakpad
   tar -C "$to" --strip-components=1 -xf "$archive" package/deps
+  patch -s -d "$to" -p1 <"$top/scripts/patches/breakpad-strings.patch" || die "the patch of Breakpad does not apply"
   mkdir -p "$to/build" "$to/lib" "$to/bin"
   # The file names that end up in the archives must not tell where they were built.
   (cd "$to/build" && ../deps/breakpad/configure CPPFLAGS="-I../deps" \
-    CXXFLAGS="-O2 -g -fPIC -Wno-error=deprecated -ffile-prefix-map=$to=breakpad" CFLAGS="-O2 -g -fPIC -ffile-prefix-map=$to=breakpad" &&
+    CXXFLAGS="-O2 -g -fPIC $hardening -Wno-error=deprecated -ffile-prefix-map=$to=breakpad" CFLAGS="-O2 -g -fPIC $hardening -ffile-prefix-map=$to=breakpad" &&
     make -j "$(nproc)" src/client/linux/libbreakpad_client.a src/libbreakpad.a src/third_party/libdisasm/libdisasm.a \
       src/processor/minidump_stackwalk src/processor/minidump_dump src/tools/linux/dump_syms/dump_syms) \
     >"$deps/breakpad.log" 2>&1 || { tail -n 5 "$deps/breakpad.log" >&2; die "Breakpad does not build; see .deps/breakpad.log"; }
@@ -200,6 +185,7 @@ breakpad() {
     "$to/build/src/third_party/libdisasm/libdisasm.a" "$to/lib/"
   cp "$to/build/src/processor/minidump_stackwalk" "$to/build/src/processor/minidump_dump" \
     "$to/build/src/tools/linux/dump_syms/dump_syms" "$to/bin/"
+  mv "$to/deps/breakpad/LICENSE" "$to/"
   mv "$to/deps/breakpad/src" "$to/include"
   mv "$to/deps/third_party/lss" "$to/include/third_party/lss"
   rm -rf "$to/build" "$to/deps"
@@ -208,7 +194,7 @@ breakpad() {
 
 mkdir -p "$deps/partial"
 exec 9>"$deps/.lock"
-flock 9 2>/dev/null || true
+flock --nonblock 9 || { say "waiting for another set-up"; flock 9; }
 debian_packages
 python37
 boost_python

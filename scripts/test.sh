@@ -4,7 +4,7 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 preset=release
-case "${1:-}" in release | debug | asan | tsan | coverage) preset=$1; shift ;; esac
+case "${1:-}" in "" | -*) ;; *) preset=$1; shift ;; esac
 scripts/setup.sh
 scripts/build.sh "$preset"
 exec ctest --preset "$preset" "$@"

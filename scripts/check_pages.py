@@ -1,0 +1,111 @@
+#!/usr/bin/env python3
+"""Holds the pages against the sources: which settings there are, and where links and commands lead."""
+
+import json
+import pathlib
+import re
+import sys
+
+TOP = pathlib.Path(__file__).resolve().parents[1]
+PRODUCT = ("base", "crash", "process", "UTIL", "MAIN", "standins", "programs", "python")
+# Tables of what the interpreter and the loader read, not this project's code.
+FOREIGN_SECTIONS = ("Other people's settings", "The interpreter's own variables")
+# sysconf's names, X11's atoms, codes of signals
+NO_SETTINGS = re.compile(r"SC_|WM_|(SEGV|BUS|FPE|ILL|TRAP)_")
+
+NAME = r"(?:__)?[A-Z][A-Z0-9]*(?:_[A-Z0-9]+)*"
+IN_PRODUCT = (
+    # A name with an underscore, whatever is done with it; a format of one; a name for execve.
+    r"[\"']((?:__)?[A-Z][A-Z0-9]*(?:_[A-Z0-9]+)+)=?[\"']",
+    r"[\"'](TAVREL_%s_MODE)[\"']",
+    # A single word, if it is given to something that reads or writes settings.
+    r"(?:getenv|EnvironmentVariable|setDefault|setConfigurationAndEnvironment|setenv)\(\"(" + NAME + ")\"",
+    r"Config(?:uration)?(?:\(\))?\.(?:get|has|set)\(\"(" + NAME + ")\"",
+    r"environ(?:\.get\(|\.pop\(|\.setdefault\(|\[)[\"'](" + NAME + ")[\"']",
+    r"(?:[kK]ey|[vV]ariable)\[\] = \"(" + NAME + ")\"",
+    r"[\"'](" + NAME + ")[\"'] in os[.]environ",
+)
+IN_PAGES_FILE = r"(?<![\w./-])(?:scripts|examples|[.]ci|tests|benchmarks)/[\w./-]*\w"
+IN_PAGES_PRESET = r"(?:--preset |scripts/build\.sh |build/(?=[a-z]+/tree))([a-z]+)\b"
+
+
+def read(path):
+    return (TOP / path).read_text(encoding="utf-8")
+
+
+def names_in_code():
+    """Name of each setting -> a file that names it."""
+    found = {}
+    for path in (path for folder in PRODUCT for path in sorted((TOP / folder).rglob("*"))):
+        if path.suffix in (".cpp", ".h", ".py"):
+            text = read(path)
+            for name in (name for each in IN_PRODUCT for name in re.findall(each, text)):
+                for mode in ("BATCH", "SCRIPT", "SHELL", "UI") if "%s" in name else ("",):
+                    found.setdefault(name.replace("%s", mode), path.relative_to(TOP))
+    return {name: path for name, path in found.items() if not NO_SETTINGS.match(name)}
+
+
+def words_in_building():
+    """Of scripts and CMake files, whose own variables look the same as those of the environment."""
+    paths = [*TOP.glob("scripts/*.sh"), *TOP.glob("[!.b]*/*.cmake")]
+    return {word for path in paths for word in re.findall(NAME, read(path))}
+
+
+def names_on_page():
+    """Section -> names in the first column of its tables."""
+    sections, title = {}, ""
+    for line in read("docs/environment.md").splitlines():
+        if line.startswith("#"):
+            title = line.lstrip("# ")
+        elif line.startswith("| `"):
+            sections.setdefault(title, set()).update(re.findall("`(%s)`" % NAME, line.split("|")[1]))
+    return sections
+
+
+def settings():
+    code, page = names_in_code(), names_on_page()
+    if "DISPLAY" not in code:
+        yield "the expressions of check_pages.py no longer find what they are for"
+    for name in sorted(set(code) - set().union(*page.values())):
+        yield "no row for %s, which %s names" % (name, code[name])
+    for section, names in page.items():
+        known = words_in_building() if section == "Building" else set(code)
+        for name in sorted(names - known) if section not in FOREIGN_SECTIONS else ():
+            yield "%s, in \"%s\", is named nowhere else" % (name, section)
+    sys.dont_write_bytecode = True
+    sys.path.insert(0, str(TOP / "standins/application/python/Main"))
+    import MainOptionTable
+    helped = {name for name, _ in MainOptionTable.ENVIRONMENT}
+    for name in sorted(helped ^ page["What a user may set"]):
+        yield "%s is either in the help or in \"What a user may set\", not in both" % name
+
+
+def anchors(path):
+    titles = re.findall(r"^#+ (.*)$", read(path), re.MULTILINE)
+    return {re.sub(r"[^\w -]", "", title.lower()).replace(" ", "-") for title in titles}
+
+
+def leads(page, presets):
+    for target in re.findall(r"\]\(([^)\s]+)\)", read(page)):
+        name, _, anchor = target.partition("#")
+        linked = page.parent / name if name else page
+        if not re.match("[a-z]+:", target) and not (
+                linked.exists() and (not anchor or anchor in anchors(linked))):
+            yield "the link to %s leads nowhere" % target
+    for name in re.findall(IN_PAGES_FILE, read(page)):
+        if not (TOP / name).exists():
+            yield "there is no %s" % name
+    for name in set(re.findall(IN_PAGES_PRESET, read(page))) - presets:
+        yield "there is no preset %s" % name
+
+
+def main():
+    presets = {preset["name"] for preset in json.loads(read("CMakePresets.json"))["buildPresets"]}
+    found = ["docs/environment.md: " + text for text in settings()]
+    for page in sorted(TOP.glob("*.md")) + sorted(TOP.glob("docs/*.md")):
+        found += ["%s: %s" % (page.relative_to(TOP), text) for text in leads(page, presets)]
+    sys.exit("\n".join(found) or 0)
+
+
+if __name__ == "__main__":
+    main()
