@@ -18,6 +18,9 @@ foreach(folder bin bin/python3.7 bin/python3.7/bin plugins)
   install(DIRECTORY DESTINATION ${folder})
 endforeach()
 
+# What a run needs, without tests and benchmarks.
+add_custom_target(runnable)
+
 # tavrel_in_tree(TARGET [RUN_PATH PATH]): puts an executable, library or module into the tree's bin.
 # Without RUN_PATH the object has none of its own.
 function(tavrel_in_tree target)
@@ -31,6 +34,9 @@ function(tavrel_in_tree target)
   # tables stay: crash reports name functions from them.
   target_link_options(${target} PRIVATE $<$<CONFIG:Release>:-Wl,--strip-debug>)
   install(TARGETS ${target} RUNTIME DESTINATION bin LIBRARY DESTINATION bin)
+  add_dependencies(runnable ${target})
+  get_target_property(type ${target} TYPE)
+  set_property(GLOBAL APPEND PROPERTY TAVREL_OBJECTS "${type} bin/$<TARGET_FILE_NAME:${target}>")
 endfunction()
 
 # tavrel_python_tree(SOURCE_DIR DESTINATION [FILE...]): copies a folder of Python modules, and further
@@ -58,12 +64,12 @@ function(tavrel_python_tree source_dir destination)
     COMMENT "Compiling Python modules into tree/${destination}"
     VERBATIM)
   add_custom_target(${name} ALL DEPENDS ${stamp})
+  add_dependencies(runnable ${name})
   install(DIRECTORY ${TAVREL_TREE}/${destination}/ DESTINATION ${destination})
 endfunction()
 
 # A build tree links to the prepared interpreter; an installed tree gets a copy.
 file(MAKE_DIRECTORY ${TAVREL_TREE}/bin)
 file(CREATE_LINK ${TAVREL_PYTHON37_HOME} ${TAVREL_TREE}/bin/python3.7 SYMBOLIC)
-install(DIRECTORY ${TAVREL_PYTHON37_HOME}/lib DESTINATION bin/python3.7
-  PATTERN libpython3.7m.so EXCLUDE)
+install(DIRECTORY ${TAVREL_PYTHON37_HOME}/lib ${TAVREL_PYTHON37_HOME}/include DESTINATION bin/python3.7)
 install(PROGRAMS ${TAVREL_PYTHON37_HOME}/bin/python3.7 DESTINATION bin/python3.7/bin)

@@ -2,6 +2,14 @@
 # a DEB with the tree under /opt/tavrel and what a desktop and a shell look for under /usr. Whoever
 # wants the same bytes twice sets SOURCE_DATE_EPOCH, as scripts/package.sh does.
 
+# What tavrel_in_tree() was called for, one line each: type and path in the tree.
+get_property(objects GLOBAL PROPERTY TAVREL_OBJECTS)
+list(JOIN objects "\n" objects)
+file(GENERATE OUTPUT ${CMAKE_BINARY_DIR}/tree-objects CONTENT "${objects}\n")
+
+# Behind every rule of the tree and before those of other places.
+install(SCRIPT cmake/WriteManifest.cmake)
+
 # Made by the build: man pages and completion.
 file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/share)
 foreach(folder share/doc share/doc/tavrel)
@@ -9,7 +17,7 @@ foreach(folder share/doc share/doc/tavrel)
 endforeach()
 install(DIRECTORY ${CMAKE_BINARY_DIR}/share/ DESTINATION share COMPONENT words)
 # Laid out as in the source, so that links from one page to another hold.
-install(FILES README.md CHANGELOG.md DESTINATION share/doc/tavrel COMPONENT words OPTIONAL)
+install(FILES README.md CHANGELOG.md THIRD-PARTY.md DESTINATION share/doc/tavrel COMPONENT words OPTIONAL)
 install(DIRECTORY docs examples DESTINATION share/doc/tavrel COMPONENT words
   FILES_MATCHING REGEX "\\.(md|png|py|sbatch)$"
   PATTERN docs/man EXCLUDE)
@@ -19,11 +27,19 @@ install(DIRECTORY examples DESTINATION share/doc/tavrel COMPONENT words
 
 # Only a package that owns /usr may put these there, so a plain `cmake --install` leaves them out.
 file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/packaging)
-file(CREATE_LINK /opt/tavrel/bin/tavrel ${CMAKE_BINARY_DIR}/packaging/tavrel SYMBOLIC)
-install(FILES ${CMAKE_BINARY_DIR}/packaging/tavrel DESTINATION bin COMPONENT desktop EXCLUDE_FROM_ALL)
+foreach(command tavrel tavrelStack)
+  file(CREATE_LINK /opt/tavrel/bin/${command} ${CMAKE_BINARY_DIR}/packaging/${command} SYMBOLIC)
+  install(FILES ${CMAKE_BINARY_DIR}/packaging/${command} DESTINATION bin COMPONENT desktop
+    EXCLUDE_FROM_ALL)
+endforeach()
 install(FILES packaging/tavrel.desktop DESTINATION share/applications
   COMPONENT desktop EXCLUDE_FROM_ALL)
+install(FILES packaging/com.zendrik.tavrel.metainfo.xml DESTINATION share/metainfo
+  COMPONENT desktop EXCLUDE_FROM_ALL)
 install(FILES packaging/tavrel.svg DESTINATION share/icons/hicolor/scalable/apps
+  COMPONENT desktop EXCLUDE_FROM_ALL)
+
+install(FILES packaging/lintian-overrides DESTINATION share/lintian/overrides RENAME tavrel
   COMPONENT desktop EXCLUDE_FROM_ALL)
 
 set(CPACK_GENERATOR TGZ DEB)
@@ -32,8 +48,8 @@ set(CPACK_PACKAGE_VENDOR "Tavrel developers")
 set(CPACK_PACKAGE_CONTACT "Tavrel developers <developers@tavrel.invalid>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "node graph application with renderer plug-ins")
 set(CPACK_PACKAGE_DESCRIPTION "The launcher with the interpreter and the libraries it brings along.
-It opens the node graph in a window, or runs Python files without a display: in a batch, as one
-script with arguments, or in an interactive shell.")
+It opens the node graph in a window, or runs Python files without a display:
+in a batch, as one script with arguments, or in an interactive shell.")
 set(CPACK_PACKAGE_FILE_NAME tavrel-${PROJECT_VERSION})
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS ${CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS})
 set(CPACK_STRIP_FILES OFF) # A crash report names functions from the symbol tables.

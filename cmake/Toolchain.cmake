@@ -18,7 +18,11 @@ add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>)
 # No file of the build place is named inside what is shipped.
 add_compile_options("-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=" "-ffile-prefix-map=${CMAKE_BINARY_DIR}/=")
 add_compile_definitions(BOOST_BIND_GLOBAL_PLACEHOLDERS BOOST_ALLOW_DEPRECATED_HEADERS)
-add_link_options(-Wl,--as-needed -Wl,-z,relro -Wl,-z,now -Wl,--disable-new-dtags)
+add_link_options(-Wl,--as-needed -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,--disable-new-dtags)
+# What users get; the sanitizers see more by themselves, and fortified calls only without them.
+# A compiler may bring a level of _FORTIFY_SOURCE of its own. Fortified headers have GCC warn of
+# results that are not used even where static_cast<void> says that this is meant.
+add_compile_options("$<$<CONFIG:Release>:-fstack-protector-strong;-fstack-clash-protection;-fcf-protection;-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2;-Wno-unused-result>")
 
 if(TAVREL_SANITIZER)
   add_compile_options(-fsanitize=${TAVREL_SANITIZER} -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
