@@ -1,13 +1,20 @@
-"""A small graph to look at: scripts/run.sh examples/graph.py, or --shell examples/graph.py"""
+"""UI mode: a small graph to look at, to edit and to render: scripts/run.sh examples/graph.py"""
 
 import NodegraphAPI
 
-color = NodegraphAPI.CreateNode("color")
-checker = NodegraphAPI.CreateNode("checker")
-merge = NodegraphAPI.CreateNode("merge")
-output = NodegraphAPI.CreateNode("output")
-color.setParameter("color", (0.2, 0.4, 0.8))
-checker.setParameter("checker", 16)
-merge.connect(color)
-merge.connect(checker)
-output.connect(merge)
+
+def node(nodeType, inputs=(), **parameters):
+    made = NodegraphAPI.CreateNode(nodeType)
+    for upstream in inputs:
+        made.connect(upstream)
+    for name, value in parameters.items():
+        made.setParameter(name, value)
+    return made
+
+
+color = node("color", color=(0.3, 0.55, 0.95))
+checker = node("checker", checker=40)
+merge = node("merge", (color, checker))
+output = node("output", (merge,))
+noise = node("noise", (merge,), noise=0.8, scale=90)
+samples = node("samples", (noise,), samples=8)

@@ -1,20 +1,37 @@
-"""Renders an image: scripts/run.sh --script examples/render.py OUTPUT.ppm [WIDTH HEIGHT]"""
+"""Script mode: a graph file or a graph of its own into an image:
+
+scripts/run.sh --script examples/render.py OUTPUT.ppm [WIDTH HEIGHT [GRAPH.json]]
+"""
 
 import sys
+import time
 
-import AnalyzeThat
 import NodegraphAPI
+import NodegraphFile
 import RenderingAPI
 
-if len(sys.argv) not in (2, 4):
-    sys.exit("usage: render.py OUTPUT.ppm [WIDTH HEIGHT]")
-width, height = (int(text) for text in sys.argv[2:]) if len(sys.argv) == 4 else (320, 180)
+output, *size = sys.argv[1:] or sys.exit("usage: render.py OUTPUT.ppm [WIDTH HEIGHT [GRAPH.json]]")
+try:
+    width, height = (int(text) for text in size[:2] or ("320", "180"))
+    if min(width, height) < 1:
+        raise ValueError
+except ValueError:
+    sys.exit("render.py: width and height are two whole numbers from 1")
 
-color = NodegraphAPI.CreateNode("color")
-color.setParameter("color", (0.9, 0.5, 0.1))
-checker = NodegraphAPI.CreateNode("checker")
-checker.setParameter("checker", 20)
-checker.connect(color)
+if size[2:]:
+    try:
+        NodegraphFile.Open(size[2])
+    except NodegraphFile.GraphFileError as error:
+        sys.exit("render.py: %s" % error)
+else:
+    color = NodegraphAPI.CreateNode("color")
+    color.setParameter("color", (0.9, 0.5, 0.1))
+    clouds = NodegraphAPI.CreateNode("noise")
+    for name, value in (("checker", 20), ("noise", 0.6), ("samples", 4)):
+        clouds.setParameter(name, value)
+    clouds.connect(color)
 
-RenderingAPI.RenderToFile(checker, sys.argv[1], width, height).wait()
-print("%s: %dx%d pixels after %.2f s" % (sys.argv[1], width, height, AnalyzeThat.GetRunSeconds()))
+nodes = NodegraphAPI.GetAllNodes() or sys.exit("render.py: the graph has no nodes")
+start = time.monotonic()
+RenderingAPI.RenderToFile(nodes[-1], output, width, height).wait()
+print("%s: %dx%d pixels in %.2f s" % (output, width, height, time.monotonic() - start))
