@@ -1,12 +1,11 @@
 // The floor: Breakpad's server with nothing around it. Takes the arguments of the real reporter,
 // writes its dumps into TAVREL_CRASH_DIR, and never ends by itself.
 
+#include <client/linux/crash_generation/crash_generation_server.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <string>
-
-#include "client/linux/crash_generation/crash_generation_server.h"
 
 int main(int, char** argv) {
     const std::string folder = std::getenv("TAVREL_CRASH_DIR");

@@ -7,6 +7,8 @@
 // TAVREL_CRASH_DIR. Prints "armed NS" (nanoseconds), waits for a byte on standard input, prints
 // "crashed NS" (CLOCK_MONOTONIC) and crashes.
 
+#include <client/linux/crash_generation/crash_generation_server.h>
+#include <client/linux/handler/exception_handler.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/prctl.h>
@@ -22,8 +24,6 @@
 #include <thread>
 #include <vector>
 
-#include "client/linux/crash_generation/crash_generation_server.h"
-#include "client/linux/handler/exception_handler.h"
 #include "crash/src/zkCrashHandler.h"
 
 namespace {
@@ -34,7 +34,7 @@ using Zendrik::Breakpad::CrashHandler;
 
 long nowNs() {
     timespec now{};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);
+    static_cast<void>(clock_gettime(CLOCK_MONOTONIC, &now));
     constexpr long nsPerSecond = 1000000000;
     return now.tv_sec * nsPerSecond + now.tv_nsec;
 }
@@ -52,7 +52,7 @@ int startBareReporter(const std::string& reporter) {
         pipe(handshake) != 0) {
         std::exit(1);
     }
-    (void)fcntl(server, F_SETFD, 0);
+    static_cast<void>(fcntl(server, F_SETFD, 0));
     const std::string serverText = std::to_string(server);
     const std::string pipeText = std::to_string(handshake[1]);
     const pid_t child = fork();
@@ -68,7 +68,7 @@ int startBareReporter(const std::string& reporter) {
         std::exit(1);
     }
     close(handshake[0]);
-    (void)syscall(SYS_prctl, PR_SET_PTRACER, child, 0, 0, 0);
+    static_cast<void>(syscall(SYS_prctl, PR_SET_PTRACER, child, 0, 0, 0));
     return client;
 }
 
@@ -77,7 +77,7 @@ void armBare(const std::string& folder, const std::string& dumps, bool outOfProc
     // Kept, as the product keeps its own.
     static const ExceptionHandler* const handler =
         new ExceptionHandler(MinidumpDescriptor(dumps), nullptr, nullptr, nullptr, true, client);
-    (void)handler;
+    static_cast<void>(handler);
 }
 
 void armOurs(const std::string& dumps, bool outOfProcess) {
@@ -88,7 +88,7 @@ void armOurs(const std::string& dumps, bool outOfProcess) {
     parameters.setDumpPath(dumps);
     parameters.setMode(outOfProcess ? CrashHandler::OutOfProcess : CrashHandler::InProcess);
     static const CrashHandler* const handler = new CrashHandler(parameters);
-    (void)handler;
+    static_cast<void>(handler);
 }
 
 }  // namespace
@@ -100,7 +100,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     const rlimit noCore{0, 0};
-    (void)setrlimit(RLIMIT_CORE, &noCore);
+    static_cast<void>(setrlimit(RLIMIT_CORE, &noCore));
     const std::string program = argv[0];
     const bool outOfProcess = std::string(argv[2]) == "out";
     const long before = nowNs();

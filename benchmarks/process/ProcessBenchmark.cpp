@@ -1,10 +1,12 @@
 // What the process services cost, each beside its floor in the same run: the bare system calls for
 // the launches, a fixed allowance for the rest.
 
+#include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <chrono>
@@ -14,8 +16,6 @@
 #include <string>
 #include <vector>
 
-#include <benchmark/benchmark.h>
-
 #include "process/ProcessTable.h"
 #include "process/Subprocess.h"
 #include "process/SubprocessChild.h"
@@ -24,7 +24,7 @@ namespace {
 
 using namespace Plexum3::Base;
 
-constexpr char PROGRAM[] = "/bin/true";
+constexpr char program[] = "/bin/true";
 
 // Times `work` alone, not what comes before and after it in an iteration.
 void timeOnly(benchmark::State& state, const std::function<void()>& work) {
@@ -35,20 +35,20 @@ void timeOnly(benchmark::State& state, const std::function<void()>& work) {
 }
 
 void bareTripleFork() {
-    const pid_t first = ::fork();
+    const pid_t first = fork();
     if (first != 0) {
-        ::waitpid(first, nullptr, 0);
+        waitpid(first, nullptr, 0);
         return;
     }
-    if (::fork() != 0) {
-        ::_exit(0);
+    if (fork() != 0) {
+        _exit(0);
     }
-    ::setsid();
-    if (::fork() != 0) {
-        ::_exit(0);
+    setsid();
+    if (fork() != 0) {
+        _exit(0);
     }
-    ::execlp(PROGRAM, PROGRAM, nullptr);
-    ::_exit(127);
+    execlp(program, program, nullptr);
+    _exit(127);
 }
 
 void daemonFloor(benchmark::State& state) {
@@ -59,7 +59,7 @@ void daemonFloor(benchmark::State& state) {
 
 void daemon(benchmark::State& state) {
     for (auto _ : state) {
-        timeOnly(state, [] { Subprocess::spawnDaemonized({PROGRAM}); });
+        timeOnly(state, [] { Subprocess::spawnDaemonized({program}); });
     }
 }
 
@@ -73,13 +73,13 @@ struct LaunchPipes {
     ScopedFd terminationRead, terminationWrite, statusRead, statusWrite;
 };
 
-char* const programArguments[] = {const_cast<char*>(PROGRAM), nullptr};
+char* const programArguments[] = {const_cast<char*>(program), nullptr};
 
 pid_t forkAndExec(LaunchPipes& pipes) {
-    const pid_t pid = ::fork();
+    const pid_t pid = fork();
     if (pid == 0) {
-        ::execvp(PROGRAM, programArguments);
-        ::_exit(127);
+        execvp(program, programArguments);
+        _exit(127);
     }
     pipes.statusWrite.reset();
     char unused = 0;
@@ -95,13 +95,13 @@ void bareLaunch(benchmark::State& state) {
             LaunchPipes pipes;
             pid = forkAndExec(pipes);
         });
-        ::waitpid(pid, nullptr, 0);
+        waitpid(pid, nullptr, 0);
     }
 }
 
 void handleLaunch(benchmark::State& state) {
     SubprocessOptions options;
-    options.args = {PROGRAM};
+    options.args = {program};
     for (auto _ : state) {
         Subprocess child;
         timeOnly(state, [&] { child = Subprocess::spawn(options); });
@@ -115,32 +115,32 @@ void posixSpawnRun(benchmark::State& state) {
         timeOnly(state, [&] {
             const LaunchPipes pipes;
             pid_t pid = -1;
-            ::posix_spawnp(&pid, PROGRAM, nullptr, nullptr, programArguments, environ);
-            ::waitpid(pid, nullptr, 0);
+            posix_spawnp(&pid, program, nullptr, nullptr, programArguments, environ);
+            waitpid(pid, nullptr, 0);
         });
     }
 }
 
 void handleRun(benchmark::State& state) {
     SubprocessOptions options;
-    options.args = {PROGRAM};
+    options.args = {program};
     for (auto _ : state) {
         timeOnly(state, [&] { Subprocess::spawn(options).wait(); });
     }
 }
 
 void closeDescriptors(benchmark::State& state) {
-    constexpr int OPEN = 20;
+    constexpr int open = 20;
     for (auto _ : state) {
-        for (int i = 0; i < OPEN; ++i) {
-            [[maybe_unused]] const int closedBelow = ::dup(STDIN_FILENO);
+        for (int i = 0; i < open; ++i) {
+            [[maybe_unused]] const int closedBelow = dup(STDIN_FILENO);
         }
         timeOnly(state, [&] { childCloseDescriptors({nullptr, 0, state.range(0)}); });
     }
 }
 
 void creationTime(benchmark::State& state) {
-    const int parent = ::getppid();
+    const int parent = getppid();
     for (auto _ : state) {
         benchmark::DoNotOptimize(getProcessCreationTime(parent, nullptr));
     }
@@ -196,13 +196,13 @@ int main(int argc, char** argv) {
           medians.of("bareLaunch"), 2);
     print("run with a handle / posix_spawn", medians.of("handleRun"), medians.of("posixSpawnRun"),
           2);
-    constexpr double CLOSING_ALLOWANCE = 50;
+    constexpr double closingAllowance = 50;
     for (const char* limit : {"1024", "20000", "1048576"}) {
         const std::string what = std::string("closing at limit ") + limit + " / allowance";
-        print(what.c_str(), medians.of(std::string("closeDescriptors") + limit), CLOSING_ALLOWANCE,
+        print(what.c_str(), medians.of(std::string("closeDescriptors") + limit), closingAllowance,
               1);
     }
-    constexpr double POLL_ALLOWANCE = 30;
-    print("creation time, processor / allowance", medians.of("creationTime"), POLL_ALLOWANCE, 1);
+    constexpr double pollAllowance = 30;
+    print("creation time, processor / allowance", medians.of("creationTime"), pollAllowance, 1);
     return 0;
 }

@@ -21,6 +21,8 @@
 #include <string>
 #include <vector>
 
+#include "base/ExecPointers.h"
+
 namespace {
 
 using Words = std::vector<std::string>;
@@ -41,16 +43,6 @@ struct Candidate {
     std::vector<Cost> runs;
 };
 
-std::vector<char*> pointersTo(Words& words) {
-    std::vector<char*> pointers;
-    pointers.reserve(words.size() + 1);
-    for (std::string& word : words) {
-        pointers.push_back(word.data());
-    }
-    pointers.push_back(nullptr);
-    return pointers;
-}
-
 pid_t start(Words command, Words environment) {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -59,7 +51,8 @@ pid_t start(Words command, Words environment) {
     posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
     pid_t pid = -1;
     const int error = posix_spawn(&pid, command[0].c_str(), &actions, nullptr,
-                                  pointersTo(command).data(), pointersTo(environment).data());
+                                  Zendrik::Base::execPointers(command).data(),
+                                  Zendrik::Base::execPointers(environment).data());
     posix_spawn_file_actions_destroy(&actions);
     if (error != 0) {
         throw std::runtime_error(command[0] + " can't be started");
@@ -165,14 +158,16 @@ void measure(const std::string& tree, const std::string& floor, const std::strin
     const Scratch scratch;
     const Words environment = {"PATH=/usr/bin:/bin", "LANG=C.UTF-8", "HOME=" + scratch.path(),
                                "TMPDIR=" + scratch.path()};
-    const Words batch = {tree + "/bin/tavrel", "--batch"};
+    const std::string job = scratch.path() + "/empty.py";
+    std::ofstream(job).close();
+    const Words batch = {tree + "/bin/tavrel", "--batch", job};
     const std::string list = listModulesOfAStart(batch, environment, scratch.path());
     std::filesystem::remove(scratch.path() + "/sitecustomize.py");
 
     Candidate candidates[] = {{batch, {}},
-                              {{floor, tree, list, "run"}, {}},
+                              {{floor, tree, list, job}, {}},
                               {{floor, tree, list, "import"}, {}},
-                              {{floorWithGl, tree, list, "run"}, {}}};
+                              {{floorWithGl, tree, list, job}, {}}};
     for (int n = -warmUpRuns; n < countedRuns; ++n) {
         for (Candidate& candidate : candidates) {
             const Cost cost = run(candidate.command, environment);

@@ -2,7 +2,7 @@
 // the same home and search path, and nothing of the launcher around it.
 //
 //   StartFloor TREE LIST import    imports the modules that a batch start imports, in their order
-//   StartFloor TREE LIST run       runs the entry script for a batch without a job
+//   StartFloor TREE LIST JOB       runs the entry script for a batch of that one file
 //
 // LIST holds the search path on its first line, entries joined with ":", then a module name a line.
 
@@ -39,21 +39,21 @@ static int importModules(FILE* list) {
 }
 
 // What the launcher would have told the script: the configuration, its arguments, its attributes.
-static int prepareScript(const char* tree) {
+static int prepareScript(const char* tree, const char* job) {
     snprintf(line, sizeof line,
              "import ConfigurationAPI_cmodule as configuration, os, sys\n"
              "configuration.set('TAVREL_ROOT', '%s')\n"
              "configuration.set('TAVREL_TMPDIR', os.environ['TMPDIR'] + '/tavrel_tmpdir_%d')\n"
              "configuration.set('RUNTIME_USE_SYNC', '1')\n"
-             "sys.argv = ['%s/bin/python/Main/Main.pyc', '--batch']\n"
+             "sys.argv = ['%s/bin/python/Main/Main.pyc', '--batch', '%s']\n"
              "sys.tavrel_verbosityLevel = 1\n"
              "sys.tavrel_BUILD_TIME = ''\n",
-             tree, (int)getpid(), tree);
+             tree, (int)getpid(), tree, job);
     return PyRun_SimpleString(line);
 }
 
-static int runScript(const char* tree) {
-    if (prepareScript(tree) != 0) {
+static int runScript(const char* tree, const char* job) {
+    if (prepareScript(tree, job) != 0) {
         return 1;
     }
     PyObject* code = PyMarshal_ReadObjectFromString((const char*)entryScript, entryScriptLength);
@@ -69,7 +69,7 @@ static int runScript(const char* tree) {
 int main(int argc, char** argv) {
     FILE* list = argc == 4 ? fopen(argv[2], "re") : NULL;
     if (list == NULL || !readLine(list)) {
-        fprintf(stderr, "usage: StartFloor TREE LIST import|run\n");
+        fprintf(stderr, "usage: StartFloor TREE LIST import|JOB\n");
         return 2;
     }
     wchar_t* path = Py_DecodeLocale(line, NULL);
@@ -78,7 +78,7 @@ int main(int argc, char** argv) {
     Py_Initialize();
     PySys_SetPath(path);
     PyMem_RawFree(path);
-    int status = strcmp(argv[3], "run") == 0 ? runScript(argv[1]) : importModules(list);
+    int status = strcmp(argv[3], "import") == 0 ? importModules(list) : runScript(argv[1], argv[3]);
     fclose(list);
     Py_Finalize();
     return status;
