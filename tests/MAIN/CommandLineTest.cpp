@@ -1,6 +1,6 @@
-#include "MAIN/src/CommandLine.h"
-
 #include <gtest/gtest.h>
+
+#include "MAIN/src/CommandLine.h"
 
 // What a command line makes of the launcher is seen from outside, in tests/system.
 TEST(CommandLine, ExtraParserSplitsLongOptionsAtTheFirstEqualsSign) {

@@ -1,9 +1,9 @@
-#include "MAIN/src/ScopedExitHandlers.h"
-
+#include <boost/thread/thread.hpp>
 #include <gmock/gmock.h>
 
-#include <boost/thread/thread.hpp>
 #include <stdexcept>
+
+#include "MAIN/src/ScopedExitHandlers.h"
 
 using testing::ElementsAre;
 

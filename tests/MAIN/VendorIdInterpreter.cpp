@@ -1,7 +1,5 @@
 // An interpreter that has the module built in, as the launcher's has, and runs a Python file. What
-// the file can't reach through the module is exported for its ctypes.
-
-#include <algorithm>
+// the file can't bring about itself is exported for its ctypes.
 
 #include "MAIN/src/VendorIdModule.h"
 
@@ -11,15 +9,6 @@ extern "C" {
 // NOLINTNEXTLINE(bugprone-reserved-identifier): the sanitizer's own name
 const char* __asan_default_options() {
     return "detect_leaks=0";
-}
-
-void runCipherPass(unsigned char* bytes, const unsigned char* keyBytes) {
-    VendorIdBlock block;
-    VendorIdBlock key;
-    std::copy_n(bytes, block.size(), block.begin());
-    std::copy_n(keyBytes, key.size(), key.begin());
-    RunVendorIdCipherPass(block, key);
-    std::copy(block.begin(), block.end(), bytes);
 }
 
 /// GetVendorId while PyMem_Malloc gives nothing.

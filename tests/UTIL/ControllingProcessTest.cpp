@@ -1,14 +1,24 @@
+#include <boost/thread/exceptions.hpp>
 #include <gmock/gmock.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
-
-#include <boost/thread/exceptions.hpp>
+#include <time.h>
 
 #include "UTIL/src/TavrelBootstrap.h"
+#include "process/ProcessTable.h"
 #include "tests/ForkedRole.h"
 
 // What can't be brought about from outside. The rest is in tests/system.
+
+// In libc's place: a role ends with its first sleep, and tells whether that is half a second.
+extern "C" int pthread_cond_timedwait(pthread_cond_t*, pthread_mutex_t*, const timespec* until) {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const auto restMs =
+        (until->tv_sec - now.tv_sec) * 1000 + (until->tv_nsec - now.tv_nsec) / 1000000;
+    _exit(restMs > 100 && restMs <= 500 ? 50 : 99);
+}
 
 namespace {
 
@@ -65,6 +75,18 @@ TEST_F(ControllingProcessFailure, UnknownOwnCreationTimeLeavesTheInheritedValue)
     EXPECT_THAT(outcome.errors,
                 testing::EndsWith("\n[BOOTSTRAP] WARNING: Failed to get process creation time: "
                                   "\"Too many open files\"\n"));
+}
+
+TEST(WatchControllingProcess, LooksAtOnceAndThenTwiceASecond) {
+    const auto own = Plexum3::Base::getProcessCreationTime(getpid(), nullptr);
+    for (const auto& [expected, status] : {std::pair(own, 50), std::pair(-own, 1)}) {
+        const RoleOutcome outcome = runRole([time = expected] {
+            UTIL::WatchControllingProcess(getppid(), time, "NAME", "VALUE");
+            return 0;
+        });
+        EXPECT_EQ(outcome.status, status);
+        EXPECT_EQ(outcome.errors, "");
+    }
 }
 
 TEST(StartControllingProcessWatchdog, ThreadThatCannotStartLeavesTheMask) {

@@ -1,6 +1,6 @@
 # The probe against real X servers.
 add_executable(OpenGLBootstrapClient OpenGLBootstrapClient.cpp)
-target_link_libraries(OpenGLBootstrapClient PRIVATE tavrel_util X11::X11 XRes)
+target_link_libraries(OpenGLBootstrapClient PRIVATE tavrel_util X11::X11)
 # No run path: a case says by LD_LIBRARY_PATH where the probe is, or that it is nowhere. Exports:
 # the client stands in for some of the calls that the probe makes.
 set_target_properties(OpenGLBootstrapClient PROPERTIES

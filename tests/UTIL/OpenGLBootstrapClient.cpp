@@ -1,18 +1,16 @@
 // Calls UTIL::OpenGL::Bootstrap in a fresh process and tells how it went.
 //
-//   OpenGLBootstrapClient [null | XError | CALL]
+//   OpenGLBootstrapClient [null | XError | CALL | ATTRIBUTE]
 //
 // null: the call gets no reason to fill; XError: the server refuses a request; CALL, one of those
-// below: it gives its failure result. Prints "usable" or "unusable", "handler back" or "handler
-// lost", how many connections of this process the server still has, where it lets itself be asked,
-// and the reason.
+// below: it gives its failure result; ATTRIBUTE, such as GLX_ALPHA_SIZE's "11=8" or GLX_RGBA's "4":
+// no visual has what it asks for. Prints "usable" or "unusable", "handler back" or "handler lost",
+// how many connections are left open, and the reason.
 
 #include <GL/glx.h>
 #include <X11/Xlib.h>
-#include <X11/extensions/XRes.h>
 #include <dlfcn.h>
 
-#include <chrono>
 #include <iostream>
 
 #include "UTIL/src/OpenGLBootstrap.h"
@@ -20,6 +18,7 @@
 namespace {
 
 std::string failing;
+int connections = 0;
 
 template <typename Function>
 Function* real(const char* name) {
@@ -30,35 +29,21 @@ int ownHandler(Display* /*display*/, XErrorEvent* /*event*/) {
     return 0;
 }
 
-int countClients(Display* display) {
-    int count = 0;
-    XResClient* clients = nullptr;
-    XResQueryClients(display, &count, &clients);
-    XFree(clients);
-    return count;
-}
-
-/// The server may see the end of a connection later than the client does, so that it is asked again
-/// until a deadline has passed; each question is a round trip.
-int countConnectionsLeft() {
-    Display* const display = XOpenDisplay(nullptr);
-    if (display == nullptr) {
-        return 0;
-    }
-    constexpr int serverAndThisConnection = 2;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    int left = 0;
-    do {
-        left = countClients(display) - serverAndThisConnection;
-    } while (left != 0 && std::chrono::steady_clock::now() < deadline);
-    XCloseDisplay(display);
-    return left;
-}
-
 }  // namespace
 
-// The probe's calls arrive here first.
+// The probe's calls arrive here first, and those of the GL library.
 extern "C" {
+
+Display* XOpenDisplay(const char* name) {
+    Display* const display = real<decltype(XOpenDisplay)>(__func__)(name);
+    connections += display != nullptr ? 1 : 0;
+    return display;
+}
+
+int XCloseDisplay(Display* display) {
+    --connections;
+    return real<decltype(XCloseDisplay)>(__func__)(display);
+}
 
 Colormap XCreateColormap(Display* display, Window root, Visual* visual, int allocate) {
     if (failing == "XError") {
@@ -78,6 +63,19 @@ Window XCreateWindow(Display* display, Window parent, int x, int y, unsigned wid
                                      windowClass, visual, mask, attributes);
 }
 
+XVisualInfo* glXChooseVisual(Display* display, int screen, int* attributes) {
+    for (const int* each = attributes; *each != None; ++each) {
+        std::string asked = std::to_string(*each);
+        if (*each != GLX_RGBA && *each != GLX_DOUBLEBUFFER) {
+            asked += "=" + std::to_string(*++each);
+        }
+        if (asked == failing) {
+            return nullptr;
+        }
+    }
+    return real<decltype(glXChooseVisual)>(__func__)(display, screen, attributes);
+}
+
 Bool glXMakeCurrent(Display* display, GLXDrawable drawable, GLXContext context) {
     return failing == __func__
                ? False
@@ -93,6 +91,6 @@ int main(int argc, char** argv) {
     const bool usable = UTIL::OpenGL::Bootstrap(failing == "null" ? nullptr : &reason);
     const bool handlerBack = XSetErrorHandler(nullptr) == ownHandler;
     std::cout << (usable ? "usable" : "unusable") << ", "
-              << (handlerBack ? "handler back" : "handler lost") << ", " << countConnectionsLeft()
+              << (handlerBack ? "handler back" : "handler lost") << ", " << connections
               << " left: " << reason << std::endl;
 }

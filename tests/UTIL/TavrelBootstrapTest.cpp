@@ -1,10 +1,9 @@
-#include "UTIL/src/TavrelBootstrap.h"
-
+#include <boost/filesystem/path.hpp>
 #include <gtest/gtest.h>
 
-#include <boost/filesystem/path.hpp>
 #include <iostream>
 
+#include "UTIL/src/TavrelBootstrap.h"
 #include "tests/ForkedRole.h"
 
 TEST(TavrelBootstrap, PathsConvertAsUtf8InEveryLocale) {

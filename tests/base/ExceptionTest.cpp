@@ -1,11 +1,11 @@
-#include "base/Exception.h"
-
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <regex>
 #include <sstream>
 #include <type_traits>
+
+#include "base/Exception.h"
 
 namespace {
 
@@ -81,7 +81,9 @@ Exception withMessage(const char* message) {
 
 TEST(Exception, ReportShowsOriginDecorationsAndEarlierExceptions) {
     Exception earlier = withMessage("after %%(Step)%%");
-    earlier << Number("Step", 2) << Text("ThrowFile", "src/unit") << Number("ThrowLine", 53)
+    earlier << Text("UserDetail", "a%%(Step)%%") << Text("UserSummary", "b%%(Step)%%")
+            << Text("UserTitle", "c%%(Step)%%") << Number("Step", 2)
+            << Text("ThrowFile", "src/unit") << Number("ThrowLine", 53)
             << Text("ThrowFunction", "void f()") << Text("ExceptionClass", "Kind");
     Exception latest;
     // Of the wrong types: as good as missing.
@@ -99,9 +101,11 @@ TEST(Exception, ReportShowsOriginDecorationsAndEarlierExceptions) {
                   "\n    -------\n    PREVIOUSLY THREW\n"
                   "    Threw exception of type Kind\n    From src/unit:53 in 'void f()'\n"
                   "    Decoration is...\n"
-                  "      [FilledUserMessage] = after 2\n"
-                  "      [Step] = 2\n"
+                  "      [FilledUserDetail] = a2\n      [FilledUserMessage] = after 2\n"
+                  "      [FilledUserSummary] = b2\n      [FilledUserTitle] = c2\n"
+                  "      [Step] = 2\n      [UserDetail] = a%%(Step)%%\n"
                   "      [UserMessage] = after %%(Step)%%\n"
+                  "      [UserSummary] = b%%(Step)%%\n      [UserTitle] = c%%(Step)%%\n"
                   "    -------\n" +
                   rule);
 }

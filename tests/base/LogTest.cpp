@@ -1,5 +1,3 @@
-#include "base/Log.h"
-
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -10,6 +8,7 @@
 #include <regex>
 #include <sstream>
 
+#include "base/Log.h"
 #include "tests/ForkedRole.h"
 
 namespace {
@@ -22,13 +21,13 @@ class LogTest : public testing::Test {
     void SetUp() override {
         std::string pattern = testing::TempDir() + "log.XXXXXX";
         ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        m_folder = pattern;
+        folder_ = pattern;
     }
-    void TearDown() override { std::filesystem::remove_all(m_folder); }
+    void TearDown() override { std::filesystem::remove_all(folder_); }
 
     std::string contents(const std::string& name) const {
         std::ostringstream text;
-        text << std::ifstream(m_folder / name).rdbuf();
+        text << std::ifstream(folder_ / name).rdbuf();
         return text.str();
     }
 
@@ -37,7 +36,7 @@ class LogTest : public testing::Test {
         return "Zendrik::Log Error cannot open " + path + " for writing \n";
     }
 
-    std::filesystem::path m_folder;
+    std::filesystem::path folder_;
 };
 
 /// Runs @p role in a process of its own, with lines going to standard error unless it changes that,
@@ -80,12 +79,36 @@ TEST_F(LogTest, EnvironmentSettlesTheLevelOnce) {
     }
 }
 
+TEST_F(LogTest, SetLevelHonoursTheEnvironmentOnDemand) {
+    using Case = std::pair<const char*, bool>;
+    const std::string levels = errorsOf([] {
+        for (const auto& [variable, honoured] : {Case("warning", true), Case("warning", false),
+                                                 Case("loud", true), Case(nullptr, true)}) {
+            setVariables({{"ZENDRIK_LOG_LEVEL", variable}});
+            Log::setLevel("Message", honoured);
+            std::cerr << static_cast<int>(Log::level());
+        }
+    });
+    EXPECT_EQ(levels, "2333");
+}
+
+TEST(LogChannelNames, EachNameHasOneIdentifierUntilAllAreForgotten) {
+    Log::ChannelNames names;
+    EXPECT_EQ(names.add("a") + 10 * names.add("b") + 100 * names.add("a") + 1000 * names.add(""),
+              121);
+    EXPECT_EQ(names.find("b") + 10 * names.find("none"), 2);
+    EXPECT_EQ(names.name(2) + names.name(3) + names.name(0), "b");
+    names.clear();
+    EXPECT_EQ(names.find("b"), 0);
+    EXPECT_EQ(names.name(1), "");
+}
+
 TEST_F(LogTest, DestinationComesFromTheEnvironment) {
-    std::filesystem::create_directories(m_folder / "home/Desktop");
-    const std::string home = m_folder / "home";
-    const std::string bareHome = m_folder;
-    const std::string file = m_folder / "own.log";
-    const std::string unwritable = m_folder / "none/own.log";
+    std::filesystem::create_directories(folder_ / "home/Desktop");
+    const std::string home = folder_ / "home";
+    const std::string bareHome = folder_;
+    const std::string file = folder_ / "own.log";
+    const std::string unwritable = folder_ / "none/own.log";
     const struct {
         const char* file;
         const char* home;
@@ -114,8 +137,8 @@ TEST_F(LogTest, DestinationComesFromTheEnvironment) {
 }
 
 TEST_F(LogTest, FilesAreAppendedToAndReplacedByStreams) {
-    const std::string file = m_folder / "own.log";
-    const std::string unwritable = m_folder / "none/own.log";
+    const std::string file = folder_ / "own.log";
+    const std::string unwritable = folder_ / "none/own.log";
     std::ofstream(file) << "before\n";
     const std::string errors = errorsOf([&] {
         Log::hideHeader(Log::Channel{});

@@ -1,8 +1,8 @@
-#include "base/QuantityText.h"
-
 #include <gtest/gtest.h>
 
 #include <limits>
+
+#include "base/QuantityText.h"
 
 namespace Zendrik::Base {
 namespace {
@@ -19,8 +19,8 @@ TEST(QuantityText, DurationTakesTheLargerUnitOnAThreshold) {
         {60000.0, "1 min"},
         {61500.0, "1 min 1 s"},
         {7200000.0, "120 min"},
-        // 2^32 seconds and 61 more: only the low 32 bits count.
-        {(4294967296.0 + 61.0) * 1000.0, "1 min 1 s"},
+        // 1.5 times 2^32 seconds and 61 more: only the low 32 bits count.
+        {(6442450944.0 + 61.0) * 1000.0, "35791395 min 9 s"},
         {std::numeric_limits<double>::infinity(), "0 min"},
         {std::numeric_limits<double>::quiet_NaN(), "0 min"},
     };

@@ -1,14 +1,15 @@
-#include "crash/src/pythonStackLog.h"
-
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <locale>
 #include <regex>
 #include <sstream>
 #include <string>
+
+#include "crash/src/pythonStackLog.h"
 
 /// The interpreter keeps memory for the whole process on purpose.
 // NOLINTNEXTLINE(bugprone-reserved-identifier): the sanitizer's own name
@@ -32,14 +33,14 @@ class PythonStackLog : public testing::Test {
     void SetUp() override {
         std::string pattern = testing::TempDir() + "stack.XXXXXX";
         ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        m_before = fs::current_path();
-        m_folder = pattern;
-        fs::current_path(m_folder);
+        before_ = fs::current_path();
+        folder_ = pattern;
+        fs::current_path(folder_);
     }
     void TearDown() override {
         PyEval_SetProfile(nullptr, nullptr);
-        fs::current_path(m_before);
-        fs::remove_all(m_folder);
+        fs::current_path(before_);
+        fs::remove_all(folder_);
     }
 
     static std::string written() {
@@ -57,8 +58,8 @@ class PythonStackLog : public testing::Test {
     }
 
   private:
-    fs::path m_before;
-    fs::path m_folder;
+    fs::path before_;
+    fs::path folder_;
 };
 
 TEST_F(PythonStackLog, HookWritesOnlyForCallsAndPlainStrings) {
@@ -101,6 +102,26 @@ TEST_F(PythonStackLog, LastCallStandsOverItsCallers) {
         " \\1 4 4 outer <string> \n"
         "  \\1 1 1 <module> <string> \n");
     EXPECT_TRUE(std::regex_match(text, expected)) << text;
+    constexpr auto ownerAlone = fs::perms::owner_read | fs::perms::owner_write;
+    EXPECT_EQ(fs::status(pythonStackLogFile).permissions(), ownerAlone);
+}
+
+struct GroupedDigits : std::numpunct<char> {
+    std::string do_grouping() const override { return "\1"; }
+};
+
+TEST_F(PythonStackLog, KeepsOutOfOtherFilesAndOfTheGlobalLocale) {
+    constexpr auto all = fs::perms::all;
+    std::ofstream("target").close();
+    fs::permissions("target", all);
+    fs::create_symlink("target", pythonStackLogFile);
+    const std::locale before = std::locale::global({std::locale(), new GroupedDigits});
+    const std::string text = lastStackOf("\n\n\n\n\n\n\n\n\n\nlen('')\n");
+    std::locale::global(before);
+    EXPECT_TRUE(
+        std::regex_match(text, std::regex("C function call\n-?\\d+ 11 11 <module> <string> \n")))
+        << text;
+    EXPECT_EQ(fs::status("target").permissions(), all);
 }
 
 TEST_F(PythonStackLog, NamesWithoutUtf8FormEndTheTextAndNothingElse) {

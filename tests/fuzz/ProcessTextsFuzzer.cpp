@@ -2,10 +2,10 @@
 #include <string>
 
 #include "process/ProcessTable.h"
-#include "process/SystemMetrics.h"
+#include "process/SystemMetricsText.h"
 
 // Any process chooses its own name, which stands unescaped in what the kernel says of it.
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace Plexum3::Base;
     constexpr long ticksPerSecond = 100;
     constexpr std::uint64_t tickMicroseconds = 10000;
@@ -21,12 +21,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     SystemMemory system{};
     ProcessMemory memory{};
     ProcessIo io{};
-    std::int64_t hertz = 0;
     parseCpuTimesLine(text.c_str(), allowed, tickMicroseconds, times);
     parseSystemMemoryLine(text.c_str(), system);
     parseProcessMemoryLine(text.c_str(), memory);
     parseProcessIoLine(text.c_str(), io);
-    parseCpuInfoLine(text.c_str(), hertz);
+    parseCpuInfoLine(text.c_str());
     parseLoadCounts(text.c_str());
     parseThreadState(text.c_str());
     return 0;

@@ -36,16 +36,19 @@ class InstalledTree(unittest.TestCase):
         os.chmod(cls.scratch, 0o755)
         cls.prefix = os.path.join(cls.scratch, "ein Ordner für tavrel")
         installed = run(os.environ["TAVREL_CMAKE"], "--install", os.environ["TAVREL_BUILD"],
-                        "--prefix", cls.prefix, preexec_fn=lambda: os.umask(0o077))
+                        "--prefix", os.path.join(".", os.path.basename(cls.prefix)),
+                        cwd=cls.scratch, preexec_fn=lambda: os.umask(0o077))
         if installed.returncode != 0:
             raise AssertionError(installed.stdout)
         os.chmod(cls.prefix, 0o755)
 
     @unittest.skipUnless(IS_RELEASE, "only the release build is meant to be packaged")
     def test_nothing_to_object_to(self):
-        places = [SOURCE, os.environ["TAVREL_BUILD"]]
-        package = check_package.Package(self.prefix)
-        self.assertEqual(list(check_package.faults(package, places=places)), [])
+        build = os.environ["TAVREL_BUILD"]
+        package = check_package.Package(self.prefix, check_package.built_objects(build))
+        self.assertEqual(list(check_package.faults(package, places=[SOURCE, build])), [])
+        commands = check_package.compile_commands(build)
+        self.assertEqual(list(check_package.unhardened_units(commands)), [])
 
     @unittest.skipIf(os.environ["TAVREL_SANITIZER"], "the sanitizers' libraries are elsewhere")
     def test_runs_in_every_mode_without_display_for_a_user_who_may_only_read(self):
@@ -65,81 +68,71 @@ class InstalledTree(unittest.TestCase):
 
 
 class FaultyPackage(unittest.TestCase):
-    """A package of a few files around one real object."""
+    def test_a_unit_without_hardening_is_found(self):
+        hardened = "cc " + " ".join(check_package.HARDENING)
+        units = [{"file": "a.c", "command": hardened + " -o base/a.o"},
+                 {"file": "b.c", "command": hardened.replace("2", "0") + " -o base/b.o"},
+                 {"file": "c.c", "command": "cc -o tests/c.o"}]
+        self.assertEqual(list(check_package.unhardened_units(units)),
+                         ["b.c is compiled without -D_FORTIFY_SOURCE=2"])
 
-    def setUp(self):
-        self.folder = tempfile.mkdtemp()
-        self.addCleanup(shutil.rmtree, self.folder)
-        built = os.path.join(os.environ["TAVREL_BUILD"], "tree/bin")
-        os.makedirs(self.at("bin"))
-        for name in ("tavrel", "libZkPlexumSDK.so"):
-            shutil.copy(os.path.join(built, name), self.at("bin"))
-            run("strip", "--strip-debug", self.at("bin/" + name))
-        self.depends = None
-        self.object = self.at("bin/tavrel")
-
-    def at(self, path):
-        return os.path.join(self.folder, path)
-
-    def write(self, path, content, mode=0o644):
-        os.makedirs(os.path.dirname(self.at(path)), exist_ok=True)
-        with open(self.at(path), "wb") as file:
-            file.write(content)
-        os.chmod(self.at(path), mode)
-
-    def patch(self, run_path):
-        patched = run("patchelf", "--set-rpath", run_path, self.object)
-        self.assertEqual(patched.returncode, 0, patched.stdout)
-
-    def add_compressed_debug_section(self):
-        added = run("objcopy", "--add-section", ".zdebug_info=/etc/hostname", self.object)
-        self.assertEqual(added.returncode, 0, added.stdout)
-
+    @unittest.skipUnless(IS_RELEASE, "other builds' objects have some of the faults")
     def test_each_fault_is_found(self):
-        byte_code = "bin/python/__pycache__/m.cpython-37.pyc"
-        run_paths, modes = check_package.bad_run_paths, check_package.bad_modes
-        depends = "libc6 (>= 2.36), libstdc++6-dev | libgcc-s1"
+        """In a package of two real objects, spoilt by a command."""
+        unmet, traces = check_package.unmet_needs, check_package.traces_of_the_build
+        compiled = "echo 'int main(void) { return 0; }' | cc -x c - -o bin/"
+        pyc = "bin/python/__pycache__/n.cpython-37.pyc"
         cases = (
-            (run_paths, lambda: self.patch("$ORIGIN:/opt/lib"), "'/opt/lib' is absolute"),
-            (run_paths, lambda: self.patch("$ORIGIN:"), "an empty entry"),
-            (run_paths, lambda: self.patch("lib"), "'lib' is relative"),
-            (run_paths, lambda: self.patch("$ORIGINAL"), "'$ORIGINAL' is relative"),
-            (run_paths, lambda: self.patch("$ORIGIN/../.."), "leads out of the tree"),
-            (lambda package: check_package.unmet_needs(package, None),
-             lambda: os.unlink(self.at("bin/libZkPlexumSDK.so")),
-             "needs libZkPlexumSDK.so: neither in the tree nor in a package"),
-            (lambda package: check_package.unmet_needs(package, self.depends),
-             lambda: setattr(self, "depends", depends),
-             "libstdc++6, which is not declared"),
-            (self.traces, lambda: self.write("bin/a", b"\0/build/here/a.cpp\0"),
-             "bin/a names /build/here"),
-            (self.traces, lambda: self.write("bin/a", b"/home/me/x"), "bin/a names /home/me"),
-            (self.traces, self.add_compressed_debug_section, "tavrel carries debug information"),
-            (modes, lambda: self.write("bin/a", b"", 0o666), "bin/a has mode 0666"),
-            (modes, lambda: os.chmod(self.at("bin"), 0o777), "bin has mode 0777"),
-            (modes, lambda: os.chmod(self.object, 0o644), "bin/tavrel is not executable"),
-            (modes, lambda: os.symlink("/etc/hosts", self.at("bin/l")),
-             "bin/l is a link to /etc/hosts"),
-            (modes, lambda: os.symlink("gone", self.at("bin/l")), "bin/l is a link to gone"),
-            (check_package.uncompiled_modules, lambda: self.write("bin/python/m.py", b""),
-             "bin/python/m.py is not compiled"),
+            (check_package.missing_files, "rm bin/tavrel", ["bin/tavrel is missing"]),
+            (check_package.bad_run_paths,
+             "patchelf --set-rpath '$ORIGIN:/opt/lib::lib:$ORIGINAL:$ORIGIN/../..' bin/tavrel",
+             ["'/opt/lib' is absolute", "an empty entry", "'lib' is relative",
+              "'$ORIGINAL' is relative", "'$ORIGIN/../..' leads out of the tree"]),
+            (lambda package: unmet(package, None), "rm bin/libZkPlexumSDK.so",
+             ["needs libZkPlexumSDK.so: neither in the tree nor in a package"]),
+            (lambda package: unmet(package, "libc6 (>= 2.36), zlib1g-dev | libgcc-s1"),
+             "patchelf --add-needed libz.so.1 bin/tavrel",
+             ["bin/tavrel needs libz.so.1 of zlib1g, which is not declared"]),
+            (lambda package: traces(package, ["/build/here"], "/home/me"),
+             "printf '\\0/build/here/a' >bin/a; printf /home/me/x >bin/b;"
+             "objcopy --add-section .zdebug_info=/etc/hostname bin/tavrel",
+             ["bin/a names /build/here", "bin/b names /home/me", "tavrel carries debug information"]),
+            (check_package.bad_modes,
+             "touch bin/a; chmod 666 bin/a; chmod 777 bin; chmod 644 bin/tavrel;"
+             "ln -s /etc/hosts bin/l; ln -s gone bin/m",
+             ["bin/a has mode 0666", "bin has mode 0777", "bin/tavrel is not executable",
+              "bin/l is a link to /etc/hosts", "bin/m is a link to gone"]),
             (check_package.uncompiled_modules,
-             lambda: (self.write("bin/python/m.py", b""), self.write(byte_code, bytes(16))),
-             byte_code + " holds a time"),
-            (check_package.missing_files, lambda: os.unlink(self.object), "bin/tavrel is missing"),
+             "mkdir -p bin/python/__pycache__; touch bin/python/m.py bin/python/n.py;"
+             "head -c 16 /dev/zero >" + pyc,
+             ["bin/python/m.py is not compiled", pyc + " holds a time"]),
+            (check_package.unhardened_objects,
+             compiled + "soft.so -shared -fPIC -Wl,-z,execstack,-z,lazy;"
+             + compiled + "a -no-pie -Wl,-z,norelro;" + compiled + "tavrel;"
+             + compiled + "libZkPlexumSDK.so -shared -fPIC",
+             ["bin/soft.so: its stack may be executed", "bin/soft.so: its symbols are bound late",
+              "bin/a: nothing of it is read-only", "bin/a: loaded at a fixed address",
+              "bin/tavrel: no function guards its stack",
+              "bin/tavrel: main() does not begin with endbr64",
+              "bin/libZkPlexumSDK.so: main() does not begin with endbr64"]),
+            (check_package.unlisted_files,
+             "touch bin/a; rm bin/tavrel; echo >bin/libZkPlexumSDK.so",
+             ["bin/a is not in MANIFEST", "bin/tavrel is in MANIFEST alone",
+              "bin/libZkPlexumSDK.so is not what MANIFEST tells"]),
+            (check_package.unlisted_files, "rm MANIFEST", ["MANIFEST is missing"]),
         )
-        for check, spoil, fault in cases:
-            with self.subTest(fault=fault):
-                self.setUp()
-                self.assertNotIn(fault, self.found_by(check))
-                spoil()
-                self.assertIn(fault, self.found_by(check))
-
-    def found_by(self, check):
-        return "\n".join(check(check_package.Package(self.folder)))
-
-    def traces(self, package):
-        return check_package.traces_of_the_build(package, ["/build/here"], "/home/me")
+        objects = [("EXECUTABLE", "bin/tavrel"), ("SHARED_LIBRARY", "bin/libZkPlexumSDK.so")]
+        for check, spoil, faults in cases:
+            with self.subTest(spoil), tempfile.TemporaryDirectory() as folder:
+                sound = run("sh", "-ec", """mkdir bin; cp "$1/tavrel" "$1/libZkPlexumSDK.so" bin
+                            strip --strip-debug bin/*; sha256sum bin/* >MANIFEST; touch bin/log.conf
+                            """, "sh", os.path.join(os.environ["TAVREL_BUILD"], "tree/bin"), cwd=folder)
+                before = set(check(check_package.Package(folder, objects)))
+                spoilt = run("sh", "-ec", spoil, cwd=folder)
+                self.assertEqual((sound.stdout, spoilt.stdout), ("", ""))
+                found = "\n".join(set(check(check_package.Package(folder, objects))) - before)
+                for fault in faults:
+                    self.assertIn(fault, found)
 
 
 if __name__ == "__main__":

@@ -1,5 +1,6 @@
-// Preloaded to make one call of libc fail: with TEST_REFUSE="CALL ERRNO NTH" the NTH call of that
-// name and all later ones fail, counted along a chain of forks.
+// Preloaded to make calls of libc fail: with TEST_REFUSE=";CALL ERRNO NTH" the NTH call of that
+// name and all later ones fail, counted along a chain of forks. Several such entries may follow one
+// another.
 
 // NOLINTNEXTLINE(bugprone-reserved-identifier): the system's own name for its extensions
 #define _GNU_SOURCE
@@ -17,21 +18,25 @@ static int refused(const char* call) {
     char name[32];
     int error = 0;
     int from = 0;
-    const char* text = getenv("TEST_REFUSE");
-    if (text == NULL || sscanf(text, "%31s %d %d", name, &error, &from) != 3 ||
-        strcmp(call, name) != 0 || ++calls < from) {
-        return 0;
+    for (const char* text = getenv("TEST_REFUSE"); text != NULL; text = strchr(text + 1, ';')) {
+        if (sscanf(text, "%*1[;]%31s %d %d", name, &error, &from) == 3 && strcmp(call, name) == 0 &&
+            ++calls >= from) {
+            errno = error;
+            return 1;
+        }
     }
-    errno = error;
-    return 1;
+    return 0;
 }
 
-#define REFUSABLE(name, parameters, ...)                        \
-    int name parameters {                                       \
-        return refused(#name) ? -1 : (int)syscall(__VA_ARGS__); \
+#define REFUSABLE_AS(type, name, parameters, ...)                \
+    type name parameters {                                       \
+        return refused(#name) ? -1 : (type)syscall(__VA_ARGS__); \
     }
+#define REFUSABLE(name, parameters, ...) REFUSABLE_AS(int, name, parameters, __VA_ARGS__)
 
 REFUSABLE(close_range, (unsigned a, unsigned b, int flags), SYS_close_range, a, b, flags)
+REFUSABLE_AS(ssize_t, getdents64, (int fd, void* buffer, size_t size), SYS_getdents64, fd, buffer,
+             size)
 REFUSABLE(setsid, (void), SYS_setsid)
 REFUSABLE(setpgid, (pid_t pid, pid_t group), SYS_setpgid, pid, group)
 REFUSABLE(chdir, (const char* path), SYS_chdir, path)

@@ -1,30 +1,35 @@
 // The test program's main, and its part as a process that launches for its own tests:
-//   tests_process --launch daemon|handle|stopped PROGRAM ARGUMENT...
+//   tests_process --launch daemon|handle|stopped program ARGUMENT...
 
-#include <sys/resource.h>
-#include <unistd.h>
-#include <iostream>
-
-#include <gmock/gmock.h>
 #include <boost/system/system_error.hpp>
+#include <gmock/gmock.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <iostream>
 
 #include "tests/process/ProcessFixture.h"
 
 namespace Plexum3::Base {
 namespace {
 
-// Descriptors, dispositions and a mask that a child must not keep.
+// Descriptors, dispositions and masks that a child must not keep.
 void spoil() {
     for (const int fd : {9, 10, 49, 50, 99, 150}) {
-        ::dup2(STDIN_FILENO, fd);
+        dup2(STDIN_FILENO, fd);
     }
     const rlimit limit{100, 100};
-    ::setrlimit(RLIMIT_NOFILE, &limit);
-    ::signal(SIGUSR1, SIG_IGN);
+    setrlimit(RLIMIT_NOFILE, &limit);
+    umask(0027);
+    signal(SIGUSR1, SIG_IGN);
+    signal(SIGRTMAX, SIG_IGN);
     sigset_t blocked;
-    ::sigemptyset(&blocked);
-    ::sigaddset(&blocked, SIGUSR2);
-    ::pthread_sigmask(SIG_SETMASK, &blocked, nullptr);
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGUSR2);
+    pthread_sigmask(SIG_SETMASK, &blocked, nullptr);
 }
 
 // Tells how the call came back, and what its child must not have changed here.
@@ -39,8 +44,12 @@ void launch(const std::string& mode, const std::vector<std::string>& args) {
     options.keepDescriptors = {50, 9, 9, -1, 1, 150, 77};
     try {
         if (mode == "daemon") {
+            prctl(PR_SET_CHILD_SUBREAPER, 1);
             Subprocess::spawnDaemonized(args);
             std::cout << "returned";
+            for (int status = 0; wait(&status) != -1;) {
+                std::cout << (status == 0 ? "" : ", status " + std::to_string(WEXITSTATUS(status)));
+            }
         } else {
             const Subprocess child = Subprocess::spawn(options);
             std::cout << "state " << static_cast<int>(child.state())
@@ -50,7 +59,7 @@ void launch(const std::string& mode, const std::vector<std::string>& args) {
         std::cout << "threw " << error.code() << ' ' << error.what();
     }
     std::cout << (blockedSignals() == std::vector<int>{SIGUSR2} ? "" : ", blocked")
-              << (::close_range(60, 60, 0) == 0 ? "" : ", close_range refused");
+              << (close_range(60, 60, 0) == 0 ? "" : ", close_range refused");
 }
 
 }  // namespace

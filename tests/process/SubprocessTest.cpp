@@ -1,13 +1,14 @@
-#include "process/Subprocess.h"
-
+#include <boost/system/system_error.hpp>
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <sys/stat.h>
+
+#include <array>
+#include <atomic>
 #include <thread>
 #include <utility>
 
-#include <gmock/gmock.h>
-#include <boost/system/system_error.hpp>
-
+#include "process/Subprocess.h"
 #include "tests/process/ProcessFixture.h"
 
 namespace Plexum3::Base {
@@ -20,22 +21,22 @@ class SubprocessTest : public ProcessFixture {
   protected:
     SubprocessTest() {
         std::string name = ::testing::TempDir() + "tavrel-process-XXXXXX";
-        scratch = boost::filesystem::canonical(::mkdtemp(name.data())).string();
-        ::mkfifo((scratch + "/fifo").c_str(), 0600);
+        scratch_ = boost::filesystem::canonical(mkdtemp(name.data())).string();
+        mkfifo((scratch_ + "/fifo").c_str(), 0600);
     }
-    ~SubprocessTest() override { boost::filesystem::remove_all(scratch); }
+    ~SubprocessTest() override { boost::filesystem::remove_all(scratch_); }
 
-    std::string scratch;
+    std::string scratch_;
 };
 
-const std::string PREFIX = "ZkPlexBase::Subprocess - ";
+const std::string prefix = "ZkPlexBase::Subprocess - ";
 
 // All that is written to `fd` until its last writer closes it, or what came before the deadline.
 std::string readToEnd(int fd) {
     std::string text;
     char chunk[4096];
     ssize_t got = 0;
-    while (pollAny(&fd, 1, DEADLINE_MS, nullptr) == fd &&
+    while (pollAny(&fd, 1, deadlineMs, nullptr) == fd &&
            (got = readRetry(fd, chunk, sizeof chunk, nullptr)) > 0) {
         text.append(chunk, static_cast<std::size_t>(got));
     }
@@ -73,22 +74,23 @@ Ended runLauncher(const std::string& refusal, const std::vector<std::string>& wo
     options.environment = currentEnvironment();
     options.environment["LD_PRELOAD"] = REFUSALS_LIBRARY;
     options.environment["ASAN_OPTIONS"] = "verify_asan_link_order=0";
-    options.environment["TEST_REFUSE"] = refusal;
+    options.environment["TEST_REFUSE"] = ";" + refusal;
     return run(options);
 }
 
 TEST_F(SubprocessTest, DescriptorsAndSignalsAreResetWhateverTheKernelKnows) {
     // 150 lies above the open-file limit, where nothing is closed; 3 is what the shell lists the
     // folder with, 4 to 8 the pipe that tells of the end.
-    const std::pair<std::string, std::string> cases[]{{"daemon", "0 1 150 2 3"},
-                                                      {"handle", "0 1 150 2 3 [4-8] 50 9"}};
-    const std::string fifo = scratch + "/fifo";
+    const std::pair<std::string, std::string> cases[]{{"daemon", "0 1 150 2 3\n0000"},
+                                                      {"handle", "0 1 150 2 3 [4-8] 50 9\n0027"}};
+    const std::string fifo = scratch_ + "/fifo";
     const std::string script =
-        "exec >" + fifo + "; cd /proc/$$/fd; echo *; exec grep -E '^Sig(Blk|Ign)' ../status";
+        "exec >" + fifo + "; cd /proc/$$/fd; echo *; umask; exec grep -E '^Sig(Blk|Ign)' ../status";
     for (const auto& [mode, descriptors] : cases) {
-        for (const std::string refusal : {"", "close_range 38 1", "close_range 1 1"}) {
+        for (const std::string refusal :
+             {"", "close_range 38 1", "close_range 1 1;getdents64 2 1"}) {
             SCOPED_TRACE(mode + refusal);
-            const ScopedFd description(::open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+            const ScopedFd description(open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
             const Ended launcher = runLauncher(refusal, {mode, "/bin/sh", "-c", script});
             EXPECT_EQ(launcher.output,
                       (mode == "daemon" ? "returned" : "state 0") +
@@ -113,11 +115,11 @@ TEST_F(SubprocessTest, FailingCallsAreReportedWhereTheyAreSeen) {
     for (const Case& each : {
              Case{"fork 11 1", "daemon", "returned", ""},
              Case{"fork 11 2", "daemon", "returned", "fork() failed\n"},
-             Case{"fork 11 3", "daemon", "returned", "fork() failed\n"},
-             Case{"setsid 1 1", "daemon", "returned", "setsid() failed\n"},
-             Case{"chdir 2 1", "daemon", "returned", "chdir() failed\n"},
-             Case{"open 2 1", "daemon", "returned", "open(\"/dev/null\") failed\n"},
-             Case{"", "daemon", "returned", "", "/no/such/program"},
+             Case{"fork 11 3", "daemon", "returned, status 1", "fork() failed\n"},
+             Case{"setsid 1 1", "daemon", "returned, status 1", "setsid() failed\n"},
+             Case{"chdir 2 1", "daemon", "returned, status 1", "chdir() failed\n"},
+             Case{"open 2 1", "daemon", "returned, status 1", "open(\"/dev/null\") failed\n"},
+             Case{"", "daemon", "returned, status 127", "", "/no/such/program"},
              Case{"waitpid 22 1", "daemon", "threw system:22 Invalid argument, blocked", ""},
              Case{"fork 11 1", "handle", "state 0 without pid", ""},
              Case{"fcntl 9 1", "handle", failed, "fcntl() failed\n"},
@@ -130,7 +132,7 @@ TEST_F(SubprocessTest, FailingCallsAreReportedWhereTheyAreSeen) {
         SCOPED_TRACE(each.refusal + " " + each.mode);
         const Ended launcher = runLauncher(each.refusal, {each.mode, each.program});
         EXPECT_EQ(launcher.output, each.output);
-        EXPECT_EQ(launcher.errors, each.error.empty() ? "" : PREFIX + each.error);
+        EXPECT_EQ(launcher.errors, each.error.empty() ? "" : prefix + each.error);
     }
 }
 
@@ -150,9 +152,14 @@ TEST_F(SubprocessTest, EndsAreToldApart) {
         SCOPED_TRACE(each.script);
         const Subprocess child = Subprocess::spawn(shell(each.script));
         const int end = child.terminationFd();
-        EXPECT_EQ(pollAny(&end, 1, DEADLINE_MS, nullptr), end);
+        EXPECT_EQ(fcntl(end, F_GETFL) & O_NONBLOCK, O_NONBLOCK);
+        EXPECT_EQ(pollAny(&end, 1, deadlineMs, nullptr), end);
         EXPECT_EQ(child.exitCode(), -1);
         child.wait();
+        EXPECT_EQ(child.terminationFd(), -1);
+        if (each.termSignal != 0) {
+            child.impl()->rawStatus |= WCOREFLAG;  // written or not, it is the same end
+        }
         EXPECT_EQ(child.state(), each.state);
         EXPECT_EQ(child.exitCode(), each.exitCode);
         EXPECT_EQ(child.termSignal(), each.termSignal);
@@ -164,7 +171,7 @@ TEST_F(SubprocessTest, EndsAreToldApart) {
 TEST_F(SubprocessTest, StolenChildIsAnErrorOfTheWaitAndNoneOfTheSignal) {
     const Subprocess child = Subprocess::spawn(shell("exit 0"));
     EXPECT_THROW(child.sendSignal(9999), boost::system::system_error);
-    ASSERT_EQ(::waitpid(child.pid(), nullptr, 0), child.pid());
+    ASSERT_EQ(waitpid(child.pid(), nullptr, 0), child.pid());
     // Signal 0 does no harm to who may have got the id since.
     child.sendSignal(0, SignalScope::Process);
     child.sendSignal(0, SignalScope::Group);
@@ -194,10 +201,10 @@ TEST_F(SubprocessTest, SignalsReachTheGroupOrTheChildAlone) {
         EXPECT_FALSE(child.poll());
         child.sendSignal(SIGTERM, each.scope);
         siginfo_t info{};
-        ASSERT_EQ(::waitid(P_PID, child.pid(), &info, WEXITED | WNOWAIT), 0);
+        ASSERT_EQ(waitid(P_PID, child.pid(), &info, WEXITED | WNOWAIT), 0);
         const int end = child.terminationFd();
         if (each.grandchildDies) {
-            EXPECT_EQ(pollAny(&end, 1, DEADLINE_MS, nullptr), end);
+            EXPECT_EQ(pollAny(&end, 1, deadlineMs, nullptr), end);
         } else {
             EXPECT_EQ(pollAny(&end, 1, 0, nullptr), -1) << "cat has inherited the other end";
             input.writeEnd.reset();
@@ -209,22 +216,48 @@ TEST_F(SubprocessTest, SignalsReachTheGroupOrTheChildAlone) {
 }
 
 TEST_F(SubprocessTest, ChildIsWhatTheOptionsSay) {
-    boost::filesystem::create_symlink("/bin/sh", scratch + "/renamed");
+    boost::filesystem::create_symlink("/bin/sh", scratch_ + "/renamed");
     SubprocessOptions options =
-        shell("pwd >&2; tr '\\0' '\\n' </proc/$$/environ; printf '<%s>' \"$@\"");
+        shell("pwd >&0; tr '\\0' '\\n' </proc/$$/environ; printf '<%s>' \"$@\"");
     options.args[0] = "renamed";  // found only in the PATH of the child
     options.args.insert(options.args.end(), {"name", "a blank", ""});
-    const std::string path = scratch + ":/usr/bin:/bin";
+    const std::string path = scratch_ + ":/usr/bin:/bin";
     options.environment = {{"PATH", path}, {"EMPTY", ""}, {"EQUALS", "a=b"}};
-    options.workingDirectory = scratch;
-    options.stderrFd = STDOUT_FILENO;  // the new one
+    options.workingDirectory = scratch_;
+    options.stderrFd = STDOUT_FILENO;  // the new one, as the next
+    options.stdinFd = STDERR_FILENO;
     EXPECT_EQ(run(options).output,
-              scratch + "\nEMPTY=\nEQUALS=a=b\nPATH=" + path + "\n<a blank><>");
+              scratch_ + "\nEMPTY=\nEQUALS=a=b\nPATH=" + path + "\n<a blank><>");
 
     SubprocessOptions masked;  // no shell, which has masks of its own
     masked.args = {"grep", "SigBlk", "/proc/self/status"};
-    ::sigaddset(&masked.signalMask, SIGUSR1);
+    sigaddset(&masked.signalMask, SIGUSR1);
     EXPECT_EQ(run(masked).output, "SigBlk:\t0000000000000200\n");
+
+    masked.args = {"/no/such/program"};
+    const Ended failed = run(masked);
+    EXPECT_EQ(failed.errors, prefix + "execvp() failed\n");
+    EXPECT_EQ(failed.child.terminationFd(), -1);
+}
+
+TEST_F(SubprocessTest, LaunchesOfManyThreadsKeepTheirPipesApart) {
+    const auto descriptorsOfChild = [] {
+        return run(shell("set -- /proc/self/fd/*; exit $#")).child.exitCode();
+    };
+    const int alone = descriptorsOfChild();
+    std::atomic<int> strangers = 0;
+    std::array<std::thread, 8> threads;
+    for (std::thread& thread : threads) {
+        thread = std::thread([&] {
+            for (int launch = 0; launch < 150; ++launch) {
+                strangers += descriptorsOfChild() - alone;
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(strangers, 0);
 }
 
 TEST_F(SubprocessTest, LastOfEqualKeysInTheEnvironmentCounts) {
@@ -243,10 +276,10 @@ TEST_F(SubprocessTest, StoppedChildStartsOnlyWhenContinued) {
         options.stopBeforeExec = true;
         std::thread other([signal] {
             siginfo_t stopped{};
-            while (::waitid(P_ALL, 0, &stopped, WSTOPPED) != 0) {
+            while (waitid(P_ALL, 0, &stopped, WSTOPPED) != 0) {
                 std::this_thread::yield();  // no child yet
             }
-            ::kill(stopped.si_pid, signal);
+            kill(stopped.si_pid, signal);
         });
         const Subprocess child = Subprocess::spawn(options);
         other.join();

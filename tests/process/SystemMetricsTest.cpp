@@ -1,9 +1,9 @@
-#include "process/SystemMetrics.h"
-
 #include <alloca.h>
+
 #include <sstream>
 #include <thread>
 
+#include "process/SystemMetricsText.h"
 #include "tests/process/ProcessFixture.h"
 
 namespace Plexum3::Base {
@@ -69,25 +69,45 @@ TEST_F(SystemMetricsTest, ClockIsSoughtInTheFirstBlockOnly) {
         {"cpu MHz\t\t: inf\n", 0},
         {"cpu MHz\t\t: \ncpu MHz\t\t: 5\n", 0}};
     for (const auto& [text, hertz] : cases) {
-        std::int64_t found = 0;
+        std::optional<std::int64_t> found;
         std::istringstream lines(text);
-        for (std::string line;
-             std::getline(lines, line) && !parseCpuInfoLine(line.c_str(), found);) {
+        for (std::string line; !found && std::getline(lines, line);) {
+            found = parseCpuInfoLine(line.c_str());
         }
-        EXPECT_EQ(found, hertz) << text;
+        EXPECT_EQ(found.value_or(0), hertz) << text;
     }
 }
 
+TEST_F(SystemMetricsTest, ForbiddenProcessorsAreNotListed) {
+    cpu_set_t before;
+    ASSERT_EQ(sched_getaffinity(getpid(), sizeof before, &before), 0);
+    const int last = getAllowedCpus().back();
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(last, &one);
+    sched_setaffinity(getpid(), sizeof one, &one);
+    EXPECT_EQ(getAllowedCpus(), std::vector{last});
+    sched_setaffinity(getpid(), sizeof before, &before);
+}
+
+TEST_F(SystemMetricsTest, OpenDescriptorsAreCounted) {
+    const int before = getOpenDescriptorCount();
+    const ScopedFd another(dup(STDIN_FILENO));
+    EXPECT_EQ(getOpenDescriptorCount(), before + 1);
+}
+
 TEST_F(SystemMetricsTest, ThreadsAreCountedAndTheirStacksMeasured) {
+    std::thread([] {}).join();  // with the first one a sanitizer starts its own
     const ThreadCounts before = getThreadCounts();
     EXPECT_GE(before.runningThreads, 1);
     std::thread([&before] {
+        pthread_setname_np(pthread_self(), "a\nb");
         EXPECT_EQ(getThreadCounts().threads, before.threads + 1);
         std::uint64_t size = 0;
         std::uint64_t shallow = 0;
         std::uint64_t deep = 0;
         EXPECT_EQ(getStackUsage(size, shallow), 0);
-        volatile char* const ballast = static_cast<char*>(::alloca(65'536));
+        volatile char* const ballast = static_cast<char*>(alloca(65'536));
         ballast[0] = 0;
         EXPECT_EQ(getStackUsage(size, deep), 0);
         EXPECT_GE(deep, shallow + 65'536);

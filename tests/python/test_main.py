@@ -2,6 +2,7 @@
 
 import _thread
 import builtins
+import contextlib
 import errno
 import logging
 import operator
@@ -80,9 +81,10 @@ class EntryScriptTest(unittest.TestCase):
             self.load("__main__", **configuration)
 
     def called(self, *names):
-        """Calls of the application as (operation, arguments...); all but questions to the
-        configuration if no names are given."""
-        return [(name,) + arguments for name, arguments, _ in self.application.mock_calls
+        """Calls of the application as (operation, arguments..., (keyword, argument)...); all but
+        questions to the configuration if no names are given."""
+        return [(name,) + arguments + tuple(keywords.items())
+                for name, arguments, keywords in self.application.mock_calls
                 if (name in names if names else not name.endswith((".has", ".get")))]
 
     def messages(self):
@@ -93,16 +95,17 @@ class EntryScriptTest(unittest.TestCase):
                 ("Nodes2DAPI.TerminateCancelledRenders",), ("NodegraphAPI.SetRootNode", None)]
 
     def test_each_mode_in_the_order_of_its_steps(self):
-        table = (  # options, mode
-            ({"batch": True, "shell": True, "script": "x"}, "batch"),
-            ({"batch": False, "script": "", "shell": True}, "script"),
-            ({"shell": True}, "shell"),
-            ({"shell": False, "script": None}, "ui"),
+        table = (  # options, mode, Qt's path before and after
+            ({"batch": True, "shell": True, "script": "x"}, "batch", None, None),
+            ({"batch": False, "script": "", "shell": True}, "script", None, "/root of it/bin"),
+            ({"shell": True}, "shell", "", ":/root of it/bin"),
+            ({"shell": False, "script": None}, "ui", "/a:/b", "/a:/b:/root of it/bin"),
         )
         setter = CONFIGURATION + ".set"
-        for options, mode in table:
+        for options, mode, before, after in table:
             with self.subTest(options=options):
                 os.environ.pop("QT_PLUGIN_PATH", None)
+                os.environ.update({} if before is None else {"QT_PLUGIN_PATH": before})
                 self.answers["MainOptions.GetOptions"] = (options, ["rest"])
                 module = "UI" if mode == "ui" else mode.capitalize()
                 self.assert_run_ends_with(SystemExit, "^0$")
@@ -114,8 +117,7 @@ class EntryScriptTest(unittest.TestCase):
                 self.assertEqual(calls[-8:], [
                     ("MainCommon.ProcessOptions", options),
                     ("Main%s.Main" % module, options, ["rest"])] + self.CLEAN_UP)
-                self.assertEqual(os.environ.get("QT_PLUGIN_PATH"),
-                                 None if mode == "batch" else "/root of it/bin")
+                self.assertEqual(os.environ.get("QT_PLUGIN_PATH"), after)
                 self.assertEqual(sys.getrecursionlimit(), 10000)
 
     def test_clean_up_on_every_end(self):
@@ -136,16 +138,22 @@ class EntryScriptTest(unittest.TestCase):
                 self.assert_run_ends_with(error, text)
                 self.assertEqual(self.called(*steps), made)
 
-    def test_exception_hook_without_a_traceback(self):
+    def test_exception_hook(self):
         hook = self.load()["excepthook"]
         self.assertIs(sys.excepthook, hook)
+        inner, raised = {}, ValueError("v")
+        exec(compile("def f(e):\n raise e", "/x/inner.py", "exec"), inner)
+        with contextlib.suppress(ValueError):
+            inner["f"](raised)
         for exception, expected in (
                 (IndexError("100% %s"), "An IndexError occurred: 100% %s"),
                 (UnicodeError("u"), "A UnicodeError occurred: u"),
-                (type("", (Exception,), {})("n"), "An exception was raised: n")):
+                (type("", (Exception,), {})("n"), "An exception was raised: n"),
+                (raised, 'A ValueError occurred in "inner.py": v')):
             del self.records[:]
-            hook(type(exception), exception, None)
-            self.assertEqual(self.messages(), [("ERROR", expected)])
+            hook(type(exception), exception, exception.__traceback__)
+            self.assertEqual([(level, text.split("\nTrace")[0]) for level, text in self.messages()],
+                             [("ERROR", expected)])
 
     def test_the_finder_gives_the_running_sys_and_nothing_else(self):
         self.load()
@@ -213,14 +221,18 @@ class EntryScriptTest(unittest.TestCase):
                 self.answers["MachineInfo.Tavrel.GetRenderTileSize"] = tileSize
                 self.load(DEFAULT_RENDERER="a", **configuration)["ProcessEnvironmentVariables"]()
                 isBatch = "TAVREL_BATCH_MODE" in configuration
+                log = logging.getLogger("Main")
+                logged = ("customLogger", log if verbosity else None)
                 expected = calls + [
                     ("Nodes2DAPI.SetRenderThreads", 3), ("Nodes3DAPI.SetRenderThreads", None),
+                    ("MachineInfo.Tavrel.GetRenderTileSize", ("customLogger", log)),
                     *([("Nodes2DAPI.SetTileSize", *tileSize)] if tileSize else []),
-                    ("MachineInfo.Tavrel.GetImageMemoryMB", isBatch),
+                    ("MachineInfo.Tavrel.GetImageMemoryMB", isBatch, logged),
                     ("Nodes2DAPI.SetMaxImageMemory", 100),
-                    ("MachineInfo.Tavrel.GetImageDiskMemoryMB", isBatch),
+                    ("MachineInfo.Tavrel.GetImageDiskMemoryMB", isBatch, logged),
                     ("Nodes2DAPI.SetMaxDiskUsage", 7),
-                    ("Nodes2DAPI.SetSpeculativeCacheEnabled", isOn)]
+                    ("Nodes2DAPI.SetSpeculativeCacheEnabled", isOn),
+                    ("RenderingAPI.RenderPlugins.GetRendererPluginNames", ("includeViewer", False))]
                 self.assertEqual(self.called(*{name for name, *_ in expected}, debug[0]), expected)
                 self.assertEqual([text for _, text in self.messages()], lines)
                 self.assertEqual(self.values["ARNOLD_RENDER_TERMINATION_SIGNAL"],
@@ -246,12 +258,6 @@ class EntryScriptTest(unittest.TestCase):
                 self.load(DEFAULT_RENDERER=configured)["initDefaultRenderer"]()
                 self.assertEqual((self.values["DEFAULT_RENDERER"], self.messages()),
                                  (result, lines))
-
-    def test_qt_path_goes_behind_the_users_own(self):
-        for before, after in (("", ":/root of it/bin"), ("/a:/b", "/a:/b:/root of it/bin")):
-            os.environ["QT_PLUGIN_PATH"] = before
-            self.load()["initQt"]()
-            self.assertEqual(os.environ["QT_PLUGIN_PATH"], after)
 
 
 if __name__ == "__main__":

@@ -13,6 +13,8 @@ import process_table
 from scratch_tree import ScratchTree
 
 SANITIZED = bool(os.environ.get("TAVREL_SANITIZER"))
+# It has a thread of its own in each process, and handlers of its own in front of all others.
+THREAD_SANITIZED = os.environ.get("TAVREL_SANITIZER") == "thread"
 # Far beyond what a start takes on a busy machine; only a hang gets here.
 DEADLINE_SECONDS = 60
 
@@ -26,7 +28,7 @@ class Ended:
 
     def __init__(self, status, out, err, record):
         self.status = status
-        self.out, self.err = (text.decode(errors="surrogateescape") for text in (out, err))
+        self.out, self.err = ((text or b"").decode(errors="surrogateescape") for text in (out, err))
         matches = map(LOG_LINE.fullmatch, self.err.splitlines())
         self.log = [match.groups() for match in matches if match]
         self.texts = [text for _, _, text in self.log]
@@ -77,17 +79,19 @@ class SystemTest(unittest.TestCase):
         }
         if SANITIZED:
             # The interpreter leaks by design; Breakpad and the tests want the signals themselves.
-            values["ASAN_OPTIONS"] = ("detect_leaks=0:handle_segv=0:handle_abort=0:handle_sigbus=0:"
-                                      "handle_sigfpe=0:handle_sigill=0:verify_asan_link_order=0")
+            options = "handle_segv=0:handle_abort=0:handle_sigbus=0:handle_sigfpe=0:handle_sigill=0"
+            values["ASAN_OPTIONS"] = options + ":detect_leaks=0:verify_asan_link_order=0"
+            values["TSAN_OPTIONS"] = options
         values.update(changes)
         return {key: value for key, value in values.items() if value is not None}
 
     def start(self, tree, *args, env=None, program=None, **popen):
         """Starts a launcher with pipes on its streams; None in env takes a variable out."""
         process = subprocess.Popen([program or tree.bin / "tavrel", *args],
-                                   env=self.environment(tree, env or {}), stdin=subprocess.PIPE,
-                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, bufsize=0,
-                                   **{"cwd": tree.folder, **popen})
+                                   env=self.environment(tree, env or {}), bufsize=0,
+                                   **{"cwd": tree.folder, "stdin": subprocess.PIPE,
+                                      "stdout": subprocess.PIPE, "stderr": subprocess.PIPE,
+                                      **popen})
         self._running.append(process)
         return process
 

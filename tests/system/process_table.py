@@ -37,8 +37,8 @@ def thread_statuses(pid):
         try:
             with open(f"/proc/{pid}/task/{task}/status", errors="surrogateescape") as status:
                 yield parse_status(status.read())
-        except FileNotFoundError:
-            pass  # the thread ended meanwhile
+        except (FileNotFoundError, ProcessLookupError):
+            pass  # the thread ended meanwhile, before the file was opened or before it was read
 
 
 def identity(pid):
@@ -51,6 +51,16 @@ def identity(pid):
 def children():
     with open(f"/proc/self/task/{os.getpid()}/children") as pids:
         return {int(pid) for pid in pids.read().split()}
+
+
+def running(program):
+    """The processes that run this program file, zombies left out."""
+    for pid in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            if os.readlink(f"/proc/{pid}/exe") == str(program):
+                yield int(pid)
+        except OSError:
+            pass  # a zombie, another user's, ended meanwhile
 
 
 def wait_for_end(pid, deadline):

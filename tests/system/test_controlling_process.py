@@ -1,12 +1,13 @@
 """A launcher does not outlive the process that controls it."""
 
 import os
+import socket
 import subprocess
 import sys
 import time
 import unittest
 
-from launch import DEADLINE_SECONDS, SystemTest
+from launch import DEADLINE_SECONDS, THREAD_SANITIZED, SystemTest
 from process_table import ALL_BLOCKED, identity, thread_statuses
 
 VARIABLE = "__TAVREL_CONTROLLING_PROCESS"
@@ -36,13 +37,14 @@ class WatchdogTest(SystemTest):
         while True:
             threads = [status for status in thread_statuses(process.pid)
                        if status["SigBlk"] == ALL_BLOCKED]
-            if len(threads) == count:
+            if len(threads) == count + THREAD_SANITIZED:
                 return threads
             self.assertLess(time.monotonic(), deadline, threads)
             time.sleep(0.01)
 
-    def start_watching(self, value):
-        process = self.start(self.tree, "--batch", env={VARIABLE: value, "RECORDER_ACT": PUBLISH})
+    def start_watching(self, value, **popen):
+        process = self.start(self.tree, "--batch", env={VARIABLE: value, "RECORDER_ACT": PUBLISH},
+                             **popen)
         return process, self.await_line(process.stdout, "value ").split(" ", 1)[1]
 
     def test_what_a_value_starts(self):
@@ -79,10 +81,15 @@ class WatchdogTest(SystemTest):
                                               stdin=subprocess.PIPE)
                 self._running.append(controller)
                 pid, value = controller.pid, identity(controller.pid)
-                process, _ = self.start_watching(value)
+                # Each write arrives by itself.
+                writes, stderr = socket.socketpair(type=socket.SOCK_SEQPACKET)
+                process, _ = self.start_watching(value, stderr=stderr)
+                stderr.close()
                 end(controller)
                 self.assertEqual(process.wait(DEADLINE_SECONDS), 1)
-                self.assertEqual(process.stderr.read().decode().splitlines()[-3:], [
+                with writes:
+                    lines = [line.decode() for line in iter(lambda: writes.recv(1 << 16), b"")]
+                self.assertEqual([line.rstrip("\n") for line in lines[-3:]], [
                     "[BOOTSTRAP] ERROR: Failed to determine existence of parent process with the "
                     f'given PID {pid}: "No such process"',
                     "[BOOTSTRAP] INFO: The PID of the parent process is defined by the value of "
@@ -90,6 +97,22 @@ class WatchdogTest(SystemTest):
                     f"[BOOTSTRAP] WARNING: Parent process not found: PID {pid}. "
                     f"Terminating this `tavrel` process (PID {process.pid})..."])
                 self.assertEqual(os.path.exists(f"/proc/{pid}"), state == "zombie")
+
+    def test_neither_a_full_pipe_nor_a_lost_folder_keeps_a_launcher_alive(self):
+        controller = subprocess.Popen([sys.executable, "-c", "input()"], stdin=subprocess.PIPE)
+        self._running.append(controller)
+        folder = self.tree.folder / "lost"
+        folder.mkdir()
+        unread, stderr = os.pipe()
+        self.addCleanup(os.close, unread)
+        process = self.start(self.tree, "--batch", cwd=folder, stderr=stderr, env={
+            VARIABLE: identity(controller.pid),
+            "RECORDER_ACT": "import os; print('up', flush=True); os.write(2, bytes(1 << 20))"})
+        os.close(stderr)
+        self.await_line(process.stdout, "up")
+        folder.rmdir()
+        controller.kill()
+        self.assertEqual(process.wait(DEADLINE_SECONDS), 1)
 
     def test_chain_of_launchers_follows_its_first_into_death(self):
         first = self.start(self.tree, "--batch", env={

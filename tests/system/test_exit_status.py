@@ -1,5 +1,6 @@
 """How a run ends: the status, the words, and whether the closed library was taken down."""
 
+import os
 import unittest
 
 from launch import SystemTest
@@ -64,6 +65,39 @@ class ExitStatusTest(SystemTest):
                 ended = self.run_launcher(tree, "--batch", "-V", "0", act=act)
                 self.assertEqual((ended.status, bool(ended.err)), (status, bool(err)), ended.err)
                 self.assertIn(err, ended.err)
+
+    def test_lost_output_is_no_success(self):
+        tree = self.scratch_tree()
+        native = "import ctypes; ctypes.CDLL(None).puts(b'native')"
+        lost = "tavrel: standard output could not be written"
+        for mode, act, status, err in (
+                ("--batch", "", 0, ""), ("--batch", "print(1)", 255, lost),
+                ("--script=x", "import atexit; atexit.register(print, 1)", 255, lost),
+                ("--batch", "print(1); import io, sys; sys.stdout = io.StringIO()", 255, lost),
+                ("--batch", native, 255, lost), ("--batch", "print(1); import sys; sys.exit(3)", 3, lost),
+                ("--shell", "print(1)", 0, lost)):
+            with self.subTest(mode=mode, act=act), open("/dev/full", "w") as full:
+                ended = self.run_launcher(tree, mode, "-V0", act=act, stdout=full)
+                self.assertEqual((ended.status, ended.err.count("\n")), (status, bool(err)), ended.err)
+                self.assertIn(err, ended.err)
+
+    def test_native_lines_are_out_when_they_are_written(self):
+        act = ("import ctypes, os; libc = ctypes.CDLL(None); libc.puts(b'out')\n"
+               "libc.fputs(b'err\\n', ctypes.c_void_p.in_dll(libc, 'stderr')); os._exit(0)")
+        ended = self.run_launcher(self.scratch_tree(), "--batch", "-V0", act=act)
+        self.assertEqual((ended.out, ended.err), ("out\n", "err\n"))
+
+    def test_files_do_not_take_the_place_of_closed_streams(self):
+        tree = self.scratch_tree()
+        (tree.folder / "picture").touch()
+        act = ("import os; print(1); os.write(2, b'2'); os.read(0, 0)\n"
+               "assert {os.readlink('/proc/self/fd/%%d' %% fd) for fd in %r} == {'/dev/null'}\n"
+               "os._exit(os.open('picture', os.O_RDWR))")
+        for closed in ((0,), (1,), (2,), (0, 1, 2)):
+            with self.subTest(closed):
+                ended = self.run_launcher(tree, "--batch", act=act % (closed,),
+                                          preexec_fn=lambda: [os.close(fd) for fd in closed])
+                self.assertIn(ended.status, range(3, 200), ended.err)
 
     def test_exit_line_comes_whatever_the_outcome_and_the_report_behind_it(self):
         tree = self.scratch_tree()

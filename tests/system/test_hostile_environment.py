@@ -8,17 +8,11 @@ from launch import SystemTest
 from test_python_layout import own_entries
 
 # What stands in each place. Each module notes that it was loaded; no library is one.
-LIBRARIES = {
-    "interpreter": ["libpython3.7m.so.1.0"],
-    "closed library": ["libZkPlexum3.so", "libZkConfiguration.so", "libTavrelOpenGLProbe.so"],
-}
-MODULES = {
-    "standard library": ["encodings/__init__", "codecs", "io", "abc", "site", "os", "threading",
-                         "logging/__init__", "json/__init__", "xml/__init__"],
-    "application": ["MainOptions", "MainScript", "Nodes2DAPI", "ConfigurationAPI_cmodule",
-                    "RenderingAPI/__init__", "TavrelVersion"],
-    "customization": ["sitecustomize", "usercustomize"],
-}
+LIBRARIES = ["libpython3.7m.so.1.0", "libZkPlexum3.so", "libZkConfiguration.so",
+             "libTavrelOpenGLProbe.so"]
+MODULES = ("encodings/__init__ codecs io abc site os threading logging/__init__ json/__init__ "
+           "xml/__init__ MainOptions MainScript Nodes2DAPI ConfigurationAPI_cmodule "
+           "RenderingAPI/__init__ TavrelVersion sitecustomize usercustomize").split()
 NOTE = """import posix
 note = posix.open({mark!r}, posix.O_WRONLY | posix.O_APPEND | posix.O_CREAT, 0o600)
 posix.write(note, __name__.encode() + b"\\n")
@@ -38,13 +32,11 @@ CUSTOMIZATION = {"sitecustomize", "usercustomize"}
 # Variable, value, exit status, what standard error says.
 INTERPRETER_VARIABLES = [
     ("PYTHONIOENCODING", "nonsense", -6, "LookupError: unknown encoding: nonsense"),
-    ("PYTHONIOENCODING", "utf-8:nonsense", 0, ""),
     ("PYTHONHASHSEED", "x", 1, "PYTHONHASHSEED must be"),
     ("PYTHONMALLOC", "x", 1, "Unknown PYTHONMALLOC allocator"),
     ("PYTHONMALLOC", "debug", 0, ""),
     ("PYTHONUTF8", "x", 1, "invalid PYTHONUTF8"),
     ("PYTHONTRACEMALLOC", "x", 1, "PYTHONTRACEMALLOC: invalid number of frames"),
-    ("PYTHONCOERCECLOCALE", "x", 0, ""),
     ("PYTHONINSPECT", "1", 0, ""),
 ]
 
@@ -60,7 +52,7 @@ class HostileEnvironmentTest(SystemTest):
         self.probe.write_text(PROBE)
 
     def place(self, folder):
-        for name in sum(LIBRARIES.values(), []) + [f"{m}.py" for m in sum(MODULES.values(), [])]:
+        for name in LIBRARIES + [f"{module}.py" for module in MODULES]:
             (folder / name).parent.mkdir(parents=True, exist_ok=True)
             (folder / name).write_text(NOTE.format(mark=str(self.mark)))  # not a library, either
 
@@ -85,46 +77,55 @@ class HostileEnvironmentTest(SystemTest):
              [f"{hostile}/.local/{site}"], CUSTOMIZATION),
             ("virtual environment", site, {"PATH": f"{hostile}/bin:/usr/bin:/bin"}, clean,
              [f"{hostile}/{site}"], {"sitecustomize"}),
-            ("everywhere", "", {"LD_LIBRARY_PATH": hostile, "PYTHONHOME": hostile, "HOME": hostile,
-                                "PYTHONPATH": hostile}, self.hostile, None, CUSTOMIZATION),
         ]
-
-    def check(self, kind, loaded, seen, expected):
-        if kind in LIBRARIES:
-            self.assertFalse([path for path in seen["mapped"] if path.startswith(str(self.hostile))])
-            self.assertTrue([path for path in seen["mapped"]
-                             if path.endswith("/" + LIBRARIES[kind][0])])
-        else:
-            names = {name.partition("/")[0] for name in MODULES[kind]}
-            self.assertEqual(loaded & names, expected & names)
 
     def test_nothing_stands_in_for_a_file_of_the_tree(self):
         for place, folder, env, cwd, entries, expected in self.places():
             self.place(self.hostile / folder)
-            self.mark.unlink(missing_ok=True)
+            self.mark.write_text("")
             ended = self.run_launcher(self.tree, "--script", str(self.probe), env=env, cwd=cwd)
             with self.subTest(place):
                 self.assertEqual(ended.status, 0, ended.err)
-            seen = json.loads(ended.out)
-            loaded = set(self.mark.read_text().split()) if self.mark.exists() else set()
-            for kind in [*LIBRARIES, *MODULES]:
-                with self.subTest(place=place, kind=kind):
-                    self.check(kind, loaded, seen, expected)
-            with self.subTest(place=place, kind="search path and what children get"):
+                self.assertEqual(set(self.mark.read_text().split()), expected)
+                seen = json.loads(ended.out)
+                self.assertFalse([path for path in seen["mapped"]
+                                  if path.startswith(str(self.hostile))])
+                self.assertLess({"libpython3.7m.so.1.0", "libZkPlexum3.so"},
+                                {path.rpartition("/")[2] for path in seen["mapped"]})
                 own = [str(self.probe.parent), *own_entries(self.tree.root)]
                 usd = f"{self.tree.root}/plugins/Resources/Usd/lib/python"
-                self.assertEqual(seen["path"][:len(own)], own)
-                if entries is not None:
-                    self.assertEqual(seen["path"][len(own):], entries + [usd])
+                self.assertEqual(seen["path"], own + entries + [usd])
                 self.assertEqual(seen["child"], f"{self.tree.bin}/python3.7")
                 for name in ("LD_LIBRARY_PATH", "PYTHONHOME", "PYTHONPATH"):
                     self.assertEqual(seen["environment"].get(name), env.get(name))
                     self.assertEqual(seen["environ"].get(name), env.get(name))
 
+    def test_site_code_and_its_programs_have_the_users_own_value_and_take_interrupts(self):
+        self.hostile.mkdir()
+        (self.hostile / "sitecustomize.py").write_text("""if __import__("sys").prefix.endswith("3.7"):
+    import os, subprocess
+    with open("/proc/self/stat") as stat:
+        os.environ["SEEN"] = subprocess.check_output(
+            "echo $PYTHONPATH; exec grep SigBlk /proc/self/status", shell=True).decode()
+    os.environ["PYTHONPATH"] += ":/changed"
+""")
+        # What a script blocks itself its programs inherit.
+        self.probe.write_text("""import os, signal, subprocess
+signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGINT})
+mask = subprocess.check_output(["grep", "SigBlk", "/proc/self/status"]).decode()
+print(os.environ["SEEN"], os.environ["PYTHONPATH"], mask)
+""")
+        ended = self.run_launcher(self.tree, "--script", str(self.probe),
+                                  env={"PYTHONPATH": str(self.hostile)})
+        self.assertEqual(ended.out.split(), [str(self.hostile), "SigBlk:", 16 * "0",
+                                             f"{self.hostile}:/changed",
+                                             "SigBlk:", 15 * "0" + "2"], ended.err)
+
     def test_interpreter_variables(self):
         for name, value, status, text in INTERPRETER_VARIABLES:
             with self.subTest(f"{name}={value}"):
-                ended = self.run_launcher(self.tree, "-V0", "--batch", env={name: value})
+                ended = self.run_launcher(self.tree, "-V0", "--batch", "/dev/null",
+                                          env={name: value})
                 self.assertEqual(ended.status, status, ended.err)
                 self.assertIn(text, ended.err)
                 self.assertEqual(bool(text), "Fatal Python error" in ended.err)

@@ -27,7 +27,6 @@ class SearchPathTest(SystemTest):
         off = {"TAVREL_USD_PLUGINS_DISABLED": "1"}
         table = [
             (off, own),
-            ({"PYTHONHOME": "/nowhere"}, own + [usd]),
             ({pre: "/p:/q"}, ["/p", "/q"] + own + [usd]),
             ({pre: bin_}, [bin_] + without_bin + [usd]),
             ({pre: f"{bin_}/"}, [f"{bin_}/"] + own + [usd]),
@@ -55,8 +54,13 @@ class SearchPathTest(SystemTest):
         self.assertEqual(start["environment"]["TAVREL_INTERNAL_PYTHONPATH"],
                          ":".join(["/p", *own]))
 
-        ended = self.run_launcher(self.scratch_tree(os.fsdecode(b"tree\xff")), "--batch")
-        self.assertEqual((ended.status, ended.mode), (0, "MainBatch"), ended.err)
+        tree = self.scratch_tree(os.fsdecode(b"tree\xff"))
+        for env in ({}, {"PYTHONPATH": ""}, {"PYTHONPATH": "/\u00fc:/\udcff"}):
+            ended = self.run_launcher(tree, "--batch",
+                                      env={"TAVREL_USD_PLUGINS_DISABLED": "1", **env})
+            self.assertEqual((ended.status, ended.mode), (0, "MainBatch"), ended.err)
+            behind = [entry for entry in env.get("PYTHONPATH", "").split(":") if entry]
+            self.assertEqual(ended.start["path"], own_entries(tree.root) + behind)
 
 
 class ArgumentsTest(SystemTest):
@@ -69,13 +73,18 @@ class ArgumentsTest(SystemTest):
                          [os.fsdecode(arg) for arg in args])
 
 
+# The locale of the main thread alone, or none: -1.
+LOCALE = "import ctypes; note('locale', own=ctypes.CDLL(None).uselocale(None))"
+
+
 class PlacesTest(SystemTest):
     def check(self, tree, program=None, **env):
-        ended, cleanup = self.run_with_cleanup(tree, "--batch", program=program,
+        ended, cleanup = self.run_with_cleanup(tree, "--batch", program=program, act=LOCALE,
                                                env={"TAVREL_USD_PLUGINS_DISABLED": "1", **env})
         self.assertEqual((ended.status, ended.mode), (0, "MainBatch"), ended.err)
         self.assertEqual(ended.start["configuration"]["TAVREL_ROOT"], str(tree.root))
         self.assertEqual(cleanup["argv"][0], f"{tree.bin}/tavrelCleanup")
+        self.assertEqual(ended.events[-1], {"event": "locale", "own": -1})
         if "LANG" not in env:
             self.assertEqual(ended.start["path"], own_entries(tree.root))
         return ended

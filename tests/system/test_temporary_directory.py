@@ -47,14 +47,6 @@ class ChoiceTest(SystemTest):
                 self.assertEqual((ended.status, cleanup is None, "Spawning" in ended.err),
                                  (0, kept, not kept))
 
-    def test_unusable_directory_ends_the_run(self):
-        tree = self.scratch_tree()
-        (tree.folder / "file").touch()
-        ended = self.run_launcher(tree, "--batch", env={"TAVREL_TMPDIR": "file"})
-        self.assertEqual((ended.status, ended.mode), (1, None))
-        self.assertIn(f'TAVREL_TMPDIR: Path "{tree.folder}/file" exists, '
-                      "but does not point to a directory.", ended.err)
-
 
 class CleanupProcessTest(SystemTest):
     def test_starts_with_nothing_of_its_launcher(self):
@@ -83,12 +75,18 @@ class CleanupProcessTest(SystemTest):
         self.assertNotIn(session, (pid, ended.start["pid"], os.getsid(0)))
         self.assertEqual(terminal, 0)
 
-    def test_missing_program_is_not_noticed(self):
+    def test_unusable_program_is_said_and_ends_no_run(self):
         tree = self.scratch_tree()
-        (tree.bin / "tavrelCleanup").unlink()
-        ended = self.run_launcher(tree, "--batch")
-        self.assertEqual((ended.status, ended.mode), (0, "MainBatch"))
-        self.assertNotIn("tavrelCleanup", ended.err)
+        program = tree.bin / "tavrelCleanup"
+        program.unlink()
+        for reason, make in (("No such file or directory", lambda: None),
+                             ("Permission denied", program.touch),
+                             ("Permission denied", lambda: (program.unlink(), program.mkdir()))):
+            make()
+            ended = self.run_launcher(tree, "--batch", "-V0")
+            self.assertEqual((ended.status, ended.mode), (0, "MainBatch"))
+            self.assertEqual(len(ended.texts), 1)
+            self.assertRegex(ended.texts[0], f'The temporary directory ".*" will stay: "{program}": {reason}')
 
 
 class RealCleanupTest(SystemTest):
@@ -123,12 +121,7 @@ class RealCleanupTest(SystemTest):
                 ("os._exit(4)", None, 4), (wait, signal.SIGTERM, 143), (wait, signal.SIGKILL, -9)):
             with self.subTest(ending, signal=number):
                 self.assertEqual(self.run_job(ending, number), (status, False))
-
-    def test_removes_a_directory_that_the_user_named_unless_told_to_keep_it(self):
-        for keep in "01":
-            with self.subTest(keep):
-                self.assertEqual(self.run_job("", TAVREL_TMPDIR="mine", TAVREL_KEEP_TMPDIR=keep),
-                                 (0, keep == "1"))
+        self.assertEqual(self.run_job("", TAVREL_TMPDIR="mine"), (0, False))
 
 
 if __name__ == "__main__":

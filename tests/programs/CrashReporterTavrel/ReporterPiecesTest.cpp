@@ -2,23 +2,24 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <google_breakpad/common/minidump_format.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <random>
 #include <set>
 #include <stdexcept>
 
-#include "processor/cfi_frame_info.h"
-#include "programs/CrashReporterTavrel/CrashReport.h"
-#include "programs/CrashReporterTavrel/DumpFolder.h"
-#include "programs/CrashReporterTavrel/ElfImage.h"
-#include "programs/CrashReporterTavrel/KeepPrompt.h"
-#include "programs/CrashReporterTavrel/ProcessSnapshot.h"
+#include "process/ProcessLife.h"
+#include "programs/CrashReporterTavrel/dump/DumpFolder.h"
+#include "programs/CrashReporterTavrel/dump/ProcessSnapshot.h"
+#include "programs/CrashReporterTavrel/question/KeepPrompt.h"
+#include "programs/CrashReporterTavrel/report/CrashReport.h"
+#include "programs/CrashReporterTavrel/report/SignalText.h"
 
 namespace Zendrik::Reporter {
 namespace {
@@ -79,17 +80,22 @@ TEST(ProcessSnapshot, ReadsRunModeAsTheLauncherChoosesIt) {
     }
 }
 
-TEST(ProcessSnapshot, ReadsKernelTextsWhateverTheProcessIsCalled) {
-    const std::string behind = " S 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 4711 20 21";
+TEST(ProcessSnapshot, ReadsNumbersWhateverTheProcessIsCalled) {
+    using Plexum3::Base::ProcessLife;
+    const std::string between = " 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 ";
     const struct {
-        std::string stat;
-        int64_t ticks;
-    } cases[] = {{"1 (plain)" + behind, 4711},
-                 {"1 (a b) c)" + behind, 4711},
-                 {"1 (short) S 1 2", -1},
-                 {"", -1}};
+        std::string start;
+        std::string threads;
+        ProcessLife::State state;
+    } cases[] = {{"1 (plain) S", "1", ProcessLife::State::Living},
+                 {"1 (a b) c) R", "1", ProcessLife::State::Living},
+                 {"1 (first thread ended) Z", "2", ProcessLife::State::Living},
+                 {"1 (all ended) Z", "1", ProcessLife::State::Ended}};
     for (const auto& test : cases) {
-        EXPECT_EQ(startTicksOf(test.stat), test.ticks) << test.stat;
+        const std::string text = test.start + between + test.threads + " 18 4711 20 21";
+        const ProcessLife life = Plexum3::Base::parseProcessLife(text.c_str());
+        EXPECT_EQ(life.state, test.state) << test.start;
+        EXPECT_EQ(life.startTicks, 4711) << test.start;
     }
     const std::string status =
         "Name:\tVmRSS: 9\nVmHWM:\t  12 kB\nVmRSS:\t  34 kB\nThreads:\tmany\n";
@@ -105,11 +111,47 @@ TEST(CrashReport, SessionIsTheLastEntryOfTheEnvironment) {
     EXPECT_EQ(sessionIdOf(environment + 3), "");
 }
 
+TEST(SignalText, TellsWhatTheKernelTold) {
+    constexpr pid_t pid = 100;
+    constexpr std::uint64_t wild = 0x6161616161616161;
+    const struct {
+        Stacks::CapturedSignal signal;
+        std::uint64_t rdx;
+        const char* text;
+    } cases[] = {
+        {{SIGSEGV, SEGV_MAPERR, 0x10, 16}, wild, "SIGSEGV (SEGV_MAPERR) at 0x10"},
+        {{SIGSEGV, SI_KERNEL, 0, 0},
+         wild,
+         "SIGSEGV (general protection), which tells no address; probably a non-canonical one: "
+         "rdx is 0x6161616161616161"},
+        {{SIGSEGV, SI_KERNEL, 0, 0},
+         ~std::uint64_t{0} << 47,
+         "SIGSEGV (general protection), which tells no address"},
+        {{SIGSEGV, SI_KERNEL, 0, 0},
+         std::uint64_t{1} << 47,
+         "SIGSEGV (general protection), which tells no address; probably a non-canonical one: "
+         "rdx is 0x800000000000"},
+        {{SIGABRT, SI_TKILL, pid, pid}, 0, "SIGABRT, sent by itself"},
+        {{SIGSEGV, SI_USER, 7, 7}, 0, "SIGSEGV, sent by process 7"},
+        {{SIGSEGV, SI_USER, 0, 0}, 0, "SIGSEGV, sent by a process that can't be seen from here"},
+        {{SIGFPE, FPE_INTDIV, 0x401000, 0}, 0, "SIGFPE (FPE_INTDIV) at 0x401000"},
+        {{SIGTRAP, SI_KERNEL, 0, 0}, 0, "SIGTRAP (code 128)"},
+        {{0, 0, 0, 0}, 0, "unknown"},
+    };
+    for (const auto& test : cases) {
+        Stacks::StackCapture capture;
+        capture.pid = capture.crashedTid = pid;
+        capture.signal = test.signal;
+        capture.threads.push_back({pid, "", {0, test.rdx}, 0});
+        EXPECT_EQ(signalText(capture), test.text);
+    }
+}
+
 TEST(CrashReport, TakesInThePythonStackLogOfThisRunAlone) {
-    constexpr int64_t start = 1700000000;
+    constexpr std::int64_t start = 1700000000;
     const struct {
         const char* file;
-        int64_t written;
+        std::int64_t written;
         bool taken;
     } cases[] = {
         {"absent", start + 1, false},
@@ -129,18 +171,17 @@ TEST(CrashReport, TakesInThePythonStackLogOfThisRunAlone) {
         ProcessSnapshot process;
         process.startedNs = start * 1000000000;
         process.workingDirectory.reset(open(work.path.c_str(), O_PATH | O_CLOEXEC));
-        std::FILE* out = std::fopen((work / "report").c_str(), "w");
-        EXPECT_FALSE(writeReport(out, {process, "", "no.dmp", 0}, work / "no.dmp"));
-        EXPECT_EQ(std::fclose(out), 0);
-        const std::string report = contentOf(work / "report");
-        EXPECT_NE(report.find("\nThe dump can't be read"), std::string::npos);
+        Stacks::StackCapture capture;
+        capture.files.push_back({0, 1, "/a\x1b[2J.so", ""});
+        const std::string report = draftText({process, "", "no.dmp", 0, ""}, capture, {});
+        EXPECT_THAT(report, testing::HasSubstr("  /a?[2J.so\n"));
         EXPECT_EQ(report.find("\nC function call\n1 ?[2J\n") != std::string::npos, test.taken);
     }
 }
 
 std::string guidNumbered(int number) {
     char guid[40];
-    (void)std::snprintf(guid, sizeof guid, "%08x-0000-0000-00000000-00000000", number);
+    static_cast<void>(std::snprintf(guid, sizeof guid, "%08x-0000-0000-00000000-00000000", number));
     return guid;
 }
 
@@ -149,25 +190,25 @@ void writePair(const ScratchFolder& folder, int number, const std::string& headi
     writeFile(folder / (guidNumbered(number) + ".txt"), heading);
     std::filesystem::last_write_time(
         folder / (guidNumbered(number) + ".txt"),
-        std::filesystem::file_time_type::clock::now() + std::chrono::seconds(number));
+        std::filesystem::file_time_type::clock::now() + std::chrono::minutes(number));
 }
 
 TEST(DumpFolder, RemovesTheOldestOfItsOwnPairsOnly) {
     const ScratchFolder scratch;
-    const std::string heading = std::string(kReportHeading) + "\n";
+    const std::string heading = std::string(reportHeading) + "\n";
     for (int number = 10; number < 15; ++number) {
         writePair(scratch, number, heading);
     }
     // Older than all of those, and each for one reason not the product's.
     writePair(scratch, 1, "Another crash report\n");
-    writePair(scratch, 2, std::string(kReportHeading) + "s\n");
+    writePair(scratch, 2, std::string(reportHeading) + "s\n");
     writePair(scratch, 3, "");
     std::filesystem::remove(scratch / (guidNumbered(3) + ".txt"));
     std::filesystem::create_symlink(guidNumbered(10) + ".txt",
                                     scratch / (guidNumbered(3) + ".txt"));
     writeFile(scratch / "notes.txt", heading);
     ASSERT_EQ(mkfifo((scratch / (guidNumbered(4) + ".txt")).c_str(), 0600), 0);
-    const size_t before = scratch.names().size();
+    const std::size_t before = scratch.names().size();
 
     int error = -1;
     const DumpFolder folder = DumpFolder::open(scratch.path, &error);
@@ -181,6 +222,70 @@ TEST(DumpFolder, RemovesTheOldestOfItsOwnPairsOnly) {
     }
 }
 
+TEST(DumpFolder, OfCrashesAtOnceTheFirstIsKept) {
+    const ScratchFolder scratch;
+    const auto writeDumpAt = [&](int number, std::chrono::seconds age) {
+        const std::filesystem::path dump = scratch / (guidNumbered(number) + ".dmp");
+        MDRawHeader header{};
+        header.signature = MD_HEADER_SIGNATURE;
+        header.version = MD_HEADER_VERSION;
+        writeFile(dump, std::string(reinterpret_cast<const char*>(&header), sizeof header));
+        const Plexum3::Base::ScopedFd file(open(dump.c_str(), O_WRONLY | O_CLOEXEC));
+        if (number != 1) {  // another product's, older than all
+            markDump(file.get());
+        }
+        std::filesystem::last_write_time(dump, std::filesystem::file_time_type::clock::now() - age);
+    };
+    writeDumpAt(1, std::chrono::hours(2));
+    for (int number = 10; number < 16; ++number) {  // without reports
+        writeDumpAt(number, std::chrono::seconds(3600 - number));
+    }
+    int error = -1;
+    const DumpFolder folder = DumpFolder::open(scratch.path, &error);
+    folder.removeOldest(3);
+    std::set<std::string> kept;
+    for (const int number : {1, 10, 14, 15}) {
+        kept.insert(guidNumbered(number) + ".dmp");
+    }
+    EXPECT_EQ(scratch.names(), kept);
+}
+
+TEST(DumpFolder, SweepsWhatADeadProcessLeftAndNothingElse) {
+    const ScratchFolder scratch;
+    int error = -1;
+    const DumpFolder folder = DumpFolder::open(scratch.path, &error);
+    Staging living;
+    ASSERT_EQ(folder.makeStaging(&living), 0);
+    const std::set<std::string> before = scratch.names();
+    Staging dead;
+    ASSERT_EQ(folder.makeStaging(&dead), 0);
+    writeFile(dead.path() + "/half a dump", "");
+    dead.leaveToOthers();
+    std::set<std::string> after = before;
+    const auto setAge = [](const std::string& path, std::chrono::hours age) {
+        std::filesystem::last_write_time(path, std::filesystem::file_time_type::clock::now() - age);
+    };
+    const auto keep = [&](const std::string& name, std::chrono::hours age) {
+        std::filesystem::create_directory(scratch / name);
+        setAge(scratch / name, age);
+        after.insert(name);
+    };
+    keep(".tavrel-crash-00000000-of another machine", std::chrono::hours(23));
+    if (geteuid() == 0) {
+        const std::string ofAnotherUser = ".tavrel-crash-00000000-of another user";
+        keep(ofAnotherUser, std::chrono::hours(25));
+        ASSERT_EQ(chown((scratch / ofAnotherUser).c_str(), 65534, 65534), 0);
+    }
+    const ScratchFolder elsewhere;
+    writeFile(elsewhere / "file", "");
+    setAge(elsewhere.path, std::chrono::hours(25));
+    std::filesystem::create_directory_symlink(elsewhere.path, scratch / ".tavrel-crash-link");
+    folder.sweep();
+    after.insert(".tavrel-crash-link");
+    EXPECT_EQ(scratch.names(), after);
+    EXPECT_EQ(elsewhere.names(), (std::set<std::string>{"file"}));
+}
+
 TEST(DumpFolder, PublishesOnceAndNeverOverAFile) {
     const ScratchFolder scratch;
     int error = -1;
@@ -191,6 +296,8 @@ TEST(DumpFolder, PublishesOnceAndNeverOverAFile) {
     {
         Staging staging;
         ASSERT_EQ(folder.makeStaging(&staging), 0);
+        EXPECT_EQ(std::filesystem::status(staging.path()).permissions(),
+                  std::filesystem::perms::owner_all);
         writeFile(staging.path() + "/draft", "new");
         writeFile(staging.path() + "/rest", "");
         EXPECT_EQ(staging.publish("draft", "taken"), EEXIST);
@@ -223,6 +330,10 @@ TEST(KeepPrompt, RemovesOnlyOnTheButtonThatRemoves) {
         {"kdialog", "exec /bin/sleep 1000", Answer::Keep},  // longer than the limit
         {"other", "exit 0", Answer::Keep},
     };
+    const ScratchFolder elsewhere;
+    writeFile(elsewhere / "zenity", "#!/bin/sh\n");
+    std::filesystem::permissions(elsewhere / "zenity", std::filesystem::perms::owner_all);
+    const std::string relative = ":" + std::filesystem::relative(elsewhere.path).string() + ":";
     for (const auto& test : cases) {
         SCOPED_TRACE(std::string(test.program) + ": " + test.script);
         const ScratchFolder programs;
@@ -230,61 +341,12 @@ TEST(KeepPrompt, RemovesOnlyOnTheButtonThatRemoves) {
         const std::string program = programs / test.program;
         writeFile(program, "#!/bin/sh\necho \"$*\" >" + said + "\n" + test.script + "\n");
         std::filesystem::permissions(program, std::filesystem::perms::owner_all);
-        ASSERT_EQ(setenv("PATH", (":bin:" + programs.path.string()).c_str(), 1), 0);
+        ASSERT_EQ(setenv("PATH", (relative + programs.path.string()).c_str(), 1), 0);
         EXPECT_EQ(askWhetherToKeep("/folder/report.txt", 1), test.answer);
         if (std::string(test.program) != "other") {
             EXPECT_THAT(contentOf(said), testing::HasSubstr("/folder/report.txt"));
         }
     }
-}
-
-TEST(ElfImage, FindsFunctionsAndTheirUnwindRules) {
-    const auto image = ElfImage::open(SMALL_PROGRAM);
-    ASSERT_TRUE(image);
-    EXPECT_EQ(image->buildId().size(), 40U);
-    EXPECT_EQ(image->functionAt(0), nullptr);
-    EXPECT_EQ(image->unwindRules(0), nullptr);
-    // Every function with code of its own is found from its first byte, and most have rules.
-    size_t found = 0;
-    for (uint64_t address = 0; address < 0x1000000 && found == 0; ++address) {
-        const ElfFunction* function = image->functionAt(address);
-        if (function != nullptr && function->address == address &&
-            std::string(function->name) == "main") {
-            ++found;
-            const auto rules = image->unwindRules(address);
-            ASSERT_TRUE(rules);
-            EXPECT_EQ(rules->Serialize(), ".cfa: $rsp 8 + .ra: .cfa -8 + ^");
-            EXPECT_EQ(image->functionAt(address + function->size - 1), function);
-        }
-    }
-    EXPECT_EQ(found, 1U);
-}
-
-TEST(ElfImage, DamagedFilesGiveLessAndNeverACrash) {
-    const ScratchFolder scratch;
-    const std::string whole = contentOf(SMALL_PROGRAM);
-    const std::string file = scratch / "damaged";
-    std::mt19937 random(4711);  // NOLINT(bugprone-random-generator-seed): the same damage each run
-    for (int round = 0; round < 150; ++round) {
-        std::string bytes = whole;
-        if (round % 3 == 0) {
-            bytes.resize(random() % bytes.size());
-        }
-        // The header, the table of unwind rules and the symbols lie at both ends.
-        for (int hit = 0; hit < 40 && !bytes.empty(); ++hit) {
-            const size_t span = hit % 2 == 0 ? std::min<size_t>(bytes.size(), 1024) : bytes.size();
-            bytes[random() % span] = static_cast<char>(random());
-        }
-        writeFile(file, bytes);
-        if (const auto image = ElfImage::open(file)) {
-            for (uint64_t address = 0; address < 0x20000; address += 97) {
-                (void)image->functionAt(address);
-                (void)image->unwindRules(address);
-            }
-        }
-    }
-    EXPECT_EQ(ElfImage::open(scratch / "missing"), nullptr);
-    EXPECT_EQ(ElfImage::open(scratch.path), nullptr);
 }
 
 }  // namespace

@@ -1,9 +1,10 @@
-#include "programs/tavrelCleanup/Arguments.h"
-
 #include <gtest/gtest.h>
 #include <unistd.h>
+
 #include <string>
 #include <vector>
+
+#include "programs/tavrelCleanup/Arguments.h"
 
 namespace Cleanup {
 namespace {

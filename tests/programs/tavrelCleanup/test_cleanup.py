@@ -15,9 +15,11 @@ import tempfile
 import threading
 import time
 import unittest
+import unittest.mock
 
 PEAK_MEMORY = os.environ["PEAK_MEMORY"]
-SYS_PIDFD_OPEN, SYS_OPENAT2 = 434, 437
+SYS_NAME_TO_HANDLE_AT, SYS_PIDFD_OPEN, SYS_OPENAT2 = 303, 434, 437
+HOOKED = {"LD_PRELOAD": os.environ["HOOKS"], "ASAN_OPTIONS": "verify_asan_link_order=0"}
 NOBODY = 65534
 TESTER = os.getuid() or NOBODY  # without the rights of root
 # In memory where possible: a disk takes a minute for the deepest tree.
@@ -25,12 +27,14 @@ SCRATCH_BASE = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
 LIBC = ctypes.CDLL(None, use_errno=True)
 
 
-def forbid_calls(error):
+def forbid_calls(error, *more):
     """Lets the newer system calls fail in this process, as on an old kernel (ENOSYS) or in a sandbox."""
     def step(code, jump_true, jump_false, k):
         return struct.pack("=HBBI", code, jump_true, jump_false, k)
-    program = (step(0x20, 0, 0, 0) + step(0x15, 1, 0, SYS_PIDFD_OPEN) + step(0x15, 0, 1, SYS_OPENAT2) +
-               step(0x06, 0, 0, 0x00050000 | error) + step(0x06, 0, 0, 0x7FFF0000))
+    calls = (SYS_PIDFD_OPEN, SYS_OPENAT2, *more)
+    matches = [step(0x15, len(calls) - i, 0, call) for i, call in enumerate(calls)]
+    program = b"".join([step(0x20, 0, 0, 0), *matches, step(0x06, 0, 0, 0x7FFF0000),
+                        step(0x06, 0, 0, 0x00050000 | error)])
     text = ctypes.create_string_buffer(program, len(program))
     header = struct.pack("@HP", len(program) // 8, ctypes.addressof(text))
     no_new_privileges, seccomp, filter_mode = 38, 22, 2
@@ -38,7 +42,17 @@ def forbid_calls(error):
     assert LIBC.prctl(seccomp, filter_mode, header, 0, 0) == 0
 
 
-KERNELS = {"current": None, "ENOSYS": lambda: forbid_calls(38), "EPERM": lambda: forbid_calls(1)}
+KERNELS = {"current": None, "ENOSYS": lambda: forbid_calls(38),
+           "EPERM": lambda: forbid_calls(1, SYS_NAME_TO_HANDLE_AT)}
+
+
+def hide_processes(*more):
+    """An old kernel without a /proc to look at, for this process alone."""
+    new_mounts, recursive_private = 0x20000, 0x44000
+    assert LIBC.unshare(new_mounts) == 0
+    assert LIBC.mount(b"none", b"/", None, recursive_private, None) == 0
+    assert LIBC.mount(b"none", b"/proc", b"tmpfs", 0, None) == 0
+    forbid_calls(38, *more)
 
 
 def write(path):
@@ -134,8 +148,9 @@ class CleanupTest(CleanupCase):
             os.chmod(tree + name, mode)
 
     def test_everything_in_a_tree_goes_and_nothing_else(self):
-        for kernel, prepare in KERNELS.items():
-            with self.subTest(kernel=kernel):
+        for kernel, prepare in [*KERNELS.items(), ("no types", None)]:
+            changes = dict(HOOKED, NO_TYPES="1") if kernel == "no types" else {}
+            with self.subTest(kernel=kernel), unittest.mock.patch.dict(os.environ, changes):
                 self.fill_with_oddities()
                 status = self.delete(self.tree, preexec_fn=lambda: (drop_privileges(), prepare and prepare()))
                 self.assertEqual(status, (0, ""))
@@ -154,6 +169,11 @@ class CleanupTest(CleanupCase):
                 self.assertEqual(status, 1)
                 self.assert_one_line(text, name, "it is not a folder")
                 self.assertTrue(os.path.lexists(self.path(name.rstrip("/"))))
+        reader, writer = os.pipe()
+        os.close(reader)
+        nobody_listens = subprocess.run([self.program, self.dead_pid, self.path("link")], stderr=writer)
+        os.close(writer)
+        self.assertEqual(nobody_listens.returncode, 1)
 
     def test_home_and_install_tree_are_refused(self):
         home = self.path("users/me")
@@ -164,12 +184,19 @@ class CleanupTest(CleanupCase):
         for target, home_variable in (("users/me", home), ("users/me/", home), ("users", home),
                                       ("users link/me", home), ("users/me", self.path("home link")),
                                       ("users", home + "/gone/since"), ("users/../users/me", home),
-                                      ("root", home), ("root/bin", home), ("root/../../" + scratch_name, home)):
+                                      ("root", home), ("root/bin", home), ("root/../../" + scratch_name, home),
+                                      ("root/bin/python/Main", home), ("root/plugins", home),
+                                      ("root/plugins/Resources", home)):
             with self.subTest(target=target, home=home_variable):
+                os.makedirs(self.path(target), exist_ok=True)
                 status, text = self.delete(self.path(target), home_variable)
                 self.assertEqual(status, 2)
                 self.assert_one_line(text, "refuses")
                 self.assertTrue(os.path.exists(home + "/.profile") and os.path.exists(self.program))
+        # Nor does another one in the environment take the protection from the one of the data base.
+        for target in ("users/me", "users"):
+            with unittest.mock.patch.dict(os.environ, dict(HOOKED, DATABASE_HOME=home)):
+                self.assertEqual(self.delete(self.path(target), self.path("outside"))[0], 2)
         # Nor does a home that can't be left upward hide what holds it.
         subprocess.run(["chown", "-R", str(TESTER), self.path("users")], check=True)
         os.chmod(home, 0)
@@ -182,8 +209,10 @@ class CleanupTest(CleanupCase):
 
     def test_deletes_only_after_the_process_has_ended(self):
         rename_itself = "open('/proc/self/comm','w').write('a) Z 1 (b');print(flush=True);open(0).read()"
-        for kernel, prepare in KERNELS.items():
-            for relative in (False, True):
+        # A sanitizer looks for leaks by way of /proc.
+        hidden = {"hidden": hide_processes} if can_mount() and not os.environ.get("TAVREL_SANITIZER") else {}
+        for kernel, prepare in {**KERNELS, **hidden}.items():
+            for relative in (False, True)[:1 if kernel in hidden else 2]:
                 with self.subTest(kernel=kernel, relative=relative):
                     write(self.tree + "/file")
                     launcher = subprocess.Popen([sys.executable, "-Sc", rename_itself], cwd=self.scratch,
@@ -198,11 +227,32 @@ class CleanupTest(CleanupCase):
                     await_state(cleanup, "S", self.program)
                     self.assertTrue(os.path.exists(self.tree + "/file"))
                     launcher.stdin.close()
-                    # Not reaped yet: a zombie has ended.
+                    if kernel in hidden:
+                        launcher.wait()
+                    # Not reaped yet: a zombie has ended. Where nobody can tell, it has when it is reaped.
                     self.assertEqual(cleanup.wait(30), 0)
                     self.assertFalse(os.path.exists(self.tree))
                     launcher.stdout.close()
                     launcher.wait()
+
+    def test_folder_of_another_living_launcher_is_left_to_its_own_cleanup(self):
+        launcher, other = self.path("root/bin/tavrel"), self.path("root/bin/other")
+        for program in (launcher, other):
+            shutil.copy("/bin/cat", program)
+            with subprocess.Popen([program], stdin=subprocess.PIPE) as owner:
+                await_state(owner, "S", program)
+                tree = self.path(f"tavrel_tmpdir_{owner.pid}")
+                for _ in range(2):
+                    write(tree + "/file")
+                    status, text = self.delete(tree)
+                    self.assertEqual((status, os.path.exists(tree)), (1, True) if program == launcher else (0, False))
+                    if status:
+                        self.assert_one_line(text, f"belongs to process {owner.pid}, which is still running")
+                    os.unlink(program)  # as an upgrade does
+                    shutil.copy("/bin/cat", program)
+        self.dead_pid, dead_owner = str(2**31 - 1), self.dead_pid
+        write(self.path(f"tavrel_tmpdir_{dead_owner}/file"))
+        self.assertEqual(self.delete(self.path(f"tavrel_tmpdir_{dead_owner}")), (0, ""))
 
     def test_relative_path_of_a_process_that_has_gone_is_given_up(self):
         write(self.tree + "/file")
@@ -265,6 +315,32 @@ class CleanupTest(CleanupCase):
                 stop.set()
         self.assertEqual(status, 1 if os.path.exists(self.tree) else 0, text)
 
+    def test_swap_before_a_folder_is_opened_leads_nowhere(self):
+        # What is swapped just before tree/a/b is opened. What is moved in may go, and nothing beside it.
+        swaps = (("tree/a/b", "link"), ("tree/a", "link"), ("tree/a", "strangers/a"))
+        for (kernel, prepare), (inside, outside) in itertools.product(KERNELS.items(), swaps):
+            with self.subTest(kernel=kernel, inside=inside, outside=outside):
+                for name in ("tree/a/b/file", "strangers/a/b/file", "strangers/bystander"):
+                    write(self.path(name))
+                if not os.path.islink(self.path("link")):
+                    shutil.rmtree(self.path("link"), ignore_errors=True)
+                    os.symlink(self.path("outside"), self.path("link"))
+                with unittest.mock.patch.dict(os.environ, dict(
+                        HOOKED, SWAP_AT="b", SWAP_IN=self.path(inside), SWAP_OUT=self.path(outside))):
+                    self.assertEqual(self.delete(self.tree, preexec_fn=prepare), (0, ""))
+                self.assertFalse(os.path.lexists(self.tree))
+                self.assertEqual(os.path.islink(self.path("link")), outside != "link")
+                self.assertTrue(os.path.exists(self.path("strangers/bystander")))
+
+    @unittest.skipIf(os.environ.get("TAVREL_SANITIZER"), "a sanitizer asks /proc")
+    @unittest.skipUnless(can_mount(), "needs a mount namespace of its own")
+    def test_folder_of_which_nobody_tells_the_mount_stays(self):
+        write(self.tree + "/a/file")
+        self.dead_pid = str(2**31 - 1)  # that a zombie has ended can't be seen
+        status, text = self.delete(self.tree, preexec_fn=lambda: hide_processes(SYS_NAME_TO_HANDLE_AT))
+        self.assertEqual((status, os.listdir(self.tree + "/a")), (1, ["file"]))
+        self.assert_one_line(text, "tree/a", "It may be on another file system")
+
     @unittest.skipUnless(os.getuid() == 0, "needs files of two users")
     def test_files_of_others_stay_and_are_told_in_one_line(self):
         for i in range(40):
@@ -278,6 +354,16 @@ class CleanupTest(CleanupCase):
         self.assert_one_line(text, "tree/mine/theirs?/", "Permission denied", "3 left in all")
         self.assertEqual(os.listdir(self.tree + "/mine"), ["theirs\n"])
 
+    @unittest.skipUnless(os.getuid() == 0, "needs folders of two users")
+    def test_folders_that_forbid_go_where_their_place_allows_it(self):
+        os.makedirs(self.tree + "/d" * 40)
+        for folder, _, _ in os.walk(self.scratch):
+            os.chown(folder, NOBODY, NOBODY)
+        os.mkdir(self.tree + "/d/theirs", 0o700)
+        os.chmod(self.tree, 0o500)
+        self.assertEqual(self.delete(self.tree, preexec_fn=drop_privileges), (0, ""))
+        self.assertFalse(os.path.exists(self.tree))
+
 
 class CleanupMountTest(CleanupCase):
     scratch_base = None  # /dev is covered here
@@ -289,16 +375,32 @@ class CleanupMountTest(CleanupCase):
         write(self.tree + "/more/file")
         self.addCleanup(os.chdir, os.getcwd())
         os.chdir(self.scratch)
-        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as log:
-            log.settimeout(10)
-            log.bind("dev/log")
-            # Under the name of the system's log stands that of the test, for this one run.
-            script = ('mount -t tmpfs none tree/tmpfs && mount --bind outside tree/bind && echo >tree/tmpfs/file && '
-                      'mount --bind dev /dev && "$@"; status=$?; [ -e tree/tmpfs/file ] || status=9; exit $status')
-            status, text = self.delete(self.tree, prefix=("unshare", "--mount", "sh", "-c", script, "sh"))
-            self.assertEqual(status, 1, text)
-            self.assert_one_line(text, "It is on another file system", "2 left in all")
-            self.assertIn(text[len("tavrelCleanup: "):].strip(), log.recv(9000).decode())
+        # Under the name of the system's log stands that of the test, for this one run.
+        script = ('mount -t tmpfs none tree/tmpfs && mount --bind outside tree/bind && echo >tree/tmpfs/file && '
+                  'mount --bind dev /dev && "$@"; status=$?; [ -e tree/tmpfs/file ] || status=9; exit $status')
+        for (kernel, prepare), kind in zip(KERNELS.items(), (socket.SOCK_DGRAM, socket.SOCK_STREAM, "busy")):
+            with self.subTest(kernel=kernel), contextlib.ExitStack() as stack:
+                is_stream = kind == socket.SOCK_STREAM
+                type_of_log = socket.SOCK_STREAM if is_stream else socket.SOCK_DGRAM
+                log, talker = (stack.enter_context(socket.socket(socket.AF_UNIX, type_of_log)) for _ in range(2))
+                log.settimeout(10)
+                log.bind("dev/log")
+                if is_stream:
+                    log.listen()
+                if kind == "busy":
+                    talker.setblocking(False)
+                    with contextlib.suppress(BlockingIOError):
+                        while True:
+                            talker.sendto(b"", "dev/log")
+                status, text = self.delete(self.tree, prefix=("unshare", "--mount", "sh", "-c", script, "sh"),
+                                           preexec_fn=prepare)
+                os.unlink("dev/log")
+                self.assertEqual(status, 1, text)
+                self.assert_one_line(text, "It is on another file system", "2 left in all")
+                if kind != "busy":
+                    taker = stack.enter_context(log.accept()[0]) if is_stream else log
+                    told = text[len("tavrelCleanup: "):-1] + "\0" * is_stream
+                    self.assertTrue(taker.recv(9000).decode().endswith(told))
         self.assertEqual(sorted(os.listdir(self.tree)), ["bind", "tmpfs"])
 
 

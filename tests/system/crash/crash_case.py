@@ -54,21 +54,21 @@ class Crashed:
 
 
 def put_reporter(tree, script):
-    """Puts a shell script in the reporter's place, which becomes $0.real; None: nothing."""
+    """Puts a shell script in the reporter's place, which becomes $0.real."""
     reporter = tree.bin / "CrashReporterTavrel"
     reporter.rename(tree.bin / "CrashReporterTavrel.real")
-    if script is not None:
-        reporter.write_text(f"#!/bin/sh\n{script}\n")
-        reporter.chmod(0o755 if script else 0o644)
+    reporter.write_text(f"#!/bin/sh\n{script}\n")
+    reporter.chmod(0o755)
 
 
 class CrashTest(SystemTest):
     def start_script(self, tree, kind, env=None, **start):
-        """Starts crashing.py with an empty folder for its dumps."""
+        """Starts crashing.py with a folder for its dumps that holds no file."""
         folder = tree.folder / "dumps"
         folder.mkdir(exist_ok=True)
         for old in folder.iterdir():
-            old.unlink()
+            if not old.is_dir():
+                old.unlink()
         remove_own_dumps_in_process(tree)
         self.addCleanup(remove_own_dumps_in_process, tree)
         return self.start(tree, "--script", str(HERE / "crashing.py"), kind, **{"preexec_fn": no_core, **start},

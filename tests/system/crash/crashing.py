@@ -4,14 +4,18 @@ crashing.py KIND
 """
 
 import ctypes
+import faulthandler
 import mmap
 import os
+import shutil
+import signal
 import sys
 import tempfile
 import threading
 
 LIBC = ctypes.CDLL(None)
 GETTID = 186
+PTRACE_CONT, PTRACE_SEIZE, WALL = 7, 0x4206, 0x40000000
 
 
 def announce():
@@ -25,6 +29,24 @@ def crash_by_address(strlen=LIBC.strlen):
 def native():
     announce()
     crash_by_address()
+
+
+def in_handler():
+    announce()
+    handler = ctypes.CFUNCTYPE(None, ctypes.c_int)(lambda number: crash_by_address())
+    LIBC.signal(signal.SIGUSR1, handler)
+    getattr(LIBC, "raise")(signal.SIGUSR1)
+
+
+def under_faulthandler():
+    faulthandler.enable()
+    native()
+
+
+def non_canonical():
+    announce()
+    LIBC.strlen.argtypes = [ctypes.c_void_p]
+    LIBC.strlen(0x6161616161616161)
 
 
 def in_thread():
@@ -70,6 +92,47 @@ def in_python():
     announce()
     ctypes.pythonapi.PyObject_Str.argtypes = [ctypes.c_void_p]
     ctypes.pythonapi.PyObject_Str(16)
+
+
+def with_module(name, change):
+    announce()
+    with tempfile.TemporaryDirectory() as folder:
+        path = os.path.join(os.fsencode(folder), name)
+        shutil.copy(os.environ["WIDE_FRAMES"], path)
+        ctypes.CDLL(os.fsdecode(path))
+        with open(path, "r+b") as file:
+            change(file)
+        crash_by_address()
+
+
+def latin1():
+    with_module(b"caf\xe9.so", lambda file: None)
+
+
+def truncated():
+    with_module(b"module.so", lambda file: file.truncate(mmap.PAGESIZE))
+
+
+def damaged():
+    def change(file):
+        file.seek(32)  # where the tables are
+        file.write(b"\x7f" * 16)
+    with_module(b"module.so", change)
+
+
+def traced():
+    """A debugger, at once: each signal is passed on."""
+    announce()
+    ready, done = os.pipe()
+    parent = os.getpid()
+    if os.fork() == 0:
+        LIBC.ptrace(PTRACE_SEIZE, parent, None, None)
+        os.write(done, b"1")
+        while os.WIFSTOPPED(os.waitpid(parent, WALL)[1]):
+            LIBC.ptrace(PTRACE_CONT, parent, None, ctypes.c_long(signal.SIGSEGV))
+        os._exit(0)
+    os.read(ready, 1)
+    crash_by_address()
 
 
 class CrashesWhenCollected:

@@ -9,54 +9,65 @@ import tempfile
 import unittest
 
 from crash_case import CrashTest, no_core
+from launch import THREAD_SANITIZED
 from scratch_tree import STAND_INS
 
 GUID = "[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{8}-[0-9a-f]{8}"
 # What the report on a crash in a thread of crashing.py holds, in this order.
 REPORT = [
-    r"^Tavrel crash report\n\nProduct:     Tavrel [0-9.]+\nTime:        20.* UTC\nSession:     none\n",
+    r"^Tavrel crash report\n\nProduct:     Tavrel [0-9]+[.][0-9]+v[0-9]+\nTime:        20.* UTC\nSession:     none\n",
     r"Process:     {pid}\nExecutable:  /.*/bin/tavrel\nRun mode:    script\nUptime:      [0-9.]+ s\n",
     r"Memory:      [0-9.]+ MiB resident, [0-9.]+ MiB at its peak, [0-9.]+ MiB virtual; \d+ threads\n",
-    r"System:      Linux .*\nDump:        {dump}\nSignal:      SIGSEGV /SEGV_MAPERR at 0x10\n",
+    r"System:      Linux .*\nDump:        {dump}\nSignal:      SIGSEGV \(SEGV_MAPERR\) at 0x10\n",
+    r"\nPython, crashed thread\n.*crashing.py:\d+ in crash_by_address\n",
     # Only unwind rules lead through the interpreter and the C library.
-    r"\nCrashed thread {thread}\D", r"  #\d+ +libpython3.7m.so.1.0  _PyEval_EvalFrameDefault \+ 0x[0-9a-f]+\n",
-    r"\nThread {pid}\D", r"  #\d+ +tavrel  main \+ 0x[0-9a-f]+\n",
+    r"\nCrashed thread {thread}\D", r"  #\d+ +_ctypes.*  PyCFuncPtr_call \+ 0x[0-9a-f]+\n",
+    r"  #\d+ +/.*/crashing.py:\d+ in crash_by_address\n", r"  #\d+ +libc.so.6  start_thread \+ 0x",
+    r"\nThread {pid}\D", r"  #\d+ +tavrel  main \+ 0x[0-9a-f]+.*\n",
     r"\nModules: .*\n", r"  0x[0-9a-f]+  0x[0-9a-f]+  [0-9a-f]{{40}}  /.*/bin/tavrel\n",
     r"  [0-9a-f]{{40}}  /.*/libc.so.6\n",
 ]
-# What crashing.py does, the signal, whether the thread that it named is the one to blame.
+# What crashing.py does, the signal, whether the thread that it named is the one to blame, what the
+# report says of the signal and of the place.
 KINDS = [
-    ("native", signal.SIGSEGV, True),
-    ("in_thread", signal.SIGSEGV, True),
-    ("overflow", signal.SIGSEGV, True),
-    ("wide_overflow", signal.SIGSEGV, True),
-    ("abort", signal.SIGABRT, True),
-    ("bus", signal.SIGBUS, True),
-    ("division", signal.SIGFPE, True),
-    ("in_python", signal.SIGSEGV, True),
-    ("finalising", signal.SIGSEGV, True),
-    ("two_threads", signal.SIGSEGV, False),
+    ("native", signal.SIGSEGV, True, r"at 0x10\n.* in crash_by_address\n.* in native\n"),
+    ("in_thread", signal.SIGSEGV, True, r"at 0x10\n.* in crash_by_address\n.* start_thread "),
+    ("in_handler", signal.SIGSEGV, True,
+     r"\n  #\d+ [^\n]* in <lambda>\n.* __restore_rt .* raise .*\n  #\d+ [^\n]* in in_handler\n"),
+    ("under_faulthandler", signal.SIGSEGV, True,
+     r", sent by itself\n.* raise .* PyCFuncPtr_call [^\n]*\n  #\d+ [^\n]* in crash_by_address\n"),
+    ("non_canonical", signal.SIGSEGV, True, r" is 0x6161616161616161"),
+    ("overflow", signal.SIGSEGV, True, r"\nCrashed thread .* in deeper\n +[(]\d+ more times[)]\n"),
+    ("wide_overflow", signal.SIGSEGV, True, r"( enterWideFrames [^\n]*\n[^\n]*){3}"),
+    ("abort", signal.SIGABRT, True, r", sent by itself\n.* os_abort [^\n]*\n  #\d+ [^\n]* in abort\n"),
+    ("bus", signal.SIGBUS, True, r"[(]BUS_ADRERR[)] at 0x[0-9a-f]+000\n"),
+    ("division", signal.SIGFPE, True, r"[(]FPE_INTDIV[)] at 0x[0-9a-f]+\n.*  #0 +libc.so.6  div "),
+    ("in_python", signal.SIGSEGV, True, r"  #0 +libpython3.7m.so.1.0  PyObject_Str .* in in_python\n"),
+    ("finalising", signal.SIGSEGV, True, r" in crash_by_address\n[^\n]* in __del__\n"),
+    ("two_threads", signal.SIGSEGV, False, r" in crash\n"),
 ]
 
 
 class CrashesTest(CrashTest):
     def check(self, tree, reports):
-        for kind, number, named in KINDS:
+        for kind, number, named, story in KINDS:
+            if THREAD_SANITIZED and kind in ("in_handler", "under_faulthandler"):
+                continue
             with self.subTest(kind):
                 crashed = self.crash(tree, kind, {"WIDE_FRAMES": str(STAND_INS / "libwide_frames.so")})
                 self.assertEqual(crashed.ended.status, -number, crashed.ended.err)
                 self.assertEqual((len(crashed.dumps), len(crashed.reports), crashed.others), (1, reports, []))
                 self.assertRegex(crashed.dumps[0].name, f"^{GUID}[.]dmp$")
-                self.assertEqual(crashed.dumps[0].stat().st_mode, stat.S_IFREG | 0o600)
+                for file in crashed.dumps + crashed.reports:
+                    self.assertEqual(file.stat().st_mode, stat.S_IFREG | 0o600)
                 reason, thread = self.blamed(crashed.dumps[0])
                 self.assertEqual(reason, number.name)
                 if named:
                     self.assertEqual(thread, crashed.thread)
                 for report in crashed.reports:
                     text = report.read_text()
-                    self.assertIn(f"\nSignal:      {number.name}", text)
                     self.assertIn(f"\nCrashed thread {thread}", text)
-                    self.assertEqual(text.count("enterWideFrames + 0x") > 2, kind == "wide_overflow", text)
+                    self.assertRegex(text, f"(?s)\nSignal:      {number.name}.*{story}")
                     self.assertIn(f"CrashReporterTavrel: process {crashed.pid} has crashed; its dump is "
                                   f"{crashed.dumps[0]}, its report is {report}\n", crashed.ended.err)
                 for dump in crashed.dumps:
@@ -79,6 +90,18 @@ class CrashesTest(CrashTest):
             found = re.search(wanted, rest)
             self.assertTrue(found, f"no {wanted} in {rest}")
             rest = rest[found.end():]
+
+    def test_report_without_the_program_that_tells_the_frames(self):
+        tree = self.scratch_tree(recorder=False)
+        frames = tree.bin / "tavrelFrames"
+        for script, line in (("exit 127", "the library libdw.so.1 is missing; install libdw1"),
+                             ("kill -9 $$", "The stacks could not all be told."), (None, "tavrelFrames is missing")):
+            with self.subTest(script):
+                frames.unlink()
+                frames.write_text(f"#!/bin/sh\n{script}\n")
+                frames.chmod(0o755 if script else 0o644)
+                report = self.crash(tree, "native").reports[0].read_text()
+                self.assertRegex(report, f"(?s)\nCrashed thread .*\n  #0 +libc.so.6 \\+ 0x.*{line}.*\nModules: ")
 
     def test_closed_streams_of_the_launcher(self):
         # The report channel then gets their numbers.

@@ -1,6 +1,7 @@
 """The real reporter beside a launcher: what it does when a dump can't be made, when it ends, and when
 it asks or refuses."""
 
+import fcntl
 import os
 import select
 import shlex
@@ -13,8 +14,8 @@ import unittest
 
 from crash_case import HERE, CrashTest, put_reporter  # the ones below are found through it
 import process_table
-from launch import DEADLINE_SECONDS
-from scratch_tree import BUILT
+from launch import DEADLINE_SECONDS, THREAD_SANITIZED
+from scratch_tree import BUILT, STAND_INS
 
 WRAPPED = '"$0.real" "$@"\nexit $?'
 
@@ -23,16 +24,21 @@ def filtered(how):
     return f'exec {shlex.quote(sys.executable)} {shlex.quote(str(HERE / "filtered.py"))} {how} -- "$0.real" "$@"'
 
 
-# What stands in the reporter's place, the folder for dumps beside the empty one, the line.
+# What crashing.py does, what stands in the reporter's place, the folder for dumps beside the empty
+# one, the line, how many reports there are all the same.
 UNDUMPABLE = [
-    (None, "missing", "missing: No such file or directory; make the folder"),
-    (None, "file", "Not a directory; name a folder itself"),
-    (None, "link/", "; name a folder itself"),
-    ('ulimit -f 16; exec "$0.real" "$@"', "dumps", "; make room there"),
-    (filtered("deny 101 310"), "dumps", "does not let it be traced"),  # ptrace, process_vm_readv
-    # The worker dies while the crashed process waits for it.
-    (filtered("kill 101"), "dumps", "the worker that made it ended (Bad sys"),
-    (filtered("deny 56"), "dumps", "Operation not permitted"),  # clone
+    ("native", None, "missing", "missing: No such file or directory; make the folder", 0),
+    ("native", None, "file", "Not a directory; name a folder itself", 0),
+    ("native", None, "link/", "; name a folder itself", 0),
+    ("native", 'ulimit -f 8; exec "$0.real" "$@"', "dumps", "; make room there", 0),
+    ("native", 'ulimit -f 40; exec "$0.real" "$@"', "dumps", "; make room there", 1),
+    ("native", filtered("deny 101 310"), "dumps", "may not be looked at (Oper", 1),  # ptrace, process_vm_readv
+    # The worker dies while the crashed process waits for it, and so does the next.
+    ("native", filtered("kill 101"), "dumps", "no dump: the process that took the stacks ended (Bad sys", 1),
+    ("native", filtered("kill 77"), "dumps", "no dump: the process that wrote the dump ended (Bad sys", 1),  # ftruncate
+    ("native", filtered("hang 77"), "dumps", "no dump: the process that wrote the dump took too long (Killed", 1),
+    ("native", filtered("deny 56"), "dumps", "(Operation not permitted)", 0),  # clone
+    ("traced", None, "dumps", "no dump: the process is being traced by process ", 1),
 ]
 # What the launcher does last, what stands in the reporter's place.
 ENDS = [
@@ -42,6 +48,31 @@ ENDS = [
     ("leave_child", None),
     ("leave_child", filtered("deny 434")),  # pidfd_open
 ]
+# What is done to the standby, which the launcher has started, and to the guardian beside it, one
+# after the other, before the launcher crashes; "other" is the one that took a killed one's place.
+KILL, STOP = signal.SIGKILL, signal.SIGSTOP
+LOSSES = [
+    [("guardian", KILL)], [("guardian", STOP)], [("standby", KILL)], [("standby", STOP)],
+    [("guardian", KILL), ("standby", KILL)], [("standby", KILL), ("guardian", KILL)],
+    [("standby", STOP), ("guardian", KILL)], [("guardian", STOP), ("standby", KILL)],
+    [("standby", KILL), ("guardian", STOP), ("other", KILL)],
+]
+# Starts the reporter, given with the handshake's descriptor, and waits to be killed.
+LAUNCHER = """import socket, subprocess, sys
+ends = [end.detach() for end in socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)]
+reporter = subprocess.Popen([sys.argv[1], str(ends[0]), sys.argv[2], "0"], pass_fds=(*ends, int(sys.argv[2])))
+print(reporter.pid, flush=True)
+input()
+"""
+
+
+def read(file):
+    with open(file) as opened:
+        return opened.read()
+
+
+def is_stopped(pid):
+    return read(f"/proc/{pid}/stat").rpartition(")")[2].split()[0] == "T"
 
 
 def reporter_of(process):
@@ -63,23 +94,106 @@ class ReporterTest(CrashTest):
         self.addCleanup(os.close, descriptor)
         return process, descriptor, pid
 
+    def await_pair(self, tree, without=()):
+        """The process ids of the reporter's two processes, once there are two and both run."""
+        deadline = time.monotonic() + DEADLINE_SECONDS
+        while time.monotonic() < deadline:
+            found = [pid for pid in process_table.running(tree.bin / "CrashReporterTavrel") if pid not in without]
+            if len(found) == 2 and not any(map(is_stopped, found)):
+                return found
+            time.sleep(0.01)
+        raise AssertionError("the reporter isn't two running processes")
+
+    def test_neither_process_is_missed(self):
+        for losses in LOSSES:
+            with self.subTest(losses):
+                tree = self.scratch_tree(recorder=False)
+                process, _, standby = self.start_waiting(tree, "after_go")
+                guardian, = set(self.await_pair(tree)) - {standby}
+                pids, killed = {"standby": standby, "guardian": guardian}, []
+                for name, number in losses:
+                    os.kill(pids[name], number)
+                    killed += [pids[name]] if number == KILL else []
+                    seen = time.monotonic() + 0.2  # a stop shows only later, and not for long
+                    while number == STOP and not is_stopped(pids[name]) and time.monotonic() < seen:
+                        pass
+                    pids.update(("other", pid) for pid in self.await_pair(tree, killed) if pid not in pids.values())
+                process.stdin.write(b"\n")
+                crashed = self.crashed(tree, process)
+                self.assertEqual(crashed.ended.status, -signal.SIGSEGV)
+                self.assertEqual((len(crashed.dumps), len(crashed.reports), crashed.others), (1, 1, []))
+
+    def test_worker_that_holds_the_process_goes_with_its_guardian(self):
+        tree = self.scratch_tree(recorder=False)
+        put_reporter(tree, filtered("hang 77"))  # ftruncate, when the process is held
+        process, _, _ = self.start_waiting(tree, "after_go")
+        process.stdin.write(b"\n")
+        parents, deadline = {}, time.monotonic() + DEADLINE_SECONDS
+        while len(parents) < 3 and time.monotonic() < deadline:
+            parents = {pid: int(next(process_table.thread_statuses(pid), {"PPid": "0"})["PPid"])
+                       for pid in process_table.running(tree.bin / "CrashReporterTavrel.real")}
+        worker, = set(parents) - set(parents.values())
+        os.kill(parents[worker], signal.SIGKILL)
+        self.assertEqual(self.crashed(tree, process).ended.status, -signal.SIGSEGV)
+
+    def test_nobody_reads_what_it_says(self):
+        tree = self.scratch_tree(recorder=False)
+        process, _, _ = self.start_waiting(tree, "after_go")
+        (tree.folder / "dumps").rmdir()
+        with open(f"/proc/{process.pid}/fd/2", "wb", buffering=0, opener=lambda path, flags: os.open(
+                path, flags | os.O_NONBLOCK)) as error:
+            while error.write(b"x"):
+                pass
+        process.stdin.write(b"\n")
+        ended = os.pidfd_open(process.pid)
+        self.addCleanup(os.close, ended)
+        self.await_end(ended)
+
     def await_end(self, descriptor):
         self.assertTrue(select.select([descriptor], [], [], DEADLINE_SECONDS)[0], "the reporter lives on")
 
     def test_what_cannot_be_dumped_costs_one_line_and_not_the_process(self):
-        for script, folder, line in UNDUMPABLE:
-            with self.subTest(line):
+        for kind, script, folder, line, reports in UNDUMPABLE:
+            if THREAD_SANITIZED and kind == "traced":
+                continue
+            with self.subTest(line, reports=reports):
                 tree = self.scratch_tree(recorder=False)
                 (tree.folder / "file").touch()
                 (tree.folder / "link").symlink_to("dumps")
                 if script:
                     put_reporter(tree, script)
-                crashed = self.crash(tree, "native", {"TAVREL_CRASH_DIR": f"{tree.folder}/{folder}"})
+                crashed = self.crash(tree, kind, {"TAVREL_CRASH_DIR": f"{tree.folder}/{folder}"})
                 self.assertEqual(crashed.ended.status, -signal.SIGSEGV)
-                self.assertEqual((crashed.dumps, crashed.reports, crashed.others), ([], [], []))
+                self.assertEqual((crashed.dumps, len(crashed.reports), crashed.others), ([], reports, []))
                 said = [said for said in crashed.ended.err.splitlines() if said.startswith("CrashReporterTavrel: ")]
                 self.assertEqual(len(said), 1, said)
                 self.assertIn(line, said[0])
+                for report in crashed.reports:
+                    text = report.read_text()
+                    self.assertRegex(text, r"\nDump:        none: .*\nSignal:      SIGSEGV.* at 0x10\n"
+                                           rf"(.*\n)+Crashed thread {crashed.thread}\D.*\n  #0 +libc")
+                    # Where it is the dump alone that fails, the second attempt takes all stacks.
+                    self.assertEqual("in native" in text, "wrote the dump" in line or "room" in line)
+
+    def test_report_is_kept_as_far_as_it_came(self):
+        tree = self.scratch_tree(recorder=False)
+        put_reporter(tree, filtered("kill 319"))  # memfd_create
+        crashed = self.crash(tree, "native")
+        self.assertEqual((crashed.ended.status, len(crashed.dumps), crashed.others), (-signal.SIGSEGV, 1, []))
+        self.assertRegex(crashed.reports[0].read_text(), r"(?s)\nSignal:      SIGSEGV.*"
+                         r"\nThe report ends here: the reporter failed \(Bad system call.*\)\.\n$")
+        self.assertIn(f"CrashReporterTavrel: process {crashed.pid} has crashed; its dump is {crashed.dumps[0]}, its "
+                      f"report {crashed.reports[0]} could not be finished (Bad system call", crashed.ended.err)
+
+    def test_files_of_any_name_and_content_cost_no_dump(self):
+        for kind, name in ("latin1", "caf\ufffd.so"), ("truncated", "module.so (damaged)"), ("damaged", "(damaged)"):
+            with self.subTest(kind):
+                tree = self.scratch_tree(recorder=False)
+                crashed = self.crash(tree, kind, {"WIDE_FRAMES": str(STAND_INS / "libwide_frames.so")})
+                self.assertEqual((crashed.ended.status, len(crashed.dumps), len(crashed.reports)),
+                                 (-signal.SIGSEGV, 1, 1), crashed.ended.err)
+                self.assertEqual(self.blamed(crashed.dumps[0]), ("SIGSEGV", crashed.thread))
+                self.assertIn(name.encode("utf-16-le"), crashed.dumps[0].read_bytes())
 
     def test_ends_with_its_launcher_and_leaves_nothing(self):
         for kind, script in ENDS:
@@ -97,6 +211,23 @@ class ReporterTest(CrashTest):
                 self.assertEqual((crashed.dumps, crashed.reports, crashed.others), ([], [], []))
                 self.assertNotIn("CrashReporterTavrel: ", crashed.ended.err)
 
+    def test_ends_with_a_launcher_that_is_killed_during_the_handshake(self):
+        answers, handshake = os.pipe()
+        fcntl.fcntl(handshake, fcntl.F_SETPIPE_SZ, 4096)
+        os.write(handshake, bytes(4096))  # holds the reporter up while it answers
+        launcher = subprocess.Popen([sys.executable, "-c", LAUNCHER, BUILT / "bin/CrashReporterTavrel", str(handshake)],
+                                    pass_fds=(handshake,), stdin=subprocess.PIPE, stdout=subprocess.PIPE, bufsize=0)
+        self._running.append(launcher)
+        os.close(handshake)
+        reporter = int(self.await_line(launcher.stdout, ""))
+        deadline = time.monotonic() + DEADLINE_SECONDS
+        while "pipe_write" not in read(f"/proc/{reporter}/wchan") and time.monotonic() < deadline:
+            time.sleep(0.01)
+        launcher.kill()
+        launcher.wait()
+        self.assertEqual(read(answers).strip("\0"), "\1")
+        self.assertEqual(process_table.wait_for_end(reporter, deadline), 0)
+
     def test_child_that_outlives_launcher_and_reporter_dies_of_its_crash(self):
         tree = self.scratch_tree(recorder=False)
         process, reporter, _ = self.start_waiting(tree, "leave_crashing_child")
@@ -113,15 +244,27 @@ class ReporterTest(CrashTest):
         for signals, dumps in (terminal, 1), ((signal.SIGTERM,), 0):
             with self.subTest(signals):
                 tree = self.scratch_tree(recorder=False)
+                abandoned = tree.folder / "dumps/.tavrel-crash-1"
+                abandoned.mkdir(parents=True)
+                os.utime(abandoned, (0, 0))
                 process, reporter, pid = self.start_waiting(tree, "after_go")
+                self.assertEqual(os.readlink(f"/proc/{pid}/fd/1"), "/dev/null")  # whose end others wait for
+                for old in range(21):
+                    report = tree.folder / f"dumps/{old:08x}-0000-0000-00000000-00000000.txt"
+                    report.write_text("Tavrel crash report\n")
                 for number in signals:
+                    if dumps:
+                        # Not only outlasted: a terminal stops both processes of the reporter at once.
+                        status = next(process_table.thread_statuses(pid))
+                        self.assertTrue(status["SigIgn"] >> (number - 1) & 1, number)
                     os.kill(pid, number)
                 if not dumps:
                     self.await_end(reporter)
+                self.assertEqual(abandoned.exists(), False)
                 process.stdin.write(b"\n")
                 crashed = self.crashed(tree, process)
                 self.assertEqual(crashed.ended.status, -signal.SIGSEGV)
-                self.assertEqual((len(crashed.dumps), len(crashed.reports)), (dumps, dumps))
+                self.assertEqual((len(crashed.dumps), len(crashed.reports)), (1, 20) if dumps else (0, 21))
 
     def test_asks_only_with_the_flag_and_a_display(self):
         tree = self.scratch_tree(recorder=False)

@@ -4,6 +4,7 @@
 
 #include "ZkPlexum3/ZkPlexum3.h"
 
+#include <ZkConfiguration/Configuration.h>
 #include <dlfcn.h>
 
 #include <cstdlib>
@@ -14,8 +15,7 @@ namespace {
 
 void note(const char* function, bool asSettled) {
     if (const char* record = std::getenv("REFUSING_RECORD")) {
-        std::ofstream(record, std::ios::app)
-            << function << (asSettled ? "" : " odd argument") << "\n";
+        std::ofstream(record, std::ios::app) << function << (asSettled ? "" : " oddly") << "\n";
     }
 }
 
@@ -32,8 +32,8 @@ Function* real(const char* name) {
     return reinterpret_cast<Function*>(dlsym(library, name));
 }
 
-int answer(const char* variable, const char* function, int reserved) {
-    note(function, reserved == 0);
+int answer(const char* variable, const char* function, int reserved, bool asSettled = true) {
+    note(function, reserved == 0 && asSettled);
     if (const char* refusal = std::getenv(variable)) {
         return std::atoi(refusal);
     }
@@ -47,7 +47,9 @@ int ZkPlexum3InitializeMinimally(int reserved) {
 }
 
 int ZkPlexum3Initialize(int reserved) {
-    return answer("REFUSING_FULLY", "ZkPlexum3Initialize", reserved);
+    // The library reads it now: set later, it comes to nothing.
+    const bool isSync = Plexum3::ZkConfiguration::v1::Config().get("RUNTIME_USE_SYNC") == "1";
+    return answer("REFUSING_FULLY", "ZkPlexum3Initialize", reserved, isSync);
 }
 
 void ZkPlexum3Uninitialize(void* reserved) {

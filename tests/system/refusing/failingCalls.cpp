@@ -29,10 +29,10 @@ pid_t waitpid(pid_t pid, int* status, int options) {
     return fails("waitpid") ? -1 : next<pid_t(pid_t, int*, int)>("waitpid")(pid, status, options);
 }
 
-ssize_t readlink(const char* path, char* buffer, size_t size) {
+ssize_t readlink(const char* path, char* buffer, std::size_t size) {
     const bool own = std::strcmp(path, "/proc/self/exe") == 0;
     return own && fails("readlink")
                ? -1
-               : next<ssize_t(const char*, char*, size_t)>("readlink")(path, buffer, size);
+               : next<ssize_t(const char*, char*, std::size_t)>("readlink")(path, buffer, size);
 }
 }

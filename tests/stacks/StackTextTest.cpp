@@ -1,0 +1,170 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "stacks/PrintableText.h"
+#include "stacks/StackMatch.h"
+#include "stacks/StackText.h"
+
+namespace Zendrik::Stacks {
+namespace {
+
+using testing::HasSubstr;
+
+constexpr std::uint64_t threadPointer = 0x1000;
+
+// Frames of these functions, innermost first. A name with ':' in front is in a module of its own.
+ThreadFrames nativeFrames(const std::string& functions, bool whole) {
+    ThreadFrames thread;
+    std::istringstream names(functions);
+    for (std::string name; names >> name;) {
+        NativeFrame& frame = thread.frames.emplace_back();
+        const bool other = name.front() == ':';
+        frame.module = other ? "/usr/lib/plug.so" : "/opt/libpython3.7m.so.1.0";
+        frame.function = name == "E" ? "_PyEval_EvalFrameDefault" : name.substr(other ? 1 : 0);
+    }
+    thread.whole = whole;
+    return thread;
+}
+
+// "f0:1 in a" becomes "a": what people read, with nothing but the functions left.
+std::string brief(const std::string& text) {
+    std::istringstream lines(text);
+    std::string result;
+    for (std::string line; std::getline(lines, line);) {
+        const std::size_t in = line.rfind(" in ");
+        std::istringstream words(in != line.npos ? line.substr(in + 4) : line);
+        std::string word;
+        std::getline(words, word);
+        const std::size_t plus = word.find(" + ");
+        word = word.substr(0, plus);
+        result += (result.empty() ? "" : " ") + word.substr(word.rfind(' ') + 1);
+    }
+    return result;
+}
+
+TEST(StackText, PythonTakesThePlaceOfTheInterpretersFramesWhereTheyAddUp) {
+    const struct {
+        const char* native;
+        bool whole;
+        std::vector<const char*> python;
+        const char* cutShort;
+        const char* text;
+    } cases[] = {
+        {":strlen :call call_function E function_code_fastcall call_function E PyEval_EvalCode "
+         ":main",
+         true,
+         {"a", "b"},
+         "",
+         "strlen call a b main"},
+        // What Python has called, and what has called Python, is no machinery.
+        {":read time_sleep _PyCFunction_FastCallKeywords call_function E "
+         "_PyFunction_FastCallDict list_sort E",
+         true,
+         {"a", "b"},
+         "",
+         "read time_sleep a list_sort b"},
+        // Where the thread stands is always shown.
+        {"call_function E", true, {"a"}, "", "call_function a"},
+        {"E E :main", true, {"a", "b"}, "", "_PyEval_EvalFrameDefault a b main"},
+        // A function that is about to enter the list.
+        {"E E :main", true, {"b"}, "", "_PyEval_EvalFrameDefault b main"},
+        // One too many, one too few.
+        {":f E E :main",
+         true,
+         {"a"},
+         "",
+         "f _PyEval_EvalFrameDefault _PyEval_EvalFrameDefault main Python: a"},
+        {":f E :main", true, {"a", "b"}, "", "f _PyEval_EvalFrameDefault main Python: a b"},
+        // A list that ends early, at its outer end.
+        {":f E E", false, {"a", "b", "c"}, "", "f a b c"},
+        {"E E",
+         false,
+         {"a", "b", "c"},
+         "",
+         "_PyEval_EvalFrameDefault _PyEval_EvalFrameDefault Python: a b c"},
+        {":f E E :main", true, {"a"}, "it ends", "f a _PyEval_EvalFrameDefault main ends)"},
+        {":f", true, {}, "", "f"},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.native);
+        StackCapture capture;
+        capture.threads.push_back({7, "", {}, threadPointer});
+        PythonStacks python;
+        python.threads = {{threadPointer, false, {}, test.cutShort}};
+        for (const char* function : test.python) {
+            python.threads[0].frames.push_back({"f.py", function, 1});
+        }
+        const NativeStacks native{{nativeFrames(test.native, test.whole)}, {}};
+        const std::string text = StackText{capture, python, native}.write();
+        EXPECT_EQ(brief(text.substr(text.find("  #"))), test.text);
+        const std::string all = StackText{capture, python, native, true}.write();
+        for (const NativeFrame& frame : native.threads[0].frames) {
+            EXPECT_THAT(all, HasSubstr(frame.function));
+        }
+    }
+}
+
+TEST(StackText, RecursionIsFolded) {
+    PythonStacks python;
+    python.threads = {{threadPointer, false, {}, ""}};
+    auto& frames = python.threads[0].frames;
+    frames.assign(1000, {"f.py", "deeper", 3});
+    frames.push_back({"f.py", "begin", 9});
+    frames.insert(frames.end(), 4, {"f.py", "main", 7});
+    const std::string deeper = "       f.py:3 in deeper\n";
+    const std::string main = "       f.py:7 in main\n";
+    EXPECT_EQ(pythonText(python, threadPointer),
+              deeper + deeper + deeper + "       (997 more times)\n       f.py:9 in begin\n" +
+                  main + main + main + "       (1 more time)\n");
+}
+
+TEST(StackText, HeadingsTellWhatAThreadDoesToTheInterpreter) {
+    StackCapture capture;
+    capture.threads = {{7, "main", {}, 1},
+                       {8, "w\x1b\xc3\xb6rk\xff", {}, 2},
+                       {9, "", {}, 3},
+                       {10, "gives", {}, 0},
+                       {11, "hands", {}, 0}};
+    capture.crashedTid = 9;
+    PythonStacks python;
+    python.threads = {{3, true, {}, ""}, {1, false, {}, ""}, {5, false, {{"g.py", "gone", 2}}, ""}};
+    const NativeStacks native{{nativeFrames(":futex take_gil PyEval_RestoreThread E", true),
+                               nativeFrames(":futex PyThread_acquire_lock take_gil", true),
+                               nativeFrames("free collect.constprop.0 _PyObject_GC_Alloc E", true),
+                               nativeFrames("drop_gil PyEval_SaveThread acquire_timed E", true),
+                               nativeFrames("drop_gil E", true)},
+                              {"libx.so is damaged."}};
+    const std::string text = StackText{capture, python, native}.write();
+    EXPECT_THAT(text,
+                testing::StartsWith(
+                    "\nCrashed thread 9, holds the interpreter's lock, collects garbage\n  #0"));
+    EXPECT_THAT(text, HasSubstr("\nThread 7, main, waits for the interpreter's lock\n"));
+    EXPECT_THAT(text, HasSubstr("\nThread 10, gives\n"));
+    EXPECT_THAT(text, HasSubstr("\nThread 11, hands, waits for the interpreter's lock\n"));
+    EXPECT_THAT(text, HasSubstr("\nThread 8, w?\xc3\xb6rk\\xff\n"));
+    EXPECT_THAT(text, HasSubstr("of a thread that is not among these\n       g.py:2 in gone\n"));
+    EXPECT_THAT(text, testing::EndsWith("\nlibx.so is damaged.\n"));
+}
+
+TEST(PrintableText, KeepsLettersAndMasksWhatControlsATerminal) {
+    const struct {
+        const char* text;
+        const char* printed;
+    } cases[] = {
+        {"größe 字 \U0001f600", "größe 字 \U0001f600"},
+        {"a\nb\x7f\tc", "a?b??c"},
+        {"\xc2\x9b[2J", "?[2J"},                                  // the second range of controls
+        {"\xe9t\xe9", "\\xe9t\\xe9"},                             // Latin-1
+        {"\xc1\x8a \xe0\x8a\x8a", "\\xc1\\x8a \\xe0\\x8a\\x8a"},  // a line end, in longer forms
+        {"\xed\xa0\x80", "\\xed\\xa0\\x80"},                      // half a pair
+        {"\xf4\x90\x80\x80\xe2\x82", "\\xf4\\x90\\x80\\x80\\xe2\\x82"},
+    };
+    for (const auto& test : cases) {
+        EXPECT_EQ(printableText(test.text), test.printed);
+    }
+}
+
+}  // namespace
+}  // namespace Zendrik::Stacks

@@ -1,0 +1,348 @@
+"""The application's modules, each by itself, under the tree's own interpreter."""
+
+import logging
+import os
+import signal
+import stat
+import sys
+import tempfile
+import threading
+import time
+import unittest
+from unittest import mock
+
+TREE = os.path.abspath(sys.argv.pop(1))
+sys.path[:0] = [os.path.join(TREE, "bin", folder)
+                for folder in ("", "python", "python/python_tavrel", "python/Main")]
+
+import ConfigurationAPI_cmodule as Configuration
+import MachineInfo
+import MainLogging
+import MainOptions
+import MainPythonFile
+import MainSignals
+import MainSystemInfo
+import Nodes2DAPI
+import Nodes3DAPI
+import NodegraphAPI
+import NodegraphFile
+import PluginSystemAPI_cmodule as PluginSystem
+import RenderingAPI
+from RenderingAPI import Pictures
+from Utils import EventModule, WholeFile
+
+Configuration.set("TAVREL_ROOT", TREE)
+Configuration.set("DEFAULT_RENDERER", "dl")
+sys.tavrel_BUILD_TIME = "now"
+
+
+OPTIONS = [  # arguments, what they mean or what is wrong with them
+    ("--batch a -V 2 b", {"batch": True, "verbose": 2}, "a b"),
+    ("--batch -- --shell", {"batch": True}, "--shell"),
+    ("-V2 --shell", {"verbose": 2, "shell": True}, ""),
+    ("--ver=2 --ba f", {"verbose": 2, "batch": True}, "f"),
+    ("--batch --print tree -h", {"batch": True, "print": "tree", "help": True}, ""),
+    ("--render-threads 1", {"render-threads": 1}, ""),
+    ("--script f --help -V x -- y", {"script": ""}, "f --help -V x -- y"),
+    ("--script -V 2 f g", {"script": "", "verbose": 2}, "f g"),
+    ("--script=f -- --batch --", {"script": "f"}, "f --batch --"),
+    ("--script f -- --batch", {"script": ""}, "f --batch"),
+    ("--script -- --f --batch", {"script": ""}, "--f --batch"),
+    ("--script --help", {"script": "", "help": True}, ""),
+    ("--nonsense", "unknown option --nonsense"),
+    ("--bacth", "unknown option --bacth (--batch is the nearest)"),
+    ("-V0 --batch", "--batch needs a file to run"),
+    ("--print path", "--print is one of tree, version, tmpdir, crash-dir, log-file, not 'path'"),
+    ("--prof", "--prof may mean --profile or --profiling-dir"),
+    ("--batch=1", "--batch takes no value"),
+    ("--shell --shell", "--shell is given twice"),
+    ("-V much", "--verbose needs a whole number, not 'much'"),
+    ("--render-threads 0", "--render-threads needs a whole number from 1, not '0'"),
+    ("--script", "--script needs a file, or - for standard input"),
+    ("a --script b",
+     '"a" stands in front of --script; arguments of the script stand behind its name'),
+]
+
+
+def configure(node, **parameters):
+    for item in parameters.items():
+        node.setParameter(*item)
+
+
+class ModulesTest(unittest.TestCase):
+    def setUp(self):
+        scratch = tempfile.TemporaryDirectory()
+        self.addCleanup(scratch.cleanup)
+        self.addCleanup(NodegraphAPI.SetRootNode, None)
+        for key, value in (("TAVREL_ROOT", TREE), ("TAVREL_TMPDIR", "")):
+            self.addCleanup(Configuration.set, key, value)
+        self.folder = scratch.name
+        self.image = os.path.join(self.folder, "image.ppm")
+        self.first, self.second = (NodegraphAPI.CreateNode("node") for _ in range(2))
+        self.second.connect(self.first)
+
+    def put(self, path, content):
+        path = os.path.join(self.folder, path)
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        with open(path, "wb") as file:
+            file.write(content.encode("utf-8", "surrogateescape"))
+        return path
+
+    def content(self, path):
+        with open(path, "rb") as file:
+            return file.read()
+
+    def test_options(self):
+        for arguments, *expected in OPTIONS:
+            try:
+                options, args = MainOptions.Parse(arguments.split())
+                found = [options, " ".join(args)]
+            except MainOptions.OptionError as error:
+                found = [str(error)]
+            self.assertEqual(found, expected, arguments)
+
+    def test_configuration_keeps_bytes(self):
+        for value in ("", "text", "h\u00e9", "\udcff"):
+            Configuration.set("key \udce9", value)
+            self.assertEqual(Configuration.get("key \udce9"), value)
+            self.assertIs(Configuration.has("key \udce9"), value != "")
+        for bad in ("a\0", 3):
+            self.assertRaises((TypeError, ValueError), Configuration.get, bad)
+
+    def test_settings(self):
+        for text, size in (("64X32", (64, 32)), ("64x0", None), ("64", None), ("", None)):
+            Configuration.set("TAVREL_RENDER_TILE_SIZE", text)
+            self.assertEqual(MachineInfo.Tavrel.GetRenderTileSize(), size)
+        root = logging.getLogger()
+        self.addCleanup(setattr, root, "handlers", root.handlers)
+        for sys.tavrel_verbosityLevel, level in ((-1, logging.WARNING), (0, logging.INFO)):
+            MainLogging.Init()
+            self.assertEqual(root.level, level)
+        for number in (signal.SIGHUP, signal.SIGINT):
+            self.addCleanup(signal.signal, number, signal.signal(number, signal.SIG_IGN))
+            MainSignals.StopInOrderOn(number.name)
+            self.assertEqual(signal.getsignal(number), signal.SIG_IGN)
+
+    def test_files_are_run_and_written_without_a_trace(self):
+        path = self.put("file", "import sys\nsys.argv = sys.path[:] = ['x']\n")
+        before = sys.modules["__main__"], sys.argv, sys.path[:]
+        MainPythonFile.Run([path])
+        self.assertEqual((sys.modules["__main__"], sys.argv, sys.path), before)
+        os.chmod(path, 0o640)
+        WholeFile.Write(path, [b"text"])
+        self.assertRaises(TypeError, WholeFile.Write, path, [b"other", 1])
+        self.assertEqual((self.content(path), stat.S_IMODE(os.stat(path).st_mode),
+                          os.listdir(self.folder)), (b"text", 0o640, ["file"]))
+        os.symlink("file", path + ".link")
+        WholeFile.Write(path + ".link", [b"new"])
+        self.assertEqual((self.content(path), os.readlink(path + ".link")), (b"new", "file"))
+        os.mkfifo(path + ".pipe")
+        with open(os.open(path + ".pipe", os.O_RDONLY | os.O_NONBLOCK), "rb") as pipe:
+            WholeFile.Write(path + ".pipe", [b"text"])
+            self.assertEqual(pipe.read(), b"text")
+
+    def test_system_info_holds_the_tree_against_its_manifest(self):
+        root, home = self.folder + "/tree", self.folder + "/home"
+        self.put("tree/good\udce9", "text")
+        self.put("tree/bad", "texts")
+        os.symlink(TREE + "/bin", root + "/bin")
+        os.symlink(self.folder, home)
+        Configuration.set("TAVREL_ROOT", root)
+        Configuration.set("TAVREL_TMPDIR", home)
+        for names, isComplete, found in (
+                ([], True, "not checked"), (["good\udce9"], True, "all 1 as they were installed"),
+                (["bad", "good\udce9", "no", "\0"], False, "3 of 4 are not as they were installed\n"
+                 "  ?: embedded null byte\n  bad: changed\n  no: No such file or directory\n")):
+            if names:
+                self.put("tree/MANIFEST", "".join(
+                    "982d9e3eb996f559e633f4d194def3761d909f5a3b647d1a851fead67c32c9d1  %s\n" % name
+                    for name in names))
+            with mock.patch.dict(os.environ, HOME=home):
+                text, complete = MainSystemInfo.Report()
+            self.assertIn(found, text)
+            self.assertIn("\ntree           ~/tree\n", text)
+            self.assertEqual((complete, self.folder in text, "~/home" in text),
+                             (isComplete, False, False), text)
+
+    def test_manifests_of_plugins_are_found_in_the_order_of_their_paths(self):
+        Configuration.set("TAVREL_ROOT", self.folder)
+        for path, text in (("Core/Plugins/z.plugin", "type = renderer\nname=\tz \r\n"),
+                           ("B/Plugins/a.plugin", "# name = c\n\nname = b = b\ntype = renderer\n"),
+                           ("B/Plugins/other.plugin", "name = o\ntype = other\n"),
+                           ("B/Plugins/nameless.plugin", "type = renderer\n"),
+                           ("B/a.plugin", "name = x\ntype = renderer\n"),
+                           *(("C/Plugins/%d.plugin" % n, "name = %d\ntype = renderer" % n)
+                             for n in range(9, 0, -1))):
+            self.put("plugins/Resources/" + path, text)
+        os.mkdir(os.path.join(self.folder, "plugins/Resources/B/Plugins/folder.plugin"))
+        with self.assertWarnsRegex(RuntimeWarning, "folder.plugin is left out: it can't be read"):
+            found = PluginSystem.FindPlugins("renderer")
+        self.assertEqual([plugin["name"] for plugin in found], ["b = b", *"123456789", "z"])
+
+    def test_graph(self):
+        for upstream in (self.first, self.second):
+            self.assertRaises(ValueError, self.first.connect, upstream)
+        self.assertRaises(ValueError, NodegraphAPI.CreateNode, "x", "node")
+        third = NodegraphAPI.CreateNode("node")
+        third.connect(self.first)
+        third.connect(self.second)
+        configure(self.first, a=1, b=1, c=1)
+        configure(self.second, b=2, c=2)
+        configure(third, c=3)
+        self.assertEqual(third.getParameters(), {"a": 1, "b": 2, "c": 3})
+        self.assertEqual(repr(third), "<node node 'node3'>")
+        third.disconnect(self.second)
+        self.assertEqual(third.getParameters(), {"a": 1, "b": 1, "c": 3})
+        self.second.connect(third)
+        NodegraphAPI.SetRootNode(self.first)
+        NodegraphAPI.DeleteNode(self.first)
+        self.assertEqual((third.getInputs(), self.second.getInputs(), NodegraphAPI.FindRootNode()),
+                         ([], [third], None))
+        for use in (third.connect, NodegraphAPI.SetRootNode, NodegraphAPI.DeleteNode):
+            self.assertRaises(ValueError, use, self.first)
+        for visit, names in ((lambda node: None, ["node2", third.getName()]),
+                             (lambda node: Nodes3DAPI.CancelAllRenders(), ["node2"])):
+            scene = Nodes3DAPI.StartRender(self.second, visit)
+            self.assertTrue(scene.wait(60))
+            self.assertEqual(scene.visited, names)
+        self.assertRaises(ZeroDivisionError, Nodes3DAPI.StartRender(third, lambda node: 1 / 0).wait, 60)
+
+    def test_the_oldest_events_go_where_nobody_handles_them(self):
+        for _ in range(10001):
+            EventModule.QueueEvent("event")
+        self.assertEqual(EventModule.ProcessEvents(), 10000)
+
+    def test_events_are_logged_though_nobody_handles_them(self):
+        EventModule.RegisterDebugEventHandler()
+        with self.assertLogs("Events") as log:
+            self.first.setParameter("a", 1)
+        self.assertEqual(log.records[0].getMessage(), "parameter_set(node='node', parameter='a')")
+
+    def test_a_render_log_that_cannot_be_written_warns_once(self):
+        self.addCleanup(Nodes2DAPI.SetRenderDebug, False)
+        Nodes2DAPI.SetRenderDebug(True)
+        Nodes2DAPI.SetRenderLogFile(self.image + "/x")
+        with self.assertLogs("Nodes2D") as log:
+            for _ in range(2):
+                RenderingAPI.RenderToFile(self.first, self.image, 9, 9).wait(60)
+        self.assertEqual([record.levelname for record in log.records], ["WARNING"] + ["INFO"] * 4)
+
+    def test_a_large_graph_takes_no_time(self):
+        start = time.process_time()
+        chain = [NodegraphAPI.CreateNode("chain") for _ in range(20000)]
+        pairs = list(zip(chain[1:], chain))
+        # From the first node on, then from the last one back.
+        for downstream, upstream in pairs[:6000] + pairs[:5999:-1]:
+            downstream.connect(upstream)
+        top = chain[0]
+        for _ in range(200):
+            left, right, bottom = (NodegraphAPI.CreateNode("diamond") for _ in range(3))
+            for node, upstream in ((left, top), (right, top), (bottom, left), (bottom, right)):
+                node.connect(upstream)
+            top = bottom
+        chain[0].setParameter("a", 1)
+        for node, count in ((chain[-1], 19999), (top, 600)):
+            self.assertEqual((node.getParameters(), len(node.getUpstreamNodes())),
+                             ({"a": 1}, count))
+        self.assertLess(time.process_time() - start, 15)
+
+    def test_a_file_brings_the_graph_back_or_changes_nothing(self):
+        self.second.setParameter("color", [1, 0.5, 0])
+        NodegraphAPI.SetRootNode(self.second)
+        path = self.folder + "/graph.json"
+        NodegraphFile.Save(path)
+        text = self.content(path).decode()
+        NodegraphAPI.CreateNode("another")
+        NodegraphFile.Open(path)
+        second = NodegraphAPI.FindRootNode()
+        self.assertEqual(repr(NodegraphAPI.GetAllNodes() + second.getInputs()),
+                         "[<node node 'node'>, <node node 'node2'>, <node node 'node'>]")
+        self.assertEqual(second.getParameters(), {"color": [1, 0.5, 0]})
+        second.setParameter("color", {1})
+        self.assertRaises(NodegraphFile.GraphFileError, NodegraphFile.Save, path)
+        self.assertEqual(self.content(path).decode(), text)
+        for bad, message in (
+                (text[:200], "Expecting|Unterminated"), ("[" * 10 ** 5, "not as it"),
+                (text.replace("[]", '["node2"]'), "would close a circle"), ("3", "not as it"),
+                (text.replace("graph 1", "graph 2"), "its format is"),
+                (text.replace("[]", '["x"]'), '"x", an input of "node", is missing'),
+                (text.replace("node2", "node"), 'two nodes "node"')):
+            self.assertRaisesRegex(NodegraphFile.GraphFileError, message, NodegraphFile.Open,
+                                   self.put("graph.json", bad))
+            self.assertIs(NodegraphAPI.FindRootNode(), second)
+
+    def test_an_image_is_made_tile_by_tile(self):
+        names = RenderingAPI.RenderPlugins.GetRendererPluginNames
+        self.assertEqual((names(), names(includeViewer=True)), (["dl"], ["dl", "viewer"]))
+        self.addCleanup(Nodes2DAPI.SetTileSize, *Nodes2DAPI.GetTileSize())
+        Nodes2DAPI.SetTileSize(3, 2)
+        configure(self.first, color=(1, 0.5, 0), checker=4)
+        self.assertTrue(RenderingAPI.RenderToFile(self.second, self.image, 8, 5).wait(60))
+        light, dark = b"\xff\x80\x00", b"\x7f\x40\x00"
+        self.assertEqual(self.content(self.image), b"P6\n8 5\n255\n" +
+                         (light * 4 + dark * 4) * 4 + dark * 4 + light * 4)
+        render = RenderingAPI.RenderToFile(self.second, self.image + "/x", 2, 2)
+        self.assertRaises(OSError, render.wait, 60)
+        self.assertEqual(os.listdir(self.folder), ["image.ppm"])
+
+    def test_threads_and_room_do_not_change_the_image(self):
+        configure(self.first, noise=0.7, samples=3, checker=7)
+        images = set()
+        for threads, megabytes in ((1, None), (2, None), (8, None), (2, 0)):
+            Nodes2DAPI.SetRenderThreads(threads)
+            Nodes2DAPI.SetMaxImageMemory(megabytes)
+            RenderingAPI.RenderToFile(self.second, self.image, 300, 200).wait(60)
+            images.add(self.content(self.image))
+        self.assertEqual([len(image) for image in images], [180015])
+        Nodes2DAPI.SetMaxDiskUsage(0)
+        self.assertRaises(MemoryError, RenderingAPI.RenderToFile, self.second, self.image, 9, 9)
+        Nodes2DAPI.SetMaxImageMemory(1)
+        Nodes2DAPI.SetSpeculativeCacheEnabled(True)
+        for number in range(3):
+            Pictures.Keep(number, Pictures.Picture(500, 500))
+        for limit in (Nodes2DAPI.SetMaxImageMemory, Nodes2DAPI.SetMaxDiskUsage):
+            limit(None)
+
+    def test_a_pool_has_the_threads_that_are_asked_for(self):
+        Nodes2DAPI.SetRenderThreads(3)
+        meeting = threading.Barrier(3)
+        ended = []
+        render = Nodes2DAPI.StartRender("disk", 192, 64, lambda *tile: meeting.wait(60),
+                                        lambda: ended.append(1))
+        self.assertTrue(render.wait(60))
+        self.assertEqual((render.state, ended), ("done", [1]))
+        # The second one waits behind the first, whose tiles have all threads.
+        release, waiting = threading.Event(), threading.Event()
+        first = Nodes2DAPI.StartRender("disk", 10 ** 6, 10 ** 6,
+                                       lambda *tile: (waiting.set(), release.wait(60)), None)
+        for end in (release.set, first.cancel):
+            self.addCleanup(end)
+        second, third = (Nodes2DAPI.StartRender("preview", 64, 64, lambda *tile: None, lambda: None)
+                         for _ in range(2))
+        waiting.wait(60)
+        Nodes2DAPI.CancelRender("preview", False)
+        self.assertTrue(second.wait(60))
+        self.assertEqual(third.state, "running")
+        Nodes2DAPI.CancelRender("preview", True)
+        first.cancel()
+        release.set()
+        Nodes2DAPI.TerminateCancelledRenders()
+        self.assertEqual((first.state, second.state, Nodes2DAPI.GetRenders()),
+                         ("cancelled", "cancelled", []))
+
+    def test_a_preview_is_kept(self):
+        renderer = RenderingAPI.RenderPlugins.LoadRenderer("dl")
+        for isKept, count in ((True, 2), (False, 3)):
+            Nodes2DAPI.SetSpeculativeCacheEnabled(isKept)
+            tiles = []
+            with mock.patch.object(renderer, "RenderTile", wraps=renderer.RenderTile) as work:
+                for color in ((1, 0, 0), (0, 1, 0), (1, 0, 0)):
+                    configure(self.first, color=color, checker=count)
+                    RenderingAPI.RenderToPicture(self.first, 9, 9,
+                                                 lambda *tile: tiles.append(tile)).wait(60)
+            self.assertEqual((tiles[0], work.call_count), (tiles[2], count))
+            self.assertNotEqual(tiles[0], tiles[1])
+
+
+if __name__ == "__main__":
+    unittest.main()
