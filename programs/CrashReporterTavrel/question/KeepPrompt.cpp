@@ -11,6 +11,8 @@
 #include <sstream>
 #include <vector>
 
+#include "base/ExecPointers.h"
+
 namespace Zendrik::Reporter {
 
 namespace {
@@ -87,12 +89,9 @@ std::string filledIn(std::string argument, const std::string& text, int seconds)
     }
     // The launcher's files are not the dialog's. An old kernel leaves them open.
     static_cast<void>(syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, 0));
-    std::vector<char*> argv{const_cast<char*>(program.c_str())};
-    for (const std::string& argument : arguments) {
-        argv.push_back(const_cast<char*>(argument.c_str()));
-    }
-    argv.push_back(nullptr);
-    static_cast<void>(execv(program.c_str(), argv.data()));
+    std::vector<std::string> argv = {program};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    static_cast<void>(execv(program.c_str(), Base::execPointers(argv).data()));
     _exit(127);
 }
 
