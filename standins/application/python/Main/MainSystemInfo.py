@@ -80,7 +80,7 @@ def _addTree(report):
         report.lines += ["  %s: %s" % fault for fault in faults[:20]]
     else:
         report.add("files", "all %d as they were installed" % count)
-    for name in ("tavrelCleanup", "CrashReporterTavrel"):
+    for name in ("tavrelCleanup", "CrashReporterTavrel", "tavrelFrames", "tavrelStack"):
         if not os.access(os.path.join(root, "bin", name), os.X_OK):
             report.fail(name, "missing, or it can't be executed")
     report.add("interpreter", "Python %s, %s" % (sys.version.split()[0], sys.executable or sys.prefix))
