@@ -1,5 +1,6 @@
 #include <alloca.h>
 
+#include <future>
 #include <sstream>
 #include <thread>
 
@@ -97,7 +98,10 @@ TEST_F(SystemMetricsTest, OpenDescriptorsAreCounted) {
 }
 
 TEST_F(SystemMetricsTest, ThreadsAreCountedAndTheirStacksMeasured) {
-    std::thread([] {}).join();  // with the first one a sanitizer starts its own
+    // With the first one a sanitizer starts its own. It stays: one that was joined may still be
+    // seen.
+    std::promise<void> end;
+    std::thread first([&end] { end.get_future().wait(); });
     const ThreadCounts before = getThreadCounts();
     EXPECT_GE(before.runningThreads, 1);
     std::thread([&before] {
@@ -113,6 +117,8 @@ TEST_F(SystemMetricsTest, ThreadsAreCountedAndTheirStacksMeasured) {
         EXPECT_GE(deep, shallow + 65'536);
         EXPECT_LT(deep, size);
     }).join();
+    end.set_value();
+    first.join();
 }
 
 }  // namespace
