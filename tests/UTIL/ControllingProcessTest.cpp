@@ -11,13 +11,19 @@
 
 // What can't be brought about from outside. The rest is in tests/system.
 
-// In libc's place: a role ends with its first sleep, and tells whether that is half a second.
-extern "C" int pthread_cond_timedwait(pthread_cond_t*, pthread_mutex_t*, const timespec* until) {
+std::int64_t monotonicNs() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    const auto restMs =
-        (until->tv_sec - now.tv_sec) * 1000 + (until->tv_nsec - now.tv_nsec) / 1000000;
-    _exit(restMs > 100 && restMs <= 500 ? 50 : 99);
+    return now.tv_sec * 1'000'000'000 + now.tv_nsec;
+}
+
+std::int64_t roleStartNs;
+
+// In libc's place: a role ends with its first sleep, and tells whether that is half a second, from
+// some moment between the role's start and now.
+extern "C" int pthread_cond_timedwait(pthread_cond_t*, pthread_mutex_t*, const timespec* until) {
+    const std::int64_t startNs = until->tv_sec * 1'000'000'000 + until->tv_nsec - 500'000'000;
+    _exit(roleStartNs <= startNs && startNs <= monotonicNs() ? 50 : 99);
 }
 
 namespace {
@@ -81,6 +87,7 @@ TEST(WatchControllingProcess, LooksAtOnceAndThenTwiceASecond) {
     const auto own = Plexum3::Base::getProcessCreationTime(getpid(), nullptr);
     for (const auto& [expected, status] : {std::pair(own, 50), std::pair(-own, 1)}) {
         const RoleOutcome outcome = runRole([time = expected] {
+            roleStartNs = monotonicNs();
             UTIL::WatchControllingProcess(getppid(), time, "NAME", "VALUE");
             return 0;
         });
