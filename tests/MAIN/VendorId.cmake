@@ -6,4 +6,4 @@ set_target_properties(VendorIdInterpreter PROPERTIES
   ENABLE_EXPORTS ON)
 add_test(NAME VendorIdModule
   COMMAND VendorIdInterpreter ${CMAKE_CURRENT_SOURCE_DIR}/test_vendorid.py)
-set_tests_properties(VendorIdModule PROPERTIES TIMEOUT 120)
+set_tests_properties(VendorIdModule PROPERTIES TIMEOUT 600)

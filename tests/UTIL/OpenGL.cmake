@@ -8,4 +8,4 @@ set_target_properties(OpenGLBootstrapClient PROPERTIES
 add_test(NAME OpenGLBootstrap
   COMMAND ${TAVREL_TEST_PYTHON} -B ${CMAKE_CURRENT_SOURCE_DIR}/test_opengl_bootstrap.py
     $<TARGET_FILE:OpenGLBootstrapClient> $<TARGET_FILE_DIR:TavrelOpenGLProbe>)
-set_tests_properties(OpenGLBootstrap PROPERTIES TIMEOUT 120)
+set_tests_properties(OpenGLBootstrap PROPERTIES TIMEOUT 600)
