@@ -75,6 +75,10 @@ def is_stopped(pid):
     return read(f"/proc/{pid}/stat").rpartition(")")[2].split()[0] == "T"
 
 
+def has_yet_to_stop(pid):
+    return int(next(process_table.thread_statuses(pid))["ShdPnd"], 16) >> (STOP - 1) & 1
+
+
 def reporter_of(process):
     """A descriptor that is readable when the launcher's reporter has ended, and its process id."""
     with open(f"/proc/{process.pid}/task/{process.pid}/children") as children:
@@ -94,29 +98,33 @@ class ReporterTest(CrashTest):
         self.addCleanup(os.close, descriptor)
         return process, descriptor, pid
 
+    def await_true(self, condition, what):
+        """What the condition gives, once that is true."""
+        deadline = time.monotonic() + DEADLINE_SECONDS
+        while not (found := condition()):
+            self.assertLess(time.monotonic(), deadline, what)
+            time.sleep(0.01)
+        return found
+
     def await_pair(self, tree, without=()):
         """The process ids of the reporter's two processes, once there are two and both run."""
-        deadline = time.monotonic() + DEADLINE_SECONDS
-        while time.monotonic() < deadline:
-            found = [pid for pid in process_table.running(tree.bin / "CrashReporterTavrel") if pid not in without]
-            if len(found) == 2 and not any(map(is_stopped, found)):
-                return found
-            time.sleep(0.01)
-        raise AssertionError("the reporter isn't two running processes")
+        def pair():
+            found = set(process_table.running(tree.bin / "CrashReporterTavrel")).difference(without)
+            return len(found) == 2 and not any(map(is_stopped, found)) and found
+        return self.await_true(pair, "the reporter isn't two running processes")
 
     def test_neither_process_is_missed(self):
         for losses in LOSSES:
             with self.subTest(losses):
                 tree = self.scratch_tree(recorder=False)
                 process, _, standby = self.start_waiting(tree, "after_go")
-                guardian, = set(self.await_pair(tree)) - {standby}
+                guardian, = self.await_pair(tree) - {standby}
                 pids, killed = {"standby": standby, "guardian": guardian}, []
                 for name, number in losses:
                     os.kill(pids[name], number)
                     killed += [pids[name]] if number == KILL else []
-                    seen = time.monotonic() + 0.2  # a stop shows only later, and not for long
-                    while number == STOP and not is_stopped(pids[name]) and time.monotonic() < seen:
-                        pass
+                    # A stop comes only later, and doesn't last long.
+                    self.await_true(lambda: number == KILL or not has_yet_to_stop(pids[name]), "it doesn't stop")
                     pids.update(("other", pid) for pid in self.await_pair(tree, killed) if pid not in pids.values())
                 process.stdin.write(b"\n")
                 crashed = self.crashed(tree, process)
@@ -128,10 +136,12 @@ class ReporterTest(CrashTest):
         put_reporter(tree, filtered("hang 77"))  # ftruncate, when the process is held
         process, _, _ = self.start_waiting(tree, "after_go")
         process.stdin.write(b"\n")
-        parents, deadline = {}, time.monotonic() + DEADLINE_SECONDS
-        while len(parents) < 3 and time.monotonic() < deadline:
+
+        def three():
             parents = {pid: int(next(process_table.thread_statuses(pid), {"PPid": "0"})["PPid"])
                        for pid in process_table.running(tree.bin / "CrashReporterTavrel.real")}
+            return len(parents) == 3 and parents
+        parents = self.await_true(three, "there is no worker")
         worker, = set(parents) - set(parents.values())
         os.kill(parents[worker], signal.SIGKILL)
         self.assertEqual(self.crashed(tree, process).ended.status, -signal.SIGSEGV)
@@ -220,13 +230,11 @@ class ReporterTest(CrashTest):
         self._running.append(launcher)
         os.close(handshake)
         reporter = int(self.await_line(launcher.stdout, ""))
-        deadline = time.monotonic() + DEADLINE_SECONDS
-        while "pipe_write" not in read(f"/proc/{reporter}/wchan") and time.monotonic() < deadline:
-            time.sleep(0.01)
+        self.await_true(lambda: "pipe_write" in read(f"/proc/{reporter}/wchan"), "it isn't held up")
         launcher.kill()
         launcher.wait()
         self.assertEqual(read(answers).strip("\0"), "\1")
-        self.assertEqual(process_table.wait_for_end(reporter, deadline), 0)
+        self.assertEqual(process_table.wait_for_end(reporter, time.monotonic() + DEADLINE_SECONDS), 0)
 
     def test_child_that_outlives_launcher_and_reporter_dies_of_its_crash(self):
         tree = self.scratch_tree(recorder=False)
@@ -252,6 +260,7 @@ class ReporterTest(CrashTest):
                 for old in range(21):
                     report = tree.folder / f"dumps/{old:08x}-0000-0000-00000000-00000000.txt"
                     report.write_text("Tavrel crash report\n")
+                self.await_true(lambda: not abandoned.exists(), "an old folder stays")
                 for number in signals:
                     if dumps:
                         # Not only outlasted: a terminal stops both processes of the reporter at once.
@@ -260,7 +269,6 @@ class ReporterTest(CrashTest):
                     os.kill(pid, number)
                 if not dumps:
                     self.await_end(reporter)
-                self.assertEqual(abandoned.exists(), False)
                 process.stdin.write(b"\n")
                 crashed = self.crashed(tree, process)
                 self.assertEqual(crashed.ended.status, -signal.SIGSEGV)
