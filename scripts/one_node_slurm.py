@@ -30,7 +30,7 @@ PROGRAMS = {"slurm-wlm": ("slurmctld", "slurmd", "sbatch"), "munge": ("munged",)
 SEARCH = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
 FREEZER = Path("/sys/fs/cgroup/freezer")
 EXAMPLES = Path(__file__).resolve().parents[1] / "examples/slurm"
-START_SECONDS = 30
+START_SECONDS = 90
 STOP_SECONDS = 10
 ATTEMPTS = 3  # another process may take a port that was free
 PR_SET_PDEATHSIG = 1
@@ -58,7 +58,7 @@ SelectType=select/cons_tres
 SelectTypeParameters=CR_Core
 SwitchType=switch/none
 MpiDefault=none
-KillWait=10
+KillWait=60
 SchedulerType=sched/builtin
 SchedulerParameters=batch_sched_delay=0
 JobCompType=jobcomp/none
@@ -156,7 +156,7 @@ class Guard:
             try:
                 self._start_daemons()
                 return
-            except (TimeoutError, ChildProcessError):
+            except (TimeoutError, ChildProcessError, subprocess.TimeoutExpired):
                 if attempt == ATTEMPTS - 1:
                     raise
                 self._stop_daemons()
@@ -224,7 +224,7 @@ class Guard:
 
     def _ask(self, *command):
         answer = subprocess.run(command, env=self.environment, cwd=self.folder, text=True,
-                                stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, timeout=20)
+                                stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, timeout=60)
         return answer.stdout.strip()
 
     def _stop_daemons(self):

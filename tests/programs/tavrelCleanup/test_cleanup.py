@@ -74,7 +74,7 @@ def can_mount():
 
 def await_state(process, letter, executable):
     """Until the process runs its program and is in the state, as /proc/PID/stat gives it."""
-    deadline = time.monotonic() + 30
+    deadline = time.monotonic() + 60
     while time.monotonic() < deadline and process.poll() is None:
         with open(f"/proc/{process.pid}/stat") as file:
             state = file.read().rsplit(")", 1)[1].split()[0]
@@ -230,7 +230,7 @@ class CleanupTest(CleanupCase):
                     if kernel in hidden:
                         launcher.wait()
                     # Not reaped yet: a zombie has ended. Where nobody can tell, it has when it is reaped.
-                    self.assertEqual(cleanup.wait(30), 0)
+                    self.assertEqual(cleanup.wait(60), 0)
                     self.assertFalse(os.path.exists(self.tree))
                     launcher.stdout.close()
                     launcher.wait()
@@ -265,7 +265,7 @@ class CleanupTest(CleanupCase):
         for kernel, prepare in KERNELS.items():
             write(self.tree + "/file")
             unknown = str(2**31 - 1)  # above any limit that Linux has
-            subprocess.run([self.program, unknown, self.tree], check=True, timeout=30, preexec_fn=prepare)
+            subprocess.run([self.program, unknown, self.tree], check=True, timeout=60, preexec_fn=prepare)
             self.assertFalse(os.path.exists(self.tree), kernel)
 
     @unittest.skipIf(os.environ.get("TAVREL_SANITIZER"), "a sanitizer takes more memory and descriptors")
@@ -383,7 +383,7 @@ class CleanupMountTest(CleanupCase):
                 is_stream = kind == socket.SOCK_STREAM
                 type_of_log = socket.SOCK_STREAM if is_stream else socket.SOCK_DGRAM
                 log, talker = (stack.enter_context(socket.socket(socket.AF_UNIX, type_of_log)) for _ in range(2))
-                log.settimeout(10)
+                log.settimeout(60)
                 log.bind("dev/log")
                 if is_stream:
                     log.listen()
