@@ -66,12 +66,17 @@ int writingError(const Staging& staging) {
         return errno;
     }
     const std::vector<char> dumpSized(std::size_t{64} * 1024);
-    const ssize_t written = write(file.get(), dumpSized.data(), dumpSized.size());
-    const int error = written < 0 ? errno : ENOSPC;
+    std::size_t left = dumpSized.size();
+    ssize_t written = 0;
+    // What stops a write halfway is told to the next one.
+    while (left > 0 && (written = write(file.get(), dumpSized.data(), left)) > 0) {
+        left -= static_cast<std::size_t>(written);
+    }
+    const int error = left == 0 ? 0 : written < 0 ? errno : ENOSPC;
     for (const char* name : {probe, dumpDraft}) {
         static_cast<void>(unlinkat(staging.fd(), name, 0));  // goes with the folder at the latest
     }
-    return written == static_cast<ssize_t>(dumpSized.size()) ? 0 : error;
+    return error;
 }
 
 std::string whyUnwritten(const WorkerTask& task, int error) {
@@ -215,8 +220,12 @@ std::string adviceFor(int error) {
             return "name a folder itself, not a link or a file, in TAVREL_CRASH_DIR";
         case ENOSPC:
         case EDQUOT:
-        case EFBIG:
             return "make room there, or name another folder in TAVREL_CRASH_DIR";
+        case EFBIG:
+            return "raise the limit of file sizes (ulimit -f)";
+        case EMFILE:
+        case ENFILE:
+            return "raise the limit of open files (ulimit -n)";
         default:
             return "name a folder that can be written in TAVREL_CRASH_DIR";
     }
