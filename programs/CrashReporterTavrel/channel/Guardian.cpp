@@ -166,10 +166,15 @@ void Guardian::serveNextRequest() {
 }
 
 // Two threads that crash together ask twice: when the second is heard, the first has brought the
-// process down already or is about to.
+// process down already or is about to. What can't be looked at is told apart by nothing, and is
+// served: what comes of it says why it can't be.
 bool Guardian::wasServed(pid_t client) {
-    const std::pair<pid_t, std::uint64_t> process(
-        client, Plexum3::Base::readProcessLife(client).startTicks);
+    using Plexum3::Base::ProcessLife;
+    const ProcessLife life = Plexum3::Base::readProcessLife(client);
+    if (life.startTicks == 0) {
+        return life.state == ProcessLife::State::Ended;
+    }
+    const std::pair<pid_t, std::uint64_t> process(client, life.startTicks);
     if (std::find(served_.begin(), served_.end(), process) != served_.end()) {
         return true;
     }
@@ -178,7 +183,7 @@ bool Guardian::wasServed(pid_t client) {
         served_.erase(served_.begin());
     }
     served_.push_back(process);
-    return process.second == 0;
+    return false;
 }
 
 // Nobody waits for the words.

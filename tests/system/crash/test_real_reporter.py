@@ -32,6 +32,7 @@ UNDUMPABLE = [
     ("native", None, "link/", "; name a folder itself", 0),
     ("native", 'ulimit -f 8; exec "$0.real" "$@"', "dumps", "File too large; raise the limit", 0),
     ("native", 'ulimit -f 40; exec "$0.real" "$@"', "dumps", "File too large; raise the limit", 1),
+    ("native", 'ulimit -n 8; exec "$0.real" "$@"', "dumps", "Too many open files; raise the limit", 0),
     ("native", filtered("deny 101 310"), "dumps", "may not be looked at (Oper", 1),  # ptrace, process_vm_readv
     # The worker dies while the crashed process waits for it, and so does the next.
     ("native", filtered("kill 101"), "dumps", "no dump: the process that took the stacks ended (Bad sys", 1),
