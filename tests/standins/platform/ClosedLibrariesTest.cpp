@@ -197,7 +197,7 @@ void logFromForkedChildren(const std::string& configurationFile) {
     for (int i = 0; i < 200; ++i) {
         const pid_t child = fork();
         if (child == 0) {
-            alarm(20);
+            alarm(100);
             ZkLoggingHost::writeLine("child");
             _exit(0);
         }
