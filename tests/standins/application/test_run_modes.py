@@ -165,6 +165,7 @@ def look():
     press('preview.row.render')
     until(lambda: 'done' in text('side.preview.row.text'))
     print(root.tk.call('previewPicture', 'get', 319, 179))
+    nodes[2].setParameter('samples', 16)  # a picture that is kept already takes no tile
     hold()
     press('preview.row.render')
     press('preview.row.cancel')
