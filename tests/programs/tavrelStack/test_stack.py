@@ -63,10 +63,10 @@ class StackCase(unittest.TestCase):
     def run_script(self, script):
         return self.start(os.environ["PYTHON37"], "-u", "-c", script)
 
-    def stacks(self, pid, longest_hold_ms=None):
+    def stacks(self, *arguments, longest_hold_ms=None):
         """What is shown of a process that can be stopped, once a busy machine lets it be in time."""
         while True:
-            status, output, errors = look(pid)
+            status, output, errors = look(*arguments)
             self.assertEqual((status, errors), (0, ""))
             if "can't be stopped" not in output and held_ms(output) < (longest_hold_ms or math.inf):
                 return output
@@ -95,7 +95,7 @@ input()
         # Ten calls each, of which a recursion's like lines are counted from the third on.
         self.assertEqual((output.count("<string>:6 in work"), output.count("(7 more times)")), (150, 50))
         self.assertRegex(threads[0], r"(?s)libc.so.6 .*<string>:1[23] in <module>.*_start")
-        self.assertGreater(look("--all-frames", process.pid)[1].count("_PyEval_EvalFrameDefault"), 500)
+        self.assertGreater(self.stacks("--all-frames", process.pid).count("_PyEval_EvalFrameDefault"), 500)
 
     def test_copes_with_threads_that_begin_and_end(self):
         process = self.run_script("""
