@@ -5,7 +5,7 @@ set(content ${CPACK_TEMPORARY_INSTALL_DIRECTORY})
 execute_process(COMMAND find ${content} -type d -exec chmod 755 {} + COMMAND_ERROR_IS_FATAL ANY)
 
 # The packages that hold what the objects need. CPack's own way to ask starts two programs for each
-# file, a minute for this many; objects are known by their names here, and scripts/check_package.py
+# file, a minute for this many; objects are known by their names here, and scripts/package/check_package.py
 # looks at every file afterwards. The tree's own libraries have no package to be found in, hence
 # --ignore-missing-info.
 set(tree ${content})
@@ -37,9 +37,9 @@ set(epoch $ENV{SOURCE_DATE_EPOCH})
 if(NOT epoch)
   string(TIMESTAMP epoch %s UTC)
 endif()
-# tavrel_third_party(OUTPUT WORD...): what scripts/third_party.py says to the words.
+# tavrel_third_party(OUTPUT WORD...): what scripts/package/third_party.py says to the words.
 function(tavrel_third_party output)
-  execute_process(COMMAND python3 -I -B ${source}/scripts/third_party.py ${ARGN}
+  execute_process(COMMAND python3 -I -B ${source}/scripts/package/third_party.py ${ARGN}
     OUTPUT_FILE ${output} COMMAND_ERROR_IS_FATAL ANY)
   file(CHMOD ${output} PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
 endfunction()

@@ -22,8 +22,8 @@ failed=()
 clang-format --dry-run --Werror "${sources[@]}" || failed+=(clang-format)
 shellcheck "${shell[@]}" || failed+=(shellcheck)
 flake8 "${python[@]}" || failed+=(flake8)
-scripts/check_structure.py || failed+=(check_structure.py)
-scripts/check_pages.py || failed+=(check_pages.py)
+scripts/lint/check_structure.py || failed+=(check_structure.py)
+scripts/lint/check_pages.py || failed+=(check_pages.py)
 
 # Generated files must exist before a compiler front end can read what includes them; what the
 # release build leaves out has no compile command to be read with.

@@ -17,8 +17,8 @@ for tool in dpkg-shlibdeps desktop-file-validate appstreamcli mksquashfs readelf
   command -v "$tool" >/dev/null || die "$tool is missing: run scripts/setup.sh"
 done
 
-python3 -I -B scripts/third_party.py notices | cmp --silent - THIRD-PARTY.md ||
-  die "THIRD-PARTY.md is not what the parts tell now: look at what 'python3 scripts/third_party.py notices >THIRD-PARTY.md' changes"
+python3 -I -B scripts/package/third_party.py notices | cmp --silent - THIRD-PARTY.md ||
+  die "THIRD-PARTY.md is not what the parts tell now: look at what 'python3 scripts/package/third_party.py notices >THIRD-PARTY.md' changes"
 
 # make_packages FOLDER: a build from nothing with its packages, in FOLDER. cpack writes its umask into
 # the DEB.
@@ -54,7 +54,7 @@ mkdir "$scratch/deb"
 dpkg-deb --extract "$deb" "$scratch/deb"
 # The working folder as it is written, and as it is when links are followed.
 for unpacked in "$scratch/$(basename "$tgz" .tar.gz)" "$scratch/deb"; do
-  python3 -B scripts/check_package.py --build "$first" --depends "$(dpkg-deb --field "$deb" Depends)" \
+  python3 -B scripts/package/check_package.py --build "$first" --depends "$(dpkg-deb --field "$deb" Depends)" \
     --build-place "$PWD" --build-place "$(pwd -P)" --home "$HOME" "$unpacked" >&2
 done
 desktop-file-validate "$scratch/deb/usr/share/applications/tavrel.desktop"
@@ -64,7 +64,7 @@ lintian --fail-on error "$deb" >&2 ||
   die "lintian objects (above); what has a reason goes into packaging/lintian-overrides"
 
 status=0
-scripts/try_in_minimal_root.sh "$tgz" "$deb" || status=$?
+scripts/package/try_in_minimal_root.sh "$tgz" "$deb" || status=$?
 [ "$status" -eq 0 ] || [ "$status" -eq 77 ] || exit 1
 rm -rf "$second" "$second.log"
 ls -l "$tgz" "$deb" "$image"

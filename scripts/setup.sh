@@ -43,7 +43,7 @@ check_sha256() {
     { rm -f "$1"; die "$(basename "$1") does not have the expected SHA-256 and was removed; run setup again"; }
 }
 
-read_packages() { sed -e 's/#.*//' "$top/scripts/debian-packages.txt" | xargs; }
+read_packages() { sed -e 's/#.*//' "$top/scripts/setup/debian-packages.txt" | xargs; }
 
 debian_packages() {
   command -v dpkg-query >/dev/null || die "this needs Debian 12 or a system like it (no dpkg found)"
@@ -114,7 +114,7 @@ python37() {
   have python3.7 "$version" && return
   say "preparing Python from the ${version% *} found"
   rm -rf "$deps/partial/python3.7"
-  python3 -I -B "$top/scripts/prepare_python37.py" "$from" "$deps/partial/python3.7" >"$deps/python3.7.log" 2>&1 ||
+  python3 -I -B "$top/scripts/setup/prepare_python37.py" "$from" "$deps/partial/python3.7" >"$deps/python3.7.log" 2>&1 ||
     { tail -n 5 "$deps/python3.7.log" >&2; die "can't prepare Python; see .deps/python3.7.log"; }
   install_folder python3.7 "$version"
 }
@@ -173,7 +173,7 @@ breakpad() {
   fresh_partial breakpad
   local to=$deps/partial/breakpad
   tar -C "$to" --strip-components=1 -xf "$archive" package/deps
-  patch -s -d "$to" -p1 <"$top/scripts/patches/breakpad-strings.patch" || die "the patch of Breakpad does not apply"
+  patch -s -d "$to" -p1 <"$top/scripts/setup/breakpad-strings.patch" || die "the patch of Breakpad does not apply"
   mkdir -p "$to/build" "$to/lib" "$to/bin"
   # The file names that end up in the archives must not tell where they were built.
   (cd "$to/build" && ../deps/breakpad/configure CPPFLAGS="-I../deps" \

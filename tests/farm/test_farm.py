@@ -15,7 +15,6 @@ import time
 import unittest
 from pathlib import Path
 
-sys.path.append(str(Path(__file__).resolve().parents[2] / "scripts"))
 from one_node_slurm import EXAMPLES, OneNodeSlurm, await_condition, what_is_missing
 
 TRACKING = sys.argv.pop(1) if len(sys.argv) > 1 else "linuxproc"

@@ -9,7 +9,7 @@ import tempfile
 import unittest
 
 SOURCE = os.environ["TAVREL_SOURCE"]
-sys.path.insert(0, os.path.join(SOURCE, "scripts"))
+sys.path.insert(0, os.path.join(SOURCE, "scripts/package"))
 import check_package
 
 IS_RELEASE = os.environ["TAVREL_BUILD_TYPE"] == "Release" and not os.environ["TAVREL_SANITIZER"]
@@ -52,7 +52,7 @@ class InstalledTree(unittest.TestCase):
 
     @unittest.skipIf(os.environ["TAVREL_SANITIZER"], "the sanitizers' libraries are elsewhere")
     def test_runs_in_every_mode_without_display_for_a_user_who_may_only_read(self):
-        script = os.path.join(SOURCE, "scripts/try_modes.sh")
+        script = os.path.join(SOURCE, "scripts/package/try_modes.sh")
         run("chmod", "-R", "a-w", self.prefix)
         try:
             with open(script) as text:

@@ -1,6 +1,8 @@
 #!/usr/bin/env python3
-"""soak.py TREE STARTS KILLS: the work of soak.sh with a tree that is there."""
+"""Starts the launcher of a built tree with endings that are known, crashes among them, and with a signal
+at a random moment. Fails if a run ends with a wrong status, or if a file, a folder or a process is left."""
 
+import argparse
 import collections
 import concurrent.futures
 import ctypes
@@ -13,6 +15,7 @@ import sys
 import tempfile
 import time
 
+BUILT_TREE = os.path.join(os.path.dirname(__file__), "../../build/release/tree")
 DEADLINE_SECONDS = 120
 PR_SET_CHILD_SUBREAPER = 36
 CRASH = "import ctypes; ctypes.string_at(0)"
@@ -158,14 +161,20 @@ def reap_adopted():
 
 
 def main():
-    tree, starts, kills = sys.argv[1], int(sys.argv[2]), int(sys.argv[3])
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--tree", default=BUILT_TREE, help="that of the release build unless named")
+    parser.add_argument("starts", nargs="?", type=int, default=10000)
+    parser.add_argument("kills", nargs="?", type=int, default=2000)
+    words = parser.parse_args()
+    if not os.access(os.path.join(words.tree, "bin/tavrel"), os.X_OK):
+        sys.exit("soak: no launcher in %s: run scripts/build.sh" % words.tree)
     ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
     # A shell hands them down ignored to what runs in its background.
     signal.signal(signal.SIGINT, signal.default_int_handler)
     signal.signal(signal.SIGHUP, signal.SIG_DFL)
     with tempfile.TemporaryDirectory(prefix="soak_") as folder:
-        soak = Soak(tree, folder)
-        soak.run(starts, kills)
+        soak = Soak(words.tree, folder)
+        soak.run(words.starts, words.kills)
     for (kind, status), count in sorted(soak.outcomes.items(), key=str):
         print("%-24s status %4d: %d" % (kind, status, count))
     sys.exit("\n".join(soak.wrong) or 0)

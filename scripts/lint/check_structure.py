@@ -45,7 +45,7 @@ def objections(path, text, allowed):
 
 
 def main():
-    os.chdir(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+    os.chdir(os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__)))))
     allowed, found = arrows(), []
     listed = subprocess.run(["git", "ls-files", "--cached", "--others", "--exclude-standard",
                              "--deduplicate", "*.cpp", "*.h", "*.c", "*.py"],

@@ -29,7 +29,7 @@ from pathlib import Path
 PROGRAMS = {"slurm-wlm": ("slurmctld", "slurmd", "sbatch"), "munge": ("munged",)}
 SEARCH = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
 FREEZER = Path("/sys/fs/cgroup/freezer")
-EXAMPLES = Path(__file__).resolve().parents[1] / "examples/slurm"
+EXAMPLES = Path(__file__).resolve().parents[2] / "examples/slurm"
 START_SECONDS = 90
 STOP_SECONDS = 10
 ATTEMPTS = 3  # another process may take a port that was free

@@ -19,7 +19,7 @@ import time
 import zipfile
 from collections import namedtuple
 
-TOP = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+TOP = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 DEPS = os.path.join(TOP, ".deps")
 STDLIB = os.path.join(DEPS, "python3.7/lib/python3.7")
 BREAKPAD = "package/deps/breakpad/"
@@ -131,7 +131,7 @@ def single_file(folder, pattern):
 
 def notices():
     yield ("# Third parties\n\nWhat of others is in the packages, under which terms, and where. Made by "
-           "`scripts/third_party.py notices`;\nversions and hashes are in `tavrel.spdx.json` of a package. %s\n"
+           "`scripts/package/third_party.py notices`;\nversions and hashes are in `tavrel.spdx.json` of a package. %s\n"
            % LICENCE)
     yield "| part | licence | where |\n|---|---|---|"
     for part in PARTS:

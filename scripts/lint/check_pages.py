@@ -6,7 +6,7 @@ import pathlib
 import re
 import sys
 
-TOP = pathlib.Path(__file__).resolve().parents[1]
+TOP = pathlib.Path(__file__).resolve().parents[2]
 PRODUCT = ("base", "crash", "process", "UTIL", "MAIN", "standins", "programs", "python")
 # Tables of what the interpreter and the loader read, not this project's code.
 FOREIGN_SECTIONS = ("Other people's settings", "The interpreter's own variables")
@@ -47,7 +47,7 @@ def names_in_code():
 
 def words_in_building():
     """Of scripts and CMake files, whose own variables look the same as those of the environment."""
-    paths = [*TOP.glob("scripts/*.sh"), *TOP.glob("[!.b]*/*.cmake")]
+    paths = [*TOP.glob("scripts/**/*.sh"), *TOP.glob("[!.b]*/*.cmake")]
     return {word for path in paths for word in re.findall(NAME, read(path))}
 
 

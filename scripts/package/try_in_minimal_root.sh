@@ -7,7 +7,7 @@
 # The roots are kept in .deps/minimal-root, so that only the first run needs the network. Every run
 # works on a throw-away layer in a mount namespace of its own, which takes all mounts with it.
 set -euo pipefail
-top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+top=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 readonly top
 readonly roots=$top/.deps/minimal-root
 readonly release=bookworm
@@ -63,7 +63,7 @@ try_packages() {
   done
   mount --bind "$root/srv" "$root/srv"
   mount -o remount,bind,ro "$root/srv"
-  cp "$top/scripts/try_modes.sh" "$root/try_modes.sh"
+  cp "$top/scripts/package/try_modes.sh" "$root/try_modes.sh"
   for tree in /usr "/srv/one/$(basename "$tgz" .tar.gz)" "/srv/zwei Bäume/$(basename "$tgz" .tar.gz)"; do
     chroot --userspec=nobody:nogroup "$root" /usr/bin/env -i PATH=/usr/bin:/bin TAVREL_CRASH=1 \
       /bin/sh /try_modes.sh "$tree/bin/tavrel" || die "$tree does not run in the minimal root (above)"
