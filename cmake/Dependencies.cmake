@@ -27,6 +27,7 @@ set_target_properties(Python37::Module PROPERTIES
   INTERFACE_INCLUDE_DIRECTORIES ${TAVREL_PYTHON37_HOME}/include/python3.7m)
 set(TAVREL_EXTENSION_SUFFIX .cpython-37m-x86_64-linux-gnu.so)
 
+# Its exception alone: what it has besides, scripts/setup.sh doesn't build.
 add_library(Boost::python37 STATIC IMPORTED)
 set_target_properties(Boost::python37 PROPERTIES
   IMPORTED_LOCATION ${TAVREL_DEPS}/boost_python/libboost_python37.a
@@ -39,15 +40,16 @@ set_target_properties(Breakpad::client PROPERTIES
   INTERFACE_INCLUDE_DIRECTORIES ${TAVREL_DEPS}/breakpad/include
   INTERFACE_COMPILE_DEFINITIONS __STDC_FORMAT_MACROS
   INTERFACE_LINK_LIBRARIES Threads::Threads)
-# The processor library: reads minidumps and walks their stacks.
-add_library(Breakpad::disasm STATIC IMPORTED)
-set_target_properties(Breakpad::disasm PROPERTIES
-  IMPORTED_LOCATION ${TAVREL_DEPS}/breakpad/lib/libdisasm.a)
+# Reads minidumps.
 add_library(Breakpad::processor STATIC IMPORTED)
 set_target_properties(Breakpad::processor PROPERTIES
   IMPORTED_LOCATION ${TAVREL_DEPS}/breakpad/lib/libbreakpad.a
   INTERFACE_INCLUDE_DIRECTORIES ${TAVREL_DEPS}/breakpad/include
   INTERFACE_COMPILE_DEFINITIONS __STDC_FORMAT_MACROS
-  INTERFACE_LINK_LIBRARIES "Breakpad::disasm;Threads::Threads")
+  INTERFACE_LINK_LIBRARIES Breakpad::client)
 # Programs that tests read dumps with.
 set(TAVREL_BREAKPAD_BIN ${TAVREL_DEPS}/breakpad/bin)
+
+# The system's own Python, which sees the modules of Debian's packages, for tests and measurements.
+find_program(TAVREL_TEST_PYTHON NAMES python3 PATHS /usr/bin NO_DEFAULT_PATH)
+find_program(TAVREL_TEST_PYTHON NAMES python3 REQUIRED)

@@ -9,7 +9,6 @@ include(CheckPIESupported)
 check_pie_supported()
 
 set(TAVREL_SANITIZER "" CACHE STRING "Value of -fsanitize= for every object, empty for none")
-option(TAVREL_COVERAGE "Record which lines the tests run" OFF)
 option(TAVREL_FUZZ "Build the fuzzers (clang only)" OFF)
 
 # Boost's own headers are third party: their warnings are not ours to mend.
@@ -22,7 +21,9 @@ add_link_options(-Wl,--as-needed -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,
 # What users get; the sanitizers see more by themselves, and fortified calls only without them.
 # A compiler may bring a level of _FORTIFY_SOURCE of its own. Fortified headers have GCC warn of
 # results that are not used even where static_cast<void> says that this is meant.
-add_compile_options("$<$<CONFIG:Release>:-fstack-protector-strong;-fstack-clash-protection;-fcf-protection;-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2;-Wno-unused-result>")
+file(STRINGS cmake/hardening.flags hardening)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS cmake/hardening.flags)
+add_compile_options("$<$<CONFIG:Release>:${hardening};-Wno-unused-result>")
 
 if(TAVREL_SANITIZER)
   add_compile_options(-fsanitize=${TAVREL_SANITIZER} -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
@@ -31,8 +32,4 @@ endif()
 if(TAVREL_FUZZ)
   # What the fuzzers call tells them which ways it took.
   add_compile_options(-fsanitize=fuzzer-no-link)
-endif()
-if(TAVREL_COVERAGE)
-  add_compile_options(--coverage)
-  add_link_options(--coverage)
 endif()

@@ -100,7 +100,7 @@ def leads(page, presets):
 
 
 def main():
-    presets = {preset["name"] for preset in json.loads(read("CMakePresets.json"))["buildPresets"]}
+    presets = {preset["name"] for preset in json.loads(read("CMakePresets.json"))["testPresets"]}
     found = ["docs/environment.md: " + text for text in settings()]
     for page in sorted(TOP.glob("*.md")) + sorted(TOP.glob("docs/*.md")):
         found += ["%s: %s" % (page.relative_to(TOP), text) for text in leads(page, presets)]

@@ -13,6 +13,7 @@ import argparse
 import hashlib
 import json
 import os
+import pathlib
 import re
 import stat
 import struct
@@ -26,8 +27,7 @@ WORDS = ("man/man1/tavrel.1", "man/man8/tavrelCleanup.8", "man/man8/CrashReporte
          "zsh/vendor-completions/_tavrel", "fish/vendor_completions.d/tavrel.fish",
          "doc/tavrel/THIRD-PARTY.md")
 # What the text of every compilation of shipped code has to hold.
-HARDENING = ("-fstack-protector-strong", "-fstack-clash-protection", "-fcf-protection",
-             "-D_FORTIFY_SOURCE=2")
+HARDENING = (pathlib.Path(__file__).resolve().parents[2] / "cmake/hardening.flags").read_text().split()
 ENDBR64 = b"\xf3\x0f\x1e\xfa"  # where -fcf-protection lets an indirect call land
 UNLISTED = ("MANIFEST", "bin/log.conf")  # log.conf is there to be edited
 UNCHECKED_HASH = 1  # flags word of byte code that is never compared with its source
