@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
-# Sets up and builds what is missing, runs the benchmarks of the release build, or only those that
-# are named, and ends with one table of ratios. Exit status 1 if a ratio is above its limit or a
-# benchmark failed.
+# bench.sh [NAME...]: sets up and builds what is missing, runs the benchmarks of the release build, or
+# only those that are named, and ends with one table of ratios. Exit status 1 if a ratio is above its
+# limit or a benchmark failed.
 set -euo pipefail
+# shellcheck source=scripts/setup/help.sh
+. "$(dirname "${BASH_SOURCE[0]}")/setup/help.sh"
+[[ ${1:-} != -* ]] || refuse "$1"
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
-scripts/setup.sh
+scripts/setup.sh bench
 scripts/build.sh release
 names=$(cut -f 1 build/release/benchmarks/commands | xargs)
 for name in "$@"; do

@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
-# Checks layout (clang-format), shell scripts (shellcheck), Python (flake8), includes and sizes
-# (check_structure.py), pages against sources (check_pages.py) and code (clang-tidy), each to its end.
-# With --fix it writes the layout instead of checking it.
+# lint.sh [--fix]: sets up and builds what is missing, then checks layout (clang-format), shell scripts
+# (shellcheck), Python (flake8), includes and sizes (check_structure.py), pages against sources
+# (check_pages.py) and code (clang-tidy), each to its end. With --fix it writes the layout instead.
 set -euo pipefail
+# shellcheck source=scripts/setup/help.sh
+. "$(dirname "${BASH_SOURCE[0]}")/setup/help.sh"
+if [ $# -gt 1 ] || [ "${1:---fix}" != --fix ]; then refuse "${@: -1}"; fi
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
-for tool in clang-format clang-tidy shellcheck flake8; do
-  command -v "$tool" >/dev/null || { echo "lint: $tool is missing: run scripts/setup.sh" >&2; exit 1; }
-done
+scripts/setup.sh lint
 
 files() { git ls-files --cached --others --exclude-standard --deduplicate -- "$@"; }
 

@@ -1,8 +1,12 @@
 #!/usr/bin/env bash
-# Makes the TGZ, the DEB and an image of the tree in build/package and checks them: what they hold,
-# that a second build in another folder gives the same bytes, and that they run in a minimal Debian.
-# Times in the packages are SOURCE_DATE_EPOCH, the last commit's unless it is set.
+# package.sh: sets up what is missing, makes the TGZ, the DEB and an image of the tree in build/package
+# and checks them: what they hold, that a second build in another folder gives the same bytes, and that
+# they run in a minimal Debian. Times in the packages are SOURCE_DATE_EPOCH, the last commit's unless it
+# is set.
 set -euo pipefail
+# shellcheck source=scripts/setup/help.sh
+. "$(dirname "${BASH_SOURCE[0]}")/setup/help.sh"
+[ $# -eq 0 ] || refuse "$1"
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 say() { printf 'package: %s\n' "$*" >&2; }
 die() { say "$*"; exit 1; }
@@ -12,10 +16,7 @@ if [ -z "${SOURCE_DATE_EPOCH:-}" ]; then
     die "this is no git clone: set SOURCE_DATE_EPOCH to the release's date in seconds (date +%s)"
 fi
 export SOURCE_DATE_EPOCH
-scripts/setup.sh
-for tool in dpkg-shlibdeps desktop-file-validate appstreamcli mksquashfs readelf lintian; do
-  command -v "$tool" >/dev/null || die "$tool is missing: run scripts/setup.sh"
-done
+scripts/setup.sh package
 
 python3 -I -B scripts/package/third_party.py notices | cmp --silent - THIRD-PARTY.md ||
   die "THIRD-PARTY.md is not what the parts tell now: look at what 'python3 scripts/package/third_party.py notices >THIRD-PARTY.md' changes"

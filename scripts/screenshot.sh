@@ -1,11 +1,14 @@
 #!/usr/bin/env bash
-# Sets up and builds what is missing, opens the window with examples/graph.py on an X server of its
-# own, has it render a preview, and writes the picture to docs/window.png, or to the PNG file that is
-# named.
+# screenshot.sh [PNG]: sets up and builds what is missing, opens the window with examples/graph.py on an
+# X server of its own, has it render a preview, and writes the picture to docs/window.png, or to the PNG
+# file that is named.
 set -euo pipefail
+# shellcheck source=scripts/setup/help.sh
+. "$(dirname "${BASH_SOURCE[0]}")/setup/help.sh"
+if [ $# -gt 1 ] || [[ ${1:-} == -* ]]; then refuse "${@: -1}"; fi
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 picture=${1:-docs/window.png}
-scripts/setup.sh
+scripts/setup.sh screenshot
 scripts/build.sh release
 
 scratch=$(mktemp -d)

@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
-# Brings everything that a build and its tests need: Debian packages into the system, and into
-# .deps/ the third-party sources and the prepared Python 3.7. Every step is made under .deps/partial
-# and moved into place when it is whole, so that an interrupted run is simply started again.
-# With everything in place it only looks, and needs no network.
+# setup.sh [COMMAND...]: brings what scripts/run.sh needs, and what the named commands need beyond that
+# (test, fuzz, lint, bench, package, screenshot): Debian packages into the system, and into .deps/ the
+# third-party sources and the prepared Python 3.7. With everything in place it only looks, and needs no
+# network. Each command calls it for itself.
 set -euo pipefail
+# shellcheck source=scripts/setup/help.sh
+. "$(dirname "${BASH_SOURCE[0]}")/setup/help.sh"
 
 top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 readonly top
@@ -13,12 +15,16 @@ readonly boost_sha256=192f5df504d282cb81288f88232d8af45b64a9ab531e1c7cf8ae955f16
 readonly minidump_version=0.26.0
 readonly minidump_sha256=0b09e132e39a5bf555324078a7f1fa2f3fe5c498f44bd80bf6fdfca92c1e2bbd
 # Raised when the way a folder of .deps/ is prepared changes, so that old ones are made anew.
-declare -rA recipe=([python3.7]=3 [boost_python]=2 [breakpad]=3)
-# As cmake/Toolchain.cmake has it for code of the project: these archives end up in its programs.
-readonly hardening="-fstack-protector-strong -fstack-clash-protection -fcf-protection -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2"
+declare -rA recipe=([python3.7]=3 [boost_python]=3 [breakpad]=4)
+# These archives end up in the project's programs.
+mapfile -t hardening <"$top/cmake/hardening.flags"
+readonly hardening
 
 say() { printf 'setup: %s\n' "$*" >&2; }
 die() { say "$*"; exit 1; }
+
+# Every step is made under .deps/partial and moved into place when it is whole, so that an interrupted
+# run is simply started again.
 
 # A folder of .deps/ is there when its stamp names the version and recipe that made it.
 have() { [ "$(cat "$deps/$1/.stamp" 2>/dev/null)" = "$2 recipe ${recipe[$1]}" ]; }
@@ -43,12 +49,18 @@ check_sha256() {
     { rm -f "$1"; die "$(basename "$1") does not have the expected SHA-256 and was removed; run setup again"; }
 }
 
-read_packages() { sed -e 's/#.*//' "$top/scripts/setup/debian-packages.txt" | xargs; }
+# read_packages COMMAND...
+read_packages() {
+  local command
+  for command in "$@"; do
+    sed -n "s/^$command: //p" "$top/scripts/setup/debian-packages.txt"
+  done | xargs -n 1 | sort -u | xargs
+}
 
 debian_packages() {
   command -v dpkg-query >/dev/null || die "this needs Debian 12 or a system like it (no dpkg found)"
   local wanted missing=()
-  wanted=$(read_packages)
+  wanted=$(read_packages "$@")
   local installed
   # shellcheck disable=SC2086  # a list of names
   installed=" $(dpkg-query -W -f '${db:Status-Status}:${Package} ' $wanted 2>/dev/null || true)"
@@ -67,6 +79,7 @@ debian_packages() {
   { $sudo env DEBIAN_FRONTEND=noninteractive apt-get update &&
     $sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "${missing[@]}"; } \
     >"$log" 2>&1 || { tail -n 5 "$log" >&2; die "apt-get failed; its output is in .deps/apt.log"; }
+  touch "$deps/.packages" # scripts/build.sh configures anew: what it missed may be there now
 }
 
 is_shared_python37() {
@@ -142,16 +155,16 @@ boost_python() {
     rm -rf "$apt"
   fi
   check_sha256 "$archive" "$boost_sha256"
-  say "building Boost.Python for Python 3.7"
+  say "building Boost.Python's exception for Python 3.7"
   fresh_partial boost_python
   local to=$deps/partial/boost_python
-  tar -C "$to" --strip-components=1 -xf "$archive" boost/libs/python/src boost/LICENSE_1_0.txt
-  # shellcheck disable=SC2016  # expanded by the shell of each file
-  (cd "$to/libs/python/src" && find . -name '*.cpp' ! -path '*numpy*' -print0 |
-    xargs -0 -P "$(nproc)" -I{} sh -c 'g++ -std=c++17 -O2 -fPIC -w $3 -DBOOST_BIND_GLOBAL_PLACEHOLDERS \
-      -DBOOST_PYTHON_SOURCE -DBOOST_PYTHON_STATIC_LIB -I"$1" -c "$2" -o "${2%.cpp}.o"' sh "$deps/python3.7/include/python3.7m" {} "$hardening") ||
-    die "Boost.Python does not build"
-  (cd "$to/libs/python/src" && find . -name '*.o' | LC_ALL=C sort | xargs ar rcsD "$to/libboost_python37.a")
+  # The launcher uses nothing else of Boost.Python; other parts are further files. Once they are found,
+  # the rest of a large archive isn't read.
+  tar -C "$to" --strip-components=1 --occurrence=1 -xf "$archive" boost/libs/python/src/errors.cpp boost/LICENSE_1_0.txt
+  (cd "$to/libs/python/src" && g++ -std=c++17 -O2 -fPIC -w "${hardening[@]}" -DBOOST_BIND_GLOBAL_PLACEHOLDERS \
+    -DBOOST_PYTHON_SOURCE -DBOOST_PYTHON_STATIC_LIB -I"$deps/python3.7/include/python3.7m" -c errors.cpp &&
+    ar rcsD "$to/libboost_python37.a" errors.o) >"$deps/boost_python.log" 2>&1 ||
+    { tail -n 5 "$deps/boost_python.log" >&2; die "Boost.Python does not build; see .deps/boost_python.log"; }
   rm -rf "$to/libs"
   install_folder boost_python "$boost_version"
 }
@@ -172,30 +185,44 @@ breakpad() {
   say "building Breakpad"
   fresh_partial breakpad
   local to=$deps/partial/breakpad
-  tar -C "$to" --strip-components=1 -xf "$archive" package/deps
-  patch -s -d "$to" -p1 <"$top/scripts/setup/breakpad-strings.patch" || die "the patch of Breakpad does not apply"
-  mkdir -p "$to/build" "$to/lib" "$to/bin"
-  # The file names that end up in the archives must not tell where they were built.
-  (cd "$to/build" && ../deps/breakpad/configure CPPFLAGS="-I../deps" \
-    CXXFLAGS="-O2 -g -fPIC $hardening -Wno-error=deprecated -ffile-prefix-map=$to=breakpad" CFLAGS="-O2 -g -fPIC $hardening -ffile-prefix-map=$to=breakpad" &&
-    make -j "$(nproc)" src/client/linux/libbreakpad_client.a src/libbreakpad.a src/third_party/libdisasm/libdisasm.a \
-      src/processor/minidump_stackwalk src/processor/minidump_dump src/tools/linux/dump_syms/dump_syms) \
+  fresh_partial breakpad_build
+  # Files are named relative to it, so nothing in the archives says where they were built.
+  scratch=$deps/partial/breakpad_build
+  # configure refuses a path with a blank and some other characters.
+  [[ $scratch != *[!A-Za-z0-9_./+-]* ]] || scratch=$(mktemp -d)
+  trap 'rm -rf "$scratch"' EXIT
+  tar -C "$scratch" --strip-components=1 -xf "$archive" package/deps package/bin/linux-x64
+  patch -s -d "$scratch" -p1 <"$top/scripts/setup/breakpad-strings.patch" || die "the patch of Breakpad does not apply"
+  mkdir -p "$scratch/build" "$to/lib" "$to/bin"
+  # What reads a minidump, of a library that walks the stacks of every processor.
+  local reader=(basic_code_modules convert_old_arm64_context dump_context dump_object logging minidump
+    pathname_stripper proc_maps_linux)
+  reader=("${reader[@]/%/.o}")
+  local client=src/client/linux/libbreakpad_client.a flags="-O2 -fPIC ${hardening[*]}"
+  (cd "$scratch/build" &&
+    ../deps/breakpad/configure CPPFLAGS=-I../deps CFLAGS="$flags" CXXFLAGS="$flags -Wno-error=deprecated" &&
+    make -j "$(nproc)" "$client" "${reader[@]/#/src/processor/}" &&
+    ar rcsD "$to/lib/libbreakpad.a" "${reader[@]/#/src/processor/}") \
     >"$deps/breakpad.log" 2>&1 || { tail -n 5 "$deps/breakpad.log" >&2; die "Breakpad does not build; see .deps/breakpad.log"; }
-  cp "$to/build/src/client/linux/libbreakpad_client.a" "$to/build/src/libbreakpad.a" \
-    "$to/build/src/third_party/libdisasm/libdisasm.a" "$to/lib/"
-  cp "$to/build/src/processor/minidump_stackwalk" "$to/build/src/processor/minidump_dump" \
-    "$to/build/src/tools/linux/dump_syms/dump_syms" "$to/bin/"
-  mv "$to/deps/breakpad/LICENSE" "$to/"
-  mv "$to/deps/breakpad/src" "$to/include"
-  mv "$to/deps/third_party/lss" "$to/include/third_party/lss"
-  rm -rf "$to/build" "$to/deps"
+  cp "$scratch/build/$client" "$to/lib/"
+  # With these, tests read dumps; they come ready-built with the source.
+  install "$scratch"/bin/linux-x64/minidump_{stackwalk,dump} "$to/bin/"
+  mv "$scratch/deps/breakpad/LICENSE" "$to/"
+  mv "$scratch/deps/breakpad/src" "$to/include"
+  mv "$scratch/deps/third_party/lss" "$to/include/third_party/lss"
   install_folder breakpad "$minidump_version"
 }
 
+for command in "$@"; do
+  grep -q "^${command//[!a-z]/!}: " "$top/scripts/setup/debian-packages.txt" || refuse "$command"
+done
 mkdir -p "$deps/partial"
 exec 9>"$deps/.lock"
 flock --nonblock 9 || { say "waiting for another set-up"; flock 9; }
-debian_packages
+debian_packages run "$@"
+# Breakpad's configure and the downloads leave a processor idle.
+(breakpad) &
+trap wait EXIT
 python37
 boost_python
-breakpad
+wait $!

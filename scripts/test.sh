@@ -1,10 +1,16 @@
 #!/usr/bin/env bash
-# Sets up and builds whatever is missing, then runs every test. The first argument may name a
-# preset (release unless given); further arguments go to ctest.
+# test.sh [PRESET] [ARGUMENT...]: sets up and builds what is missing, then runs every test of one preset
+# (release unless another is named). ARGUMENTs go to ctest: -R NAME, -L LABEL, -j N...
 set -euo pipefail
+# shellcheck source=scripts/setup/help.sh
+. "$(dirname "${BASH_SOURCE[0]}")/setup/help.sh"
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 preset=release
 case "${1:-}" in "" | -*) ;; *) preset=$1; shift ;; esac
-scripts/setup.sh
+# ctest takes no notice of what it doesn't know, and runs everything.
+for word in "$@"; do
+  [[ $word != -* ]] || { ctest --help | grep -qE -e "[ ,]$(sed -E 's/[0-9]+$|=.*//' <<<"$word")([ ,=]|$)"; } || refuse "$word"
+done
+if [ "$preset" = fuzz ]; then scripts/setup.sh fuzz; else scripts/setup.sh test; fi
 scripts/build.sh "$preset"
 exec ctest --preset "$preset" "$@"

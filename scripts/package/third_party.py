@@ -36,9 +36,6 @@ PARTS = (
     Part("Breakpad", "BSD-3-Clause", "2006 Google LLC", "bin",
          "Client and processor library, in the launcher and the programs for crashes.",
          lambda: [before(archived("LICENSE"), "License for INSTALL")]),
-    Part("libdisasm", "ClArtistic", "the authors of libdisasm", "bin",
-         "Comes with Breakpad, in CrashReporterTavrel.",
-         lambda: [archived("src/third_party/libdisasm/LICENSE")]),
     Part("musl", "MIT", "2005-2014 Rich Felker, et al.", "bin",
          "Its elf.h comes with Breakpad, in CrashReporterTavrel.",
          lambda: [archived("src/third_party/musl/COPYRIGHT")]),
@@ -250,10 +247,9 @@ def facts_of(part, debian):
         version = os.path.basename(wheel(part.name)).split("-")[1]
         return {"version": version, "purl": "pkg:pypi/%s@%s" % (part.name, version),
                 "sha256": sha256_of(wheel(part.name))}
-    with_breakpad = {"libdisasm": r"Version: (.*)", "musl": r"(.*)", "linux-syscall-support": r"@(\w{40})"}
+    with_breakpad = {"musl": r"(.*)", "linux-syscall-support": r"@(\w{40})"}
     if part.name in with_breakpad:
-        file = {"libdisasm": "src/third_party/libdisasm/README.breakpad", "musl": "src/third_party/musl/VERSION",
-                "linux-syscall-support": "DEPS"}[part.name]
+        file = {"musl": "src/third_party/musl/VERSION", "linux-syscall-support": "DEPS"}[part.name]
         text = archived(file)
         text = text[text.index("third_party/lss"):] if part.name == "linux-syscall-support" else text
         version = re.search(with_breakpad[part.name], text).group(1)
