@@ -56,12 +56,13 @@ class ScratchTree:
         else:
             target.symlink_to(source)
 
-    def put_refusing_library(self):
-        """Puts the noting and refusing library in front of the closed one; returns its record."""
+    def put_harsh_library(self):
+        """Puts the library that notes its calls, and fails on demand, in front of the closed one;
+        returns its record."""
         (self.bin / "closed").mkdir()
         (self.bin / "closed/libZkPlexum3.so").symlink_to(BUILT / "bin/libZkPlexum3.so")
-        self.put(STAND_INS / "librefusing_ZkPlexum3.so", "libZkPlexum3.so")
-        return self.folder / "refusing_record"
+        self.put(STAND_INS / "libharsh_ZkPlexum3.so", "libZkPlexum3.so")
+        return self.folder / "harsh_record"
 
     def _put_recorder(self):
         self.put(STAND_INS / "recorder_tavrelCleanup", "tavrelCleanup")

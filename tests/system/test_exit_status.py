@@ -41,8 +41,8 @@ NO_FOLDER = r"\[ERROR MAIN\] Unable to locate temporary directory \(.*\)\n"
 # Arguments, environment, exit status, calls of the closed library and of the mode, standard error.
 WAYS_OUT = [
     (["--batch", "-V0"], {}, 0, [MINIMALLY, FULLY, "mode", UNINITIALIZE], ""),
-    (["--batch"], {"REFUSING_MINIMALLY": "3"}, 1, [MINIMALLY], r"Unable to initialize Plexum3\n"),
-    (["--batch", "-V0"], {"REFUSING_FULLY": "7"}, 1, [MINIMALLY, FULLY, UNINITIALIZE],
+    (["--batch"], {"HARSH_MINIMALLY": "3"}, 1, [MINIMALLY], r"Unable to initialize Plexum3\n"),
+    (["--batch", "-V0"], {"HARSH_FULLY": "7"}, 1, [MINIMALLY, FULLY, UNINITIALIZE],
      r"\[ERROR MAIN\] Unable to initialize Plexum3 \(.*\)\n"),
     (["--batch=1"], {}, 1, [MINIMALLY, UNINITIALIZE], r".*\n"),
     (["--batch", "-V0"], {"TMPDIR": None, "TMP": "/nowhere"}, 1, [MINIMALLY, FULLY, UNINITIALIZE],
@@ -113,13 +113,13 @@ class ExitStatusTest(SystemTest):
 
     def test_each_way_out_takes_down_what_it_brought_up(self):
         tree = self.scratch_tree()
-        record = tree.put_refusing_library()
+        record = tree.put_harsh_library()
         for args, env, status, calls, err in WAYS_OUT:
             with self.subTest(args=args, env=env):
                 record.write_text("")
                 ended, cleanup = self.run_with_cleanup(
                     tree, *args, act=f"with open({str(record)!r}, 'a') as r: r.write('mode\\n')",
-                    env={"REFUSING_RECORD": str(record), **env})
+                    env={"HARSH_RECORD": str(record), **env})
                 self.assertEqual((ended.status, record.read_text().splitlines()), (status, calls))
                 self.assertRegex(ended.err, rf"\A{err}\Z")
                 self.assertEqual(bool(ended.events), "mode" in calls)
