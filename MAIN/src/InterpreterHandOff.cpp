@@ -27,7 +27,6 @@ using UTIL::PythonReference;
 constexpr wchar_t programName[] = L"tavrel";
 
 void startInterpreter(const std::string& rootPath) {
-    const InterruptDuringStart interrupt;
     Py_SetProgramName(programName);
     RegisterVendorIdModule();
     UTIL::InitPython(rootPath);
@@ -63,6 +62,9 @@ void startStackLogIfWanted() {
 }
 
 PythonReference runEntryScript(const EmbeddedApplication& application) {
+    if (!handInterruptsToPython()) {
+        return nullptr;
+    }
     // The code object is kept for the life of the interpreter: the running application is inside
     // it.
     PyObject* code = PyMarshal_ReadObjectFromString(reinterpret_cast<const char*>(application.code),

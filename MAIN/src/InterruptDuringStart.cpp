@@ -1,52 +1,77 @@
 #include "MAIN/src/InterruptDuringStart.h"
 
-#include <pthread.h>
+#include <Python.h>  // first: it settles feature macros of the system's headers
 #include <unistd.h>
+
+#include <csignal>
+#include <utility>
+
+#include "UTIL/src/PythonReference.h"
 
 namespace Launcher {
 
 namespace {
 
-// What a child of fork has to unblock; empty but for the time of the start. Site code may start
-// programs, and what those inherit lasts for their whole life.
-sigset_t childUnblocks = {};
+using UTIL::PythonReference;
 
-void childUnblock() {
-    static_cast<void>(pthread_sigmask(SIG_UNBLOCK, &childUnblocks, nullptr));
+volatile std::sig_atomic_t hasCome = 0;
+void (*pythonsHandler)(int) = nullptr;
+
+// Installed to serve once: what it raises has the default action.
+void end(int number) {
+    raise(number);
+    _exit(128 + number);  // the kernel dropped it: the first process of a container
 }
 
-// The kernel drops a signal that the first process of a container has no handler for.
-void endFirstProcess(int number) {
-    _exit(128 + number);
+// Stays for the rest of the run. Nothing has to be changed once the application may have installed
+// a handler of its own.
+void noteAndForward(int number) {
+    hasCome = 1;
+    pythonsHandler(number);
 }
+
+PyObject* checkInterrupt(PyObject* /*module*/, PyObject* /*arguments*/) {
+    if (PyErr_CheckSignals() == 0) {
+        if (hasCome == 0) {
+            Py_RETURN_NONE;
+        }
+        PyErr_SetNone(PyExc_KeyboardInterrupt);
+    }
+    return nullptr;
+}
+
+PyMethodDef checkInterruptMethod = {"checkInterrupt", checkInterrupt, METH_NOARGS, nullptr};
 
 }  // namespace
 
-// The calls here fail for bad arguments alone; without memory for the handler of fork the children
-// inherit the block.
-InterruptDuringStart::InterruptDuringStart() {
-    struct sigaction before = {};
-    sigaction(SIGINT, nullptr, &before);
-    endsTheProcess_ = before.sa_handler == SIG_DFL;
-    sigset_t interrupt;
-    sigemptyset(&interrupt);
-    sigaddset(&interrupt, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &interrupt, &previousMask_);
-    if (sigismember(&previousMask_, SIGINT) == 0) {
-        childUnblocks = interrupt;
-        static_cast<void>(pthread_atfork(nullptr, nullptr, childUnblock));
+// sigaction fails for bad arguments alone, here and below.
+void endOnInterrupt() {
+    struct sigaction action = {};
+    sigaction(SIGINT, nullptr, &action);
+    if (action.sa_handler == SIG_DFL) {
+        action.sa_handler = end;
+        action.sa_flags = static_cast<int>(SA_RESETHAND | SA_NODEFER);
+        sigaction(SIGINT, &action, nullptr);
     }
 }
 
-InterruptDuringStart::~InterruptDuringStart() {
-    struct sigaction now = {};
-    sigaction(SIGINT, nullptr, &now);
-    if (endsTheProcess_ && now.sa_handler != SIG_IGN) {
-        constexpr pid_t firstProcess = 1;
-        std::signal(SIGINT, getpid() == firstProcess ? endFirstProcess : SIG_DFL);
+bool handInterruptsToPython() {
+    UTIL::SetSysAttribute("tavrel_checkInterrupt",
+                          PythonReference(PyCFunction_New(&checkInterruptMethod, nullptr)));
+    struct sigaction action = {};
+    sigaction(SIGINT, nullptr, &action);
+    if (action.sa_handler != end) {
+        return true;
     }
-    sigemptyset(&childUnblocks);
-    pthread_sigmask(SIG_SETMASK, &previousMask_, nullptr);
+    const PythonReference module(PyImport_ImportModule("_signal"));
+    const PythonReference handler(
+        module ? PyObject_GetAttrString(module.get(), "default_int_handler") : nullptr);
+    const PythonReference previous(
+        PyObject_CallMethod(module.get(), "signal", "iO", SIGINT, handler.get()));
+    sigaction(SIGINT, nullptr, &action);
+    pythonsHandler = std::exchange(action.sa_handler, noteAndForward);
+    sigaction(SIGINT, &action, nullptr);
+    return previous && PyErr_CheckSignals() == 0;
 }
 
 }  // namespace Launcher

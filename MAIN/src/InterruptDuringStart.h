@@ -1,35 +1,25 @@
 #pragma once
 
-#include <csignal>
-
 namespace Launcher {
 
-/// Keeps Ctrl-C what it is before the interpreter exists: the end of the process by SIGINT. Inside
-/// Py_Initialize a KeyboardInterrupt would abort the process, end it with a status that means a
-/// failure, or be printed and forgotten; while modules are imported the interpreter may drop it in
-/// a callback of its own.
+/// Ctrl-C from the first line of main to the application's own handler.
 ///
-///     {
-///         const InterruptDuringStart interrupt;  // an interrupt waits from here on
-///         Py_Initialize();
-///     }                                          // one that waited ends the process here
-///     ...the entry script's imports: an interrupt ends the process...
-///     ...the mode, which the entry script hands over to: Python's handler...
+///     endOnInterrupt();              // main begins: SIGINT ends the process at once
+///     Py_Initialize();               // leaves a handler alone that isn't the default
+///     handInterruptsToPython();      // SIGINT is a KeyboardInterrupt from here on
+///     ...the entry script's imports...
+///     sys.tavrel_checkInterrupt()    // raises one that an import's callback has dropped
 ///
-/// Process 1 of a container, which no signal ends by itself, ends with 130 instead. The
-/// interpreter's own table of handlers isn't touched. A SIGINT that is ignored or blocked, or
-/// that something took before, is left as it is. Programs that are forked meanwhile don't inherit
-/// the block. Main thread, once in a process.
-class InterruptDuringStart {
-  public:
-    InterruptDuringStart();
-    ~InterruptDuringStart();
-    InterruptDuringStart(const InterruptDuringStart&) = delete;
-    InterruptDuringStart& operator=(const InterruptDuringStart&) = delete;
+/// A SIGINT that is ignored stays ignored, and a handler that something else installs stays.
 
-  private:
-    bool endsTheProcess_;
-    sigset_t previousMask_;
-};
+/// Has SIGINT end the process in whatever thread it arrives: by the signal, or with 130 for the
+/// first process of a container, for which the kernel drops a signal that has no handler. Nothing
+/// is changed where SIGINT is ignored or has a handler already.
+void endOnInterrupt();
+
+/// Installs Python's default handler for SIGINT in place of the one of endOnInterrupt, and
+/// `sys.tavrel_checkInterrupt`. With the interpreter lock held, main thread, once in a process.
+/// @return false, with the exception pending, if an interrupt came meanwhile or memory is short
+bool handInterruptsToPython();
 
 }  // namespace Launcher

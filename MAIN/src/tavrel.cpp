@@ -12,6 +12,7 @@
 #include "MAIN/src/CrashSetup.h"
 #include "MAIN/src/EntryScript.h"
 #include "MAIN/src/InterpreterHandOff.h"
+#include "MAIN/src/InterruptDuringStart.h"
 #include "MAIN/src/MainLog.h"
 #include "MAIN/src/Profiling.h"
 #include "MAIN/src/ScopedExitHandlers.h"
@@ -68,6 +69,7 @@ void logEnvironment(std::int32_t verbosity) {
 int main(int argc, char* argv[]) {
     ScopedExitHandlers exitHandlers;
     endStartupPhase("loading the program");
+    endOnInterrupt();
     prepareStandardStreams();
 
     const std::string rootPath = UTIL::GetInstallRoot();

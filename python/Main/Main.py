@@ -253,15 +253,6 @@ def setRunMode(ownKey):
             Configuration.set(key, "")
 
 
-def takeInterrupts():
-    """Has Ctrl-C reach Python from here on; until now it has ended the process by the signal."""
-    import _signal
-
-    handler = _signal.getsignal(_signal.SIGINT)
-    if handler is not None:
-        _signal.signal(_signal.SIGINT, handler)
-
-
 def runMode(options, args):
     # A mode's module is imported only when its mode is chosen: a batch run never loads the UI.
     if options.get("batch"):
@@ -280,7 +271,8 @@ def runMode(options, args):
         setRunMode("TAVREL_UI_MODE")
         initWithQt(options)
         import MainUI as mode
-    takeInterrupts()
+    # An import's callback may have dropped a KeyboardInterrupt.
+    sys.tavrel_checkInterrupt()
     mode.Main(options, args)
 
 

@@ -55,6 +55,7 @@ class EntryScriptTest(unittest.TestCase):
         logging.getLogger().handlers = [handler]
         logging.getLogger().setLevel(logging.DEBUG)
         sys.tavrel_verbosityLevel = 1
+        sys.tavrel_checkInterrupt = lambda: self.application.checkInterrupt()
 
     def load(self, name="Main", **configuration):
         """The script's globals after its body has run under the given module name."""
@@ -114,8 +115,8 @@ class EntryScriptTest(unittest.TestCase):
                 self.assertEqual(calls[:8], [
                     ("MainEnvironment.Init",), ("MainLogging.Init",), ("MainOptions.GetOptions",),
                     ("thread", None), (setter, MODES[mode], "1")] + others)
-                self.assertEqual(calls[-8:], [
-                    ("MainCommon.ProcessOptions", options),
+                self.assertEqual(calls[-9:], [
+                    ("MainCommon.ProcessOptions", options), ("checkInterrupt",),
                     ("Main%s.Main" % module, options, ["rest"])] + self.CLEAN_UP)
                 self.assertEqual(os.environ.get("QT_PLUGIN_PATH"), after)
                 self.assertEqual(sys.getrecursionlimit(), 10000)

@@ -104,7 +104,7 @@ class Soak:
         time.sleep(delay)
         process.send_signal(number)
         errors = self.finish(number.name, process, SIGNALS[number])
-        if process.returncode == 255 and "KeyboardInterrupt occurred" not in errors:
+        if process.returncode == 255 and "KeyboardInterrupt" not in errors:
             self.wrong.append("%s: status 255\n%s" % (number.name, errors))
         self.remove(number.name, folder, {"job.py"})
 

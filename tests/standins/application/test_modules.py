@@ -17,9 +17,12 @@ sys.path[:0] = [os.path.join(TREE, "bin", folder)
 
 import ConfigurationAPI_cmodule as Configuration
 import MachineInfo
+import MainBatch
 import MainLogging
 import MainOptions
 import MainPythonFile
+import MainScript
+import MainShell
 import MainSignals
 import MainSystemInfo
 import Nodes2DAPI
@@ -122,6 +125,10 @@ class ModulesTest(unittest.TestCase):
             self.addCleanup(signal.signal, number, signal.signal(number, signal.SIG_IGN))
             MainSignals.StopInOrderOn(number.name)
             self.assertEqual(signal.getsignal(number), signal.SIG_IGN)
+        for mode in (MainBatch, MainScript, MainShell):
+            with mock.patch.object(MainSignals, "StopInOrderOn", side_effect=KeyboardInterrupt), \
+                    mock.patch.object(os, "getpid", return_value=1):
+                self.assertRaisesRegex(SystemExit, "^130$", mode.Main, {}, ["file"])
 
     def test_files_are_run_and_written_without_a_trace(self):
         path = self.put("file", "import sys\nsys.argv = sys.path[:] = ['x']\n")

@@ -302,17 +302,14 @@ class RunModesTest(unittest.TestCase):
                         pass
                 self.assertEqual(child.wait(DEADLINE), status)
 
-    def test_process_1_ends_by_signals_that_the_kernel_would_drop(self):
+    def test_process_1_ends_by_a_signal_that_the_kernel_would_drop(self):
         nameSpace = ["unshare", "--map-root-user", "--pid", "--fork", "--mount-proc"]
         if subprocess.run([*nameSpace, "true"], stderr=subprocess.DEVNULL).returncode:
             self.skipTest("no name spaces for this user")
         script = self.write("one.py", "import os, signal\nos.kill(1, signal.SIGTERM)\n")
-        self.write("sitecustomize.py", "import os, signal\nos.kill(1, signal.SIGINT)\n")
-        for mode, path, status in (("--script", "", 143), ("--script", self.home, 130),
-                                   ("--batch", self.home, 130)):
-            done = subprocess.run([*nameSpace, LAUNCHER, "-V0", mode, script], timeout=DEADLINE,
-                                  env=dict(self.environment, PYTHONPATH=path), stderr=subprocess.DEVNULL)
-            self.assertEqual(done.returncode, status)
+        done = subprocess.run([*nameSpace, LAUNCHER, "-V0", "--script", script], timeout=DEADLINE,
+                              env=self.environment, stderr=subprocess.DEVNULL)
+        self.assertEqual(done.returncode, 143)
 
     def test_the_log_file_has_the_lines_of_both_sides(self):
         conf = self.write("log.conf", "[log]\nmake_folder=yes\ndestination=~/logs/a.log\n")

@@ -1,7 +1,7 @@
 """Recorder for the application's side: notes what it sees, one JSON line an event, in $RECORD.
 
-Runs inside the launcher, under Python 3.7. What a mode does is up to the test: it executes the
-text of $RECORDER_ACT in place of an application.
+Runs inside the launcher, under Python 3.7. What the application does is up to the test: the text
+of $RECORDER_ACT is executed in place of a mode, that of $RECORDER_IMPORT_x while x is imported.
 """
 
 import json
@@ -71,6 +71,8 @@ class Call:
             return options()
         if self._name == "MainEnvironment.Init":
             snapshot()
+        if self._name == "NodegraphAPI.SetRootNode":
+            note("clean-up")
         if function == "Main":
             note("mode", module=module)
             exec(os.environ.get("RECORDER_ACT", ""), {"note": note})

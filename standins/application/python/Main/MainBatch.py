@@ -22,6 +22,7 @@ def _newProgress(count):
     return tell
 
 
+@MainSignals.EndedByInterrupt
 def Main(options, args):
     """Runs the files in order. The first that fails, by an exception or by a status, ends the run
     with that status. SIGTERM and SIGINT end it in order, with 143 and 130."""

@@ -13,12 +13,9 @@ _OWN_MODULES = ("MainPythonFile", "MainShell", "code", "codeop")
 
 def _read(path):
     """Source, as bytes, for it may name its encoding, and the name it goes by. A file that can't be
-    read ends the run with one line and 2, Ctrl-C during standard input with 130."""
+    read ends the run with one line and 2."""
     if path == "-":
-        try:
-            return sys.stdin.buffer.read(), "<stdin>"
-        except KeyboardInterrupt:
-            sys.exit(130)
+        return sys.stdin.buffer.read(), "<stdin>"
     try:
         with open(path, "rb") as source:
             return source.read(), path

@@ -58,12 +58,9 @@ class _Console(code.InteractiveConsole):
 
     def interactWithPipe(self):
         """As interact, without prompts; the end of the input also ends an open block, and is an
-        error in the middle of a statement. Ctrl-C between two statements ends the run with 130."""
-        try:
-            for line in sys.stdin:
-                self.push(line.rstrip("\n"))
-        except KeyboardInterrupt:
-            sys.exit(130)
+        error in the middle of a statement."""
+        for line in sys.stdin:
+            self.push(line.rstrip("\n"))
         if self.buffer and self.push(""):
             try:
                 compile("\n".join(self.buffer), self.filename, "exec")
@@ -164,6 +161,7 @@ def _banner():
             "Ctrl-D ends." % (TavrelVersion.VERSION_TEXT, sys.version.split()[0]))
 
 
+@MainSignals.EndedByInterrupt
 def Main(options, args):
     """Runs the files, then reads from standard input until its end or exit(). Status 0, or that of
     exit(); 1 if what a pipe or file brings raises. SIGTERM and the end of the terminal end it in

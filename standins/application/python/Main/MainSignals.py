@@ -16,8 +16,6 @@ def StopInOrderOn(*names, onStop=None):
     import os
     numbers = [number for number in (getattr(_signal, name) for name in names)
                if number == _signal.SIGTERM or _signal.getsignal(number) != _signal.SIG_IGN]
-    # What comes meanwhile finds all handlers in place.
-    before = _signal.pthread_sigmask(_signal.SIG_BLOCK, numbers)
     arrived = []
 
     def stop(number, frame):
@@ -31,7 +29,22 @@ def StopInOrderOn(*names, onStop=None):
             onStop()
         raise SystemExit(128 + number)
 
-    for each in numbers:
-        _signal.signal(each, stop)
-        SignalAPI_cmodule.handleOnce(each)
-    _signal.pthread_sigmask(_signal.SIG_SETMASK, before)
+    # What comes meanwhile finds all handlers in place.
+    before = _signal.pthread_sigmask(_signal.SIG_BLOCK, ())
+    try:
+        _signal.pthread_sigmask(_signal.SIG_BLOCK, numbers)
+        for each in numbers:
+            _signal.signal(each, stop)
+            SignalAPI_cmodule.handleOnce(each)
+    finally:
+        _signal.pthread_sigmask(_signal.SIG_SETMASK, before)
+
+
+def EndedByInterrupt(main):
+    """Decorates the Main of a mode: Ctrl-C ends the run with 130 wherever it meets it."""
+    def endedByInterrupt(options, args):
+        try:
+            main(options, args)
+        except KeyboardInterrupt:
+            raise SystemExit(130) from None
+    return endedByInterrupt

@@ -18,6 +18,7 @@ def _close(root):
         pass
 
 
+@MainSignals.EndedByInterrupt
 def Main(options, args):
     """Runs the files, then shows the window until it is closed. Ends the run with one line and
     status 1 if no display can be opened. SIGINT, SIGTERM and SIGHUP end it in order, with 130, 143
