@@ -21,8 +21,18 @@ endforeach()
 # What a run needs, without tests and benchmarks.
 add_custom_target(runnable)
 
+# tavrel_launcher_file(SOURCE DESTINATION [MODE]): a file of the component `launcher`, which goes into
+# trees that others fill. SOURCE may be a generator expression.
+function(tavrel_launcher_file source destination)
+  set(mode 644)
+  if(ARGC GREATER 2)
+    set(mode ${ARGV2})
+  endif()
+  set_property(GLOBAL APPEND PROPERTY TAVREL_LAUNCHER_FILES "${mode}\t${source}\t${destination}")
+endfunction()
+
 # tavrel_in_tree(TARGET [RUN_PATH PATH]): puts an executable, library or module into the tree's bin.
-# Without RUN_PATH the object has none of its own.
+# Without RUN_PATH the object has none of its own. What isn't a stand-in is the launcher's own.
 function(tavrel_in_tree target)
   cmake_parse_arguments(arg "" "RUN_PATH" "" ${ARGN})
   set_target_properties(${target} PROPERTIES
@@ -37,6 +47,11 @@ function(tavrel_in_tree target)
   add_dependencies(runnable ${target})
   get_target_property(type ${target} TYPE)
   set_property(GLOBAL APPEND PROPERTY TAVREL_OBJECTS "${type} bin/$<TARGET_FILE_NAME:${target}>")
+  set(stand_ins ${CMAKE_SOURCE_DIR}/standins)
+  cmake_path(IS_PREFIX stand_ins "${CMAKE_CURRENT_SOURCE_DIR}" is_stand_in)
+  if(NOT is_stand_in)
+    tavrel_launcher_file($<TARGET_FILE:${target}> bin/$<TARGET_FILE_NAME:${target}> 755)
+  endif()
 endfunction()
 
 # tavrel_python_tree(SOURCE_DIR DESTINATION [FILE...]): copies a folder of Python modules, and further

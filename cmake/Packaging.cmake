@@ -7,6 +7,22 @@ get_property(objects GLOBAL PROPERTY TAVREL_OBJECTS)
 list(JOIN objects "\n" objects)
 file(GENERATE OUTPUT ${CMAKE_BINARY_DIR}/tree-objects CONTENT "${objects}\n")
 
+# The launcher into a tree that others fill: cmake --install FOLDER --component launcher --prefix TREE
+tavrel_launcher_file(${CMAKE_SOURCE_DIR}/THIRD-PARTY.md share/doc/tavrel/THIRD-PARTY.md)
+get_property(launcher_files GLOBAL PROPERTY TAVREL_LAUNCHER_FILES)
+list(JOIN launcher_files "\n" launcher_files)
+file(GENERATE OUTPUT ${CMAKE_BINARY_DIR}/launcher-files CONTENT "${launcher_files}\n")
+install(CODE "set(install_launcher \"${TAVREL_PYTHON37_HOME}/bin/python3.7\" -I -S -B
+    \"${CMAKE_SOURCE_DIR}/cmake/installLauncher.py\" \"${CMAKE_BINARY_DIR}/launcher-files\")"
+  COMPONENT launcher EXCLUDE_FROM_ALL)
+install(CODE [[
+  get_filename_component(launcher_tree "${CMAKE_INSTALL_PREFIX}" ABSOLUTE)
+  execute_process(COMMAND ${install_launcher} "$ENV{DESTDIR}${launcher_tree}" RESULT_VARIABLE launcher_failed)
+  if(launcher_failed)
+    message(FATAL_ERROR "the launcher is not installed (above)")
+  endif()]]
+  COMPONENT launcher EXCLUDE_FROM_ALL)
+
 # Behind every rule of the tree and before those of other places.
 install(SCRIPT cmake/WriteManifest.cmake)
 
