@@ -13,6 +13,19 @@ set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
 # program's own folder. As DT_RPATH (not RUNPATH), so that a user's LD_LIBRARY_PATH does not come first.
 set(TAVREL_RUN_PATH "$ORIGIN:$ORIGIN/python3.7/lib:$ORIGIN/OpenSSL:$ORIGIN/graphviz/lib")
 
+# tavrel_words(FILE...): what the build makes for readers, under share. A run needs none of it, so that
+# `scripts/run.sh` leaves it out: an installation looks for it before it writes anything.
+function(tavrel_words)
+  set_property(GLOBAL APPEND PROPERTY TAVREL_WORDS ${ARGN})
+endfunction()
+install(CODE "
+  file(STRINGS \"${CMAKE_BINARY_DIR}/words\" words)
+  foreach(file IN LISTS words)
+    if(NOT EXISTS \"\${file}\")
+      message(FATAL_ERROR \"\${file} is not built yet: run scripts/build.sh\")
+    endif()
+  endforeach()" COMPONENT words)
+
 # A folder that only its content makes known would have the mode of the umask.
 foreach(folder bin bin/python3.7 bin/python3.7/bin plugins)
   install(DIRECTORY DESTINATION ${folder})

@@ -7,8 +7,23 @@ get_property(objects GLOBAL PROPERTY TAVREL_OBJECTS)
 list(JOIN objects "\n" objects)
 file(GENERATE OUTPUT ${CMAKE_BINARY_DIR}/tree-objects CONTENT "${objects}\n")
 
+# What of others is inside, from the texts that come with each part.
+set(notices ${CMAKE_BINARY_DIR}/share/doc/tavrel/THIRD-PARTY.md)
+set(third_party ${CMAKE_SOURCE_DIR}/scripts/package/third_party.py)
+file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/share/doc/tavrel)
+add_custom_command(OUTPUT ${notices}
+  COMMAND ${TAVREL_TEST_PYTHON} -I -B ${third_party} notices ${notices}
+  DEPENDS ${third_party} ${TAVREL_DEPS}/breakpad/.stamp ${TAVREL_DEPS}/boost_python/.stamp ${TAVREL_DEPS}/python3.7/.stamp
+  COMMENT "Making THIRD-PARTY.md"
+  VERBATIM)
+add_custom_target(notices ALL DEPENDS ${notices})
+tavrel_words(${notices})
+get_property(words GLOBAL PROPERTY TAVREL_WORDS)
+list(JOIN words "\n" words)
+file(GENERATE OUTPUT ${CMAKE_BINARY_DIR}/words CONTENT "${words}\n")
+
 # The launcher into a tree that others fill: cmake --install FOLDER --component launcher --prefix TREE
-tavrel_launcher_file(${CMAKE_SOURCE_DIR}/THIRD-PARTY.md share/doc/tavrel/THIRD-PARTY.md)
+tavrel_launcher_file(${notices} share/doc/tavrel/THIRD-PARTY.md)
 get_property(launcher_files GLOBAL PROPERTY TAVREL_LAUNCHER_FILES)
 list(JOIN launcher_files "\n" launcher_files)
 file(GENERATE OUTPUT ${CMAKE_BINARY_DIR}/launcher-files CONTENT "${launcher_files}\n")
@@ -33,7 +48,7 @@ foreach(folder share/doc share/doc/tavrel)
 endforeach()
 install(DIRECTORY ${CMAKE_BINARY_DIR}/share/ DESTINATION share COMPONENT words)
 # Laid out as in the source, so that links from one page to another hold.
-install(FILES README.md CHANGELOG.md THIRD-PARTY.md DESTINATION share/doc/tavrel COMPONENT words OPTIONAL)
+install(FILES README.md CHANGELOG.md DESTINATION share/doc/tavrel COMPONENT words OPTIONAL)
 install(DIRECTORY docs examples DESTINATION share/doc/tavrel COMPONENT words
   FILES_MATCHING REGEX "\\.(md|png|py|sbatch)$"
   PATTERN docs/man EXCLUDE)

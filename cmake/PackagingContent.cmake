@@ -37,20 +37,20 @@ set(epoch $ENV{SOURCE_DATE_EPOCH})
 if(NOT epoch)
   string(TIMESTAMP epoch %s UTC)
 endif()
-# tavrel_third_party(OUTPUT WORD...): what scripts/package/third_party.py says to the words.
-function(tavrel_third_party output)
-  execute_process(COMMAND python3 -I -B ${source}/scripts/package/third_party.py ${ARGN}
-    OUTPUT_FILE ${output} COMMAND_ERROR_IS_FATAL ANY)
+# tavrel_third_party(KIND OUTPUT WORD...): what scripts/package/third_party.py makes.
+function(tavrel_third_party kind output)
+  execute_process(COMMAND python3 -I -B ${source}/scripts/package/third_party.py ${kind} ${output} ${ARGN}
+    COMMAND_ERROR_IS_FATAL ANY)
   file(CHMOD ${output} PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
 endfunction()
-tavrel_third_party(${share}/doc/tavrel/tavrel.spdx.json spdx ${CPACK_PACKAGE_VERSION} ${epoch} "${depends}")
+tavrel_third_party(spdx ${share}/doc/tavrel/tavrel.spdx.json ${CPACK_PACKAGE_VERSION} ${epoch} "${depends}")
 
 # The rest is for what the DEB has and the TGZ hasn't.
 if(NOT CPACK_GENERATOR STREQUAL "DEB")
   return()
 endif()
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "${depends}")
-tavrel_third_party(${share}/doc/tavrel/copyright copyright)
+tavrel_third_party(copyright ${share}/doc/tavrel/copyright)
 
 # A package of Debian's has a history in its own form: the words for people are in CHANGELOG.md.
 execute_process(COMMAND date --utc --rfc-email --date=@${epoch} OUTPUT_VARIABLE date

@@ -18,9 +18,6 @@ fi
 export SOURCE_DATE_EPOCH
 scripts/setup.sh package
 
-python3 -I -B scripts/package/third_party.py notices | cmp --silent - THIRD-PARTY.md ||
-  die "THIRD-PARTY.md is not what the parts tell now: look at what 'python3 scripts/package/third_party.py notices >THIRD-PARTY.md' changes"
-
 # make_packages FOLDER: a build from nothing with its packages, in FOLDER. cpack writes its umask into
 # the DEB.
 make_packages() {

@@ -1,10 +1,10 @@
 """Tells what of others is in the packages, from the texts and versions that come with each part.
 
-    third_party.py notices                          THIRD-PARTY.md
-    third_party.py copyright                        the DEB's copyright file
-    third_party.py spdx VERSION EPOCH DEPENDS       the bill of materials, SPDX 2.3 in JSON
+    third_party.py notices FILE                          THIRD-PARTY.md
+    third_party.py copyright FILE                        the DEB's copyright file
+    third_party.py spdx FILE VERSION EPOCH DEPENDS       the bill of materials, SPDX 2.3 in JSON
 
-Written to standard output. DEPENDS is a Depends field: what the packages need but don't hold. The
+FILE is written when the text is complete. DEPENDS is a Depends field: what the packages need but don't hold. The
 folder .deps/ has to be set up. A text that is not where it is looked for is an error.
 """
 
@@ -22,58 +22,86 @@ from collections import namedtuple
 TOP = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 DEPS = os.path.join(TOP, ".deps")
 STDLIB = os.path.join(DEPS, "python3.7/lib/python3.7")
+LIBPYTHON = os.path.join(DEPS, "python3.7/lib/libpython3.7m.so.1.0")
 BREAKPAD = "package/deps/breakpad/"
 LICENCE = "The licence of tavrel itself is its owner's to name; none is named here."
 
-# licence: an SPDX expression. packages: from which of Debian's packages it comes. folder: the tree's
-# folder that it ends up in, code of the project's own programs and libraries, or of the interpreter.
-Part = namedtuple("Part", "name licence holders folder what texts")
+# licence: an SPDX expression. folder: the tree's folder that it ends up in, code of the project's own
+# programs and libraries, or of the interpreter. facts: version, purl and SHA-256, or the name of the
+# package of Debian's that it comes from. url: upstream's. cpe: vendor and product, for scanners.
+Part = namedtuple("Part", "name licence holders folder what url cpe facts texts")
 
 PARTS = (
     Part("Boost", "BSL-1.0", "the authors of Boost", "bin",
          "Headers and static libraries in every program and library; Boost.Python, built from source.",
+         "https://www.boost.org/", "boost:boost", "libboost1.74-dev",
          lambda: [file_text(DEPS + "/boost_python/LICENSE_1_0.txt")]),
     Part("Breakpad", "BSD-3-Clause", "2006 Google LLC", "bin",
          "Client and processor library, in the launcher and the programs for crashes.",
+         "git+https://chromium.googlesource.com/breakpad/breakpad", None, lambda: breakpad_facts(),
          lambda: [before(archived("LICENSE"), "License for INSTALL")]),
     Part("musl", "MIT", "2005-2014 Rich Felker, et al.", "bin",
          "Its elf.h comes with Breakpad, in CrashReporterTavrel.",
+         "https://musl.libc.org/", "musl-libc:musl",
+         lambda: facts("musl", archived("src/third_party/musl/VERSION").strip()),
          lambda: [archived("src/third_party/musl/COPYRIGHT")]),
     Part("linux-syscall-support", "BSD-3-Clause", "2005-2011 Google LLC", "bin",
          "A header that comes with Breakpad, in tavrel and CrashReporterTavrel.",
+         "git+https://chromium.googlesource.com/linux-syscall-support", None,
+         lambda: facts("linux-syscall-support", lss_revision()),
          lambda: [first_comment(archived("../third_party/lss/linux_syscall_support.h"))]),
     Part("spdlog", "MIT", "2014-2016 Gabi Melman", "bin", "Headers, in libZkLoggingHost.so.",
+         "https://github.com/gabime/spdlog", None, "libspdlog-dev",
          lambda: [debian_text("libspdlog-dev")]),
     Part("fmt", "MIT", "2012 Victor Zverovich", "bin", "Headers, in libZkLoggingHost.so.",
+         "https://github.com/fmtlib/fmt", None, "libfmt-dev",
          lambda: [between(debian_text("libfmt-dev"), r"License: Expat with embedded exception\n ",
                           r"\n\nLicense: ")]),
     Part("GCC runtime", "GPL-3.0-or-later WITH GCC-exception-3.1", "Free Software Foundation, Inc.", "bin",
          "libstdc++ and libgcc, linked statically into tavrelCleanup and CrashReporterTavrel. The "
          "exception allows that under any terms.",
+         "https://gcc.gnu.org/", "gnu:gcc", "libstdc++-12-dev",
          lambda: [between(debian_text("gcc-12-base"), "GCC RUNTIME LIBRARY EXCEPTION", "\n\n\n")]),
     Part("glibc", "LGPL-2.1-or-later", "Free Software Foundation, Inc.", "bin",
          "Linked statically into CrashReporterTavrel, whose objects whoever passes the packages on has to "
          "offer, so that it can be linked with another version.",
+         "https://www.gnu.org/software/libc/", "gnu:glibc", "libc6-dev",
          lambda: [debian_text("libc6"), file_text("/usr/share/common-licenses/LGPL-2.1")]),
     Part("CPython", "PSF-2.0", "2001-2023 Python Software Foundation", "bin/python3.7",
-         "The interpreter and its standard library.", lambda: [file_text(STDLIB + "/LICENSE.txt")]),
+         "The interpreter and its standard library.",
+         "https://www.python.org/", "python:python",
+         lambda: dict(facts("cpython", from_python("sys.version.split()[0]")), sha256=sha256_of(LIBPYTHON)),
+         lambda: [file_text(STDLIB + "/LICENSE.txt")]),
     Part("incorporated into CPython", "LicenseRef-incorporated-into-CPython", "their authors",
          "bin/python3.7", "Mersenne Twister, sockets, asynchat and others, as Debian tells them.",
+         "https://www.python.org/", None,
+         lambda: {"version": from_python("sys.version.split()[0]")},
          lambda: [between(debian_text("python3.11"), "Licenses and Acknowledgements for Incorporated Software",
                           "\nFiles: Modules/_ctypes/libffi/")]),
     Part("libffi", "MIT", "1996-2022 Anthony Green, Red Hat, Inc and others", "bin/python3.7",
-         "Linked into the module _ctypes.", lambda: [debian_text("libffi8")]),
+         "Linked into the module _ctypes.",
+         "https://github.com/libffi/libffi", "libffi_project:libffi", "libffi8",
+         lambda: [debian_text("libffi8")]),
     Part("expat", "MIT", "1998-2000 Thai Open Source Software Center Ltd, 2001-2022 Expat maintainers",
          "bin/python3.7", "Comes with CPython, in the module pyexpat.",
+         "https://github.com/libexpat/libexpat", "libexpat_project:libexpat",
+         lambda: facts("expat", from_python("pyexpat.EXPAT_VERSION[6:]")),
          lambda: [between(debian_text("python3.11"), r"Files: Modules/expat/\*", "\nFiles: ")]),
     Part("libmpdec", "BSD-2-Clause", "2008-2016 Stefan Krah", "bin/python3.7",
          "Comes with CPython, in the module _decimal.",
+         "https://www.bytereef.org/mpdecimal/", None,
+         lambda: facts("libmpdec", from_python("_decimal.__libmpdec_version__")),
          lambda: [between(debian_text("python3.11"), r"Files: Modules/_decimal/libmpdec/\*", "\nFiles: |\\Z")]),
     Part("pip", "MIT", "2008-2021 The pip developers", "bin/python3.7",
          "In ensurepip, for virtual environments; it holds further packages, listed in its "
-         "pip/_vendor/vendor.txt.", lambda: [wheel_text("pip", "LICENSE.txt")]),
+         "pip/_vendor/vendor.txt.",
+         "https://pypi.org/project/pip/", "pypa:pip", lambda: wheel_facts("pip"),
+         lambda: [wheel_text("pip", "LICENSE.txt")]),
     Part("setuptools", "MIT", "Python Packaging Authority", "bin/python3.7",
-         "In ensurepip, for virtual environments.", lambda: [wheel_text("setuptools", "LICENSE")]),
+         "In ensurepip, for virtual environments.",
+         "https://pypi.org/project/setuptools/", "python:setuptools",
+         lambda: wheel_facts("setuptools"),
+         lambda: [wheel_text("setuptools", "LICENSE")]),
 )
 
 
@@ -128,7 +156,7 @@ def single_file(folder, pattern):
 
 def notices():
     yield ("# Third parties\n\nWhat of others is in the packages, under which terms, and where. Made by "
-           "`scripts/package/third_party.py notices`;\nversions and hashes are in `tavrel.spdx.json` of a package. %s\n"
+           "`scripts/package/third_party.py`;\nversions and hashes are in `tavrel.spdx.json` of a package. %s\n"
            % LICENCE)
     yield "| part | licence | where |\n|---|---|---|"
     for part in PARTS:
@@ -187,87 +215,52 @@ def debian_facts(packages):
             sys.stderr.write("third_party: apt tells no SHA-256 of %s %s\n" % (name, version))
         encoded = version.replace(":", "%3A").replace("+", "%2B")
         facts[name] = {"version": version, "sha256": hashes.get((name, version)),
-                       "purl": "pkg:deb/debian/%s@%s?arch=%s" % (name, encoded, architecture)}
+                       "purl": "pkg:deb/debian/%s@%s?arch=%s&distro=debian-12" % (name, encoded, architecture)}
     return facts
 
 
-def git_tree_of(folders):
-    """The name that git and Software Heritage give to a folder, {name: content or folder} by name."""
-    entries = []
-    for name, (mode, item) in folders.items():
-        is_folder = isinstance(item, dict)
-        digest = git_tree_of(item) if is_folder else hashlib.sha1(b"blob %d\0" % len(item) + item).hexdigest()
-        entries.append((name + "/" * is_folder, b"%s %s\0" % (mode, name.encode()) + bytes.fromhex(digest)))
-    content = b"".join(entry for _, entry in sorted(entries))
-    return hashlib.sha1(b"tree %d\0" % len(content) + content).hexdigest()
+def facts(name, version):
+    return {"version": version, "purl": "pkg:generic/%s@%s" % (name, version)}
 
 
 def breakpad_facts():
-    """The archive doesn't name upstream's revision, but folders that it holds whole identify it: a
-    clone has the commits with `git log --format='%H %T'` and `git rev-parse COMMIT:src/processor`."""
-    root = {}
-    with tarfile.open(breakpad_archive()) as archive:
-        for member in archive:
-            if member.isfile() and member.name.startswith(BREAKPAD + "src/"):
-                folder = root
-                *parents, name = member.name[len(BREAKPAD):].split("/")
-                for parent in parents:
-                    folder = folder.setdefault(parent, (b"40000", {}))[1]
-                mode = b"100755" if member.mode & 0o100 else b"100644"
-                folder[name] = (mode, archive.extractfile(member).read())
-    source = root["src"][1]
     version = re.search(r"minidump-(.*)\.tgz", breakpad_archive()).group(1)
     return {"version": version, "purl": "pkg:npm/minidump@" + version, "sha256": sha256_of(breakpad_archive()),
-            "comment": breakpad_facts.__doc__,
-            "folders": {name: git_tree_of(source[name][1]) for name in ("client", "common", "processor")}}
+            "comment": "The version is that of the archive; upstream names none."}
 
 
-def python_facts(part):
-    """What the interpreter says of itself; its library's hash stands for it and what is linked into it."""
-    expressions = {"CPython": "'%d.%d.%d' % sys.version_info[:3]", "expat": "pyexpat.EXPAT_VERSION[6:]",
-                   "libmpdec": "_decimal.__libmpdec_version__"}
-    if part.name not in expressions:
-        return {"version": None}
-    code = "import sys, pyexpat, _decimal; print(%s)" % expressions[part.name]
-    version = output_of(DEPS + "/python3.7/bin/python3.7", "-I", "-c", code).strip()
-    return {"version": version, "purl": "pkg:generic/%s@%s" % (part.name.lower(), version),
-            "sha256": sha256_of(DEPS + "/python3.7/lib/libpython3.7m.so.1.0") if part.name == "CPython" else None}
+def lss_revision():
+    return re.search(r"third_party/lss.*?@(\w{40})", archived("DEPS"), re.DOTALL).group(1)
 
 
-FROM_DEBIAN = {"Boost": "libboost1.74-dev", "spdlog": "libspdlog-dev", "fmt": "libfmt-dev",
-               "GCC runtime": "libstdc++-12-dev", "glibc": "libc6-dev", "libffi": "libffi8"}
+def from_python(expression):
+    """What the interpreter says of itself."""
+    code = "import sys, pyexpat, _decimal; print(%s)" % expression
+    return output_of(DEPS + "/python3.7/bin/python3.7", "-I", "-c", code).strip()
 
 
-def facts_of(part, debian):
-    if part.name in FROM_DEBIAN:
-        return debian[FROM_DEBIAN[part.name]]
-    if part.name == "Breakpad":
-        return breakpad_facts()
-    if part.name in ("pip", "setuptools"):
-        version = os.path.basename(wheel(part.name)).split("-")[1]
-        return {"version": version, "purl": "pkg:pypi/%s@%s" % (part.name, version),
-                "sha256": sha256_of(wheel(part.name))}
-    with_breakpad = {"musl": r"(.*)", "linux-syscall-support": r"@(\w{40})"}
-    if part.name in with_breakpad:
-        file = {"musl": "src/third_party/musl/VERSION", "linux-syscall-support": "DEPS"}[part.name]
-        text = archived(file)
-        text = text[text.index("third_party/lss"):] if part.name == "linux-syscall-support" else text
-        version = re.search(with_breakpad[part.name], text).group(1)
-        return {"version": version, "purl": "pkg:generic/%s@%s" % (part.name, version)}
-    return python_facts(part)
+def wheel_facts(name):
+    version = os.path.basename(wheel(name)).split("-")[1]
+    return {"version": version, "purl": "pkg:pypi/%s@%s" % (name, version), "sha256": sha256_of(wheel(name))}
+
+
+def cpe_of(part, version):
+    """Debian's revision isn't upstream's."""
+    upstream = re.match(r"[0-9]+(\.[0-9]+)*", version).group()
+    return "cpe:2.3:a:%s:%s:*:*:*:*:*:*:*" % (part.cpe, upstream)
 
 
 def spdx_package(name, licence, facts):
     package = {"name": name, "SPDXID": "SPDXRef-" + re.sub("[^A-Za-z0-9.]", "-", name),
-               "downloadLocation": "NOASSERTION", "filesAnalyzed": False, "licenseConcluded": licence,
+               "downloadLocation": facts.get("url", "NOASSERTION"), "filesAnalyzed": False, "licenseConcluded": licence,
                "licenseDeclared": licence, "copyrightText": facts.get("holders", "NOASSERTION"),
                "versionInfo": facts["version"], "comment": facts.get("comment"), "externalRefs": []}
     if facts.get("purl"):
         package["externalRefs"].append({"referenceCategory": "PACKAGE-MANAGER", "referenceType": "purl",
                                         "referenceLocator": facts["purl"]})
-    for folder, tree in facts.get("folders", {}).items():
-        package["externalRefs"].append({"referenceCategory": "PERSISTENT-ID", "referenceType": "swh",
-                                        "referenceLocator": "swh:1:dir:" + tree, "comment": "src/" + folder})
+    if facts.get("cpe"):
+        package["externalRefs"].append({"referenceCategory": "SECURITY", "referenceType": "cpe23Type",
+                                        "referenceLocator": facts["cpe"]})
     if facts.get("sha256"):
         package["checksums"] = [{"algorithm": "SHA256", "checksumValue": facts["sha256"]}]
     return {key: value for key, value in package.items() if value not in (None, [])}
@@ -277,9 +270,13 @@ def bill_of_materials(version, epoch, depends):
     own = spdx_package("tavrel", "NOASSERTION", {"version": version, "comment": LICENCE})
     packages, relationships = [own], [("SPDXRef-DOCUMENT", "DESCRIBES", own)]
     needed = re.findall(r"(?:^|, )([a-z0-9.+-]+)", depends)
-    debian = debian_facts(needed + list(FROM_DEBIAN.values()))
+    debian = debian_facts(needed + [part.facts for part in PARTS if isinstance(part.facts, str)])
     for part in PARTS:
-        packages.append(spdx_package(part.name, part.licence, dict(facts_of(part, debian), holders=part.holders)))
+        found = dict(debian[part.facts] if isinstance(part.facts, str) else part.facts(),
+                     holders=part.holders, url=part.url)
+        if part.cpe:
+            found["cpe"] = cpe_of(part, found["version"])
+        packages.append(spdx_package(part.name, part.licence, found))
         relationships.append((own["SPDXID"], "CONTAINS", packages[-1]))
     for name in needed:
         packages.append(spdx_package("needed-" + name, "NOASSERTION", debian[name]))
@@ -318,9 +315,9 @@ def check(document):
 
 def main():
     makers = {"notices": notices, "copyright": copyright_file, "spdx": lambda *words: [bill_of_materials(*words)]}
-    sys.stdout.reconfigure(encoding="utf-8")
-    for text in makers[sys.argv[1]](*sys.argv[2:]):
-        print(text)
+    texts = list(makers[sys.argv[1]](*sys.argv[3:]))
+    with open(sys.argv[2], "w", encoding="utf-8") as file:
+        file.writelines(text + "\n" for text in texts)
 
 
 if __name__ == "__main__":
