@@ -219,6 +219,22 @@ class ModulesTest(unittest.TestCase):
             EventModule.QueueEvent("event")
         self.assertEqual(EventModule.ProcessEvents(), 10000)
 
+    def test_events_behind_one_whose_handler_fails_are_handed_over(self):
+        met = []
+
+        def handler(name, arguments):
+            met.append(name)
+            raise {"error": ValueError, "end": SystemExit}.get(name, KeyError)
+
+        EventModule.ProcessEvents()
+        self.addCleanup(EventModule._handlers.remove, handler)
+        EventModule.RegisterEventHandler(handler)
+        with mock.patch.object(sys, "excepthook", None), mock.patch.object(sys, "stderr"):
+            for name in ("error", "end", "last"):
+                EventModule.QueueEvent(name)
+            self.assertRaises(SystemExit, EventModule.ProcessEvents)
+            self.assertEqual((EventModule.ProcessEvents(), met), (1, ["error", "end", "last"]))
+
     def test_events_are_logged_though_nobody_handles_them(self):
         EventModule.RegisterDebugEventHandler()
         with self.assertLogs("Events") as log:

@@ -113,6 +113,19 @@ ZeroDivisionError: division by zero"""),
     ("--batch examples/graph.py examples/frames.py", "", 0, True, ""),
     ("--shell", CONSOLE, 0, True, ""),
 ]
+MUTE = "class Mute(Exception):\n    def __str__(self): return self.gone\nraise Mute\n"
+BOTH = r"\AError in sys.excepthook:\n(?s:.+)\n\nOriginal exception was:\nTraceback (?s:.+), in <module>\n"
+REPORTS = [  # mode, file, status, standard error
+    ("--script", MUTE, 255, BOTH + r"(    raise Mute\n)?__main__.Mute: <.*>\Z"),
+    ("--batch", MUTE, 255, BOTH), ("--shell", MUTE, 255, BOTH),
+    ("--script", "import sys\nsys.excepthook = lambda *_: {}[1]\n1/0\n", 255, BOTH),
+    ("--script", "import sys\ndel sys.excepthook\n1/0\n", 255, BOTH),
+    ("--script", "import sys\nsys.modules.clear()\n", 0, r"\A\Z"),
+    ("--batch", "import sys\nsys.modules.clear()\n1/0\n", 255, "A ZeroDivisionError occurred"),
+    *[(mode, "class Odd(SystemExit): code = property(lambda self: {}[1])\nraise Odd\n", 0,
+       "KeyError: 1") for mode in ("--script", "--batch", "--shell")],
+    *[(mode, "raise SystemExit(0.0)\n", 1, r"\A0.0\Z") for mode in ("--script", "--batch")],
+]
 HOLD = """import time, DlRenderer, Nodes2DAPI
 def hold(shade=DlRenderer.RenderTile):
     'No render ends any more before it is cancelled.'
@@ -123,7 +136,7 @@ def hold(shade=DlRenderer.RenderTile):
     DlRenderer.RenderTile = shadeLate
 """
 # Drives the window by Tk's own events: each step is awaited, all of it has the test's deadline.
-WINDOW = HOLD + """import tkinter, NodegraphAPI
+WINDOW = HOLD + """import sys, tkinter, NodegraphAPI
 from Utils import EventModule
 root = tkinter._default_root
 nodes = [NodegraphAPI.CreateNode('n') for _ in range(10000)]
@@ -171,6 +184,9 @@ def look():
     press('preview.row.cancel')
     until(lambda: 'cancelled' in text('side.preview.row.text'))
     print(time.process_time() - start < 20, flush=True)
+    sys.excepthook = None
+    root.after_idle(lambda: {}['no hook'])
+    root.update()
     root.tk.call(root.protocol('WM_DELETE_WINDOW'))
 root.after(1, look)
 """
@@ -241,6 +257,13 @@ class RunModesTest(unittest.TestCase):
         self.assertRegex(pexpect.run(LAUNCHER + " --batch script.py script.py", cwd=self.home,
                                      env=self.environment, timeout=DEADLINE),
                          rb"tavrel: file 2 of 2 after \d+\.\d s: .*script.py")
+
+    def test_reports(self):
+        for mode, text, status, expected in REPORTS:
+            with self.subTest(mode, text=text):
+                ended, _, errors = self.run_tavrel("-V0", mode, self.write("user.py", text))
+                self.assertEqual(ended, status, errors)
+                self.assertRegex("\n".join(errors), expected)
 
     def test_words_that_nobody_reads_are_no_failure(self):
         reader, writer = os.pipe()
@@ -336,6 +359,7 @@ class RunModesTest(unittest.TestCase):
             ("Nodeg\t.__doc__[:5]\r", ["'The n'\r\n>>> "]),
             ("abs(-99", ["abs(-99"]), ("\x03", [interrupted, prompt]),
             ("if 1:\r", ["... "]), ("\x03", [interrupted, prompt]),
+            ("raise type('M', (Exception,), {'__str__': None})\r", ["Original exception was", prompt]),
             *endless,
             ("if 1:\r abs(-17)\rabs(-4141)\r", ["17\r\n4141\r\n>>> "]),
         ]
@@ -376,6 +400,7 @@ class RunModesTest(unittest.TestCase):
         raised = [line.split()[-1] for line in errors if line.startswith("[ERROR root] A KeyError")]
         self.assertEqual(raised[raised.index("'disconnected'"):][:2],
                          ["'disconnected'", "'node_deleted'"])
+        self.assertEqual(errors.count("KeyError: 'no hook'"), 1, errors)
         # The last finds a dialog open.
         for end, start, status in (
                 ("os.kill(os.getpid(), signal.SIGINT)", "end", 130), ("root.quit()", "end", 0),

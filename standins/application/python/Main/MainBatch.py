@@ -5,6 +5,7 @@ import time
 
 # Here, not where they are wanted: Ctrl-C must not meet an import, whose callbacks lose it.
 import MainEnvironment
+import MainExceptions
 import MainLogging
 import MainPythonFile
 import MainSignals
@@ -22,6 +23,28 @@ def _newProgress(count):
     return tell
 
 
+def _endOf(path):
+    try:
+        MainPythonFile.Run([path])
+    except SystemExit as end:
+        return end
+    return None
+
+
+def _isFailure(end):
+    """As the launcher sees it, for which a code that can't be read is no failure."""
+    try:
+        code = end.code
+    except Exception:
+        failure = sys.exc_info()
+    else:
+        # What else a class derived from int says of itself counts no more than there.
+        return code is not None and not (isinstance(code, int) and int.__eq__(code, 0))
+    # When it is no longer being handled: the log would print it twice.
+    MainExceptions.Report(*failure)
+    return False
+
+
 @MainSignals.EndedByInterrupt
 def Main(options, args):
     """Runs the files in order. The first that fails, by an exception or by a status, ends the run
@@ -33,8 +56,6 @@ def Main(options, args):
     tell = _newProgress(len(args))
     for number, path in enumerate(args, 1):
         tell(number, path)
-        try:
-            MainPythonFile.Run([path])
-        except SystemExit as end:
-            if end.code not in (None, 0):
-                raise
+        end = _endOf(path)
+        if end is not None and _isFailure(end):
+            raise end

@@ -5,6 +5,7 @@ import sys
 import types
 
 import ConfigurationAPI_cmodule as Configuration
+import MainExceptions
 import MainLogging
 
 # Whose frames stand between the interpreter and a user's code.
@@ -45,11 +46,17 @@ def ReportException(exceptionType, exception, tb):
         text = "".join(traceback.format_exception_only(exceptionType, exception))
         logging.error("%s", text.rstrip())
         return
-    sys.excepthook(exceptionType, exception, tb)
+    MainExceptions.Report(exceptionType, exception, tb)
 
 
 def _execute(source, name, namespace):
-    exec(compile(source, name, "exec", dont_inherit=True), namespace)
+    modules = dict(sys.modules)
+    try:
+        exec(compile(source, name, "exec", dont_inherit=True), namespace)
+    finally:
+        # Whoever empties sys.modules would take away what the report and the clean-up import.
+        for item in modules.items():
+            sys.modules.setdefault(*item)
 
 
 def _profiled(function, *arguments):

@@ -5,6 +5,8 @@ import collections
 import logging
 import sys
 
+import MainExceptions
+
 # Nobody may ever process events in a long batch run: the oldest go.
 _MOST_WAITING = 10000
 
@@ -38,14 +40,17 @@ def _failureOf(handler, name, arguments):
 def ProcessEvents():
     """Hands over what is waiting, in order, and returns how much that was; what handlers queue
     meanwhile waits for the next call."""
-    events = [_waiting.popleft() for _ in range(len(_waiting))]
-    for name, arguments in events:
+    most, count = len(_waiting), 0
+    while _waiting and count < most:
+        # One by one, so that an exception which passes through here loses no other event.
+        name, arguments = _waiting.popleft()
+        count += 1
         for handler in list(_handlers):
             # Reported when it is no longer being handled: the log would print it twice.
             failure = _failureOf(handler, name, arguments)
             if failure is not None:
-                sys.excepthook(*failure)
-    return len(events)
+                MainExceptions.Report(*failure)
+    return count
 
 
 def RegisterDebugEventHandler():
