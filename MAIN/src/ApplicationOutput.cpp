@@ -24,7 +24,8 @@ constexpr int unknownError = -1;
 
 int flushError = 0;  // errno's value, or unknownError
 
-// What the pending OSError tells; 0 for any other exception, such as a closed stream's.
+// What the pending exception says of the output: an OSError's number, EINTR for one that ends the
+// run; 0 for any other, such as a closed stream's.
 int takeErrorNumber() {
     PyObject* type = nullptr;
     PyObject* value = nullptr;
@@ -33,7 +34,10 @@ int takeErrorNumber() {
     PyErr_NormalizeException(&type, &value, &traceback);
     const PythonReference owners[] = {PythonReference(type), PythonReference(value),
                                       PythonReference(traceback)};
-    if (value == nullptr || PyObject_IsInstance(value, PyExc_OSError) != 1) {
+    if (value == nullptr || PyObject_IsInstance(value, PyExc_Exception) == 0) {
+        return EINTR;
+    }
+    if (PyObject_IsInstance(value, PyExc_OSError) != 1) {
         return 0;
     }
     const PythonReference number(PyObject_GetAttrString(value, "errno"));
@@ -42,10 +46,16 @@ int takeErrorNumber() {
     return error > 0 ? static_cast<int>(error) : unknownError;
 }
 
-void flushStream(const char* name) {
-    PyObject* const stream = PySys_GetObject(name);  // borrowed
-    Py_XINCREF(stream);
-    const PythonReference owner(stream);
+// The interpreter would try again, and wait again where a pipe is full. The descriptor stays open.
+void dropBuffered(PyObject* stream) {
+    const PythonReference buffer(PyObject_GetAttrString(stream, "buffer"));
+    const PythonReference raw(buffer ? PyObject_GetAttrString(buffer.get(), "raw") : nullptr);
+    PyErr_Clear();
+    const PythonReference closed(PyObject_CallMethod(raw ? raw.get() : stream, "close", nullptr));
+    PyErr_Clear();
+}
+
+void flushStream(PyObject* stream) {
     if (stream == nullptr || stream == Py_None) {
         return;
     }
@@ -54,9 +64,7 @@ void flushStream(const char* name) {
     }
     if (const int error = takeErrorNumber(); error != 0) {
         flushError = error;
-        // The interpreter would try again and report it a second time. The descriptor stays open.
-        const PythonReference closed(PyObject_CallMethod(stream, "close", nullptr));
-        PyErr_Clear();
+        dropBuffered(stream);
     }
 }
 
@@ -65,8 +73,14 @@ bool isOutputTheResult() {
 }
 
 PyObject* flushOutput(PyObject* /*module*/, PyObject* /*arguments*/) {
-    flushStream("stdout");
-    flushStream("__stdout__");
+    PyObject* const streams[] = {PySys_GetObject("stdout"), PySys_GetObject("__stdout__")};
+    Py_XINCREF(streams[0]);
+    Py_XINCREF(streams[1]);
+    const PythonReference owners[] = {PythonReference(streams[0]), PythonReference(streams[1])};
+    flushStream(streams[0]);
+    if (streams[1] != streams[0]) {
+        flushStream(streams[1]);
+    }
     Py_RETURN_NONE;
 }
 

@@ -1,5 +1,6 @@
 """How a run ends: the status, the words, and whether the closed library was taken down."""
 
+import fcntl
 import os
 import unittest
 
@@ -80,6 +81,24 @@ class ExitStatusTest(SystemTest):
                 ended = self.run_launcher(tree, mode, "-V0", act=act, stdout=full)
                 self.assertEqual((ended.status, ended.err.count("\n")), (status, bool(err)), ended.err)
                 self.assertIn(err, ended.err)
+
+    def test_one_interrupt_ends_the_wait_for_a_reader(self):
+        act = """import signal
+def interrupt(number, frame):
+    if frame is None:  # the last flush
+        signal.setitimer(signal.ITIMER_REAL, 0)
+        raise KeyboardInterrupt
+signal.signal(signal.SIGALRM, interrupt)
+signal.setitimer(signal.ITIMER_REAL, 0.01, 0.01)
+print(1)
+"""
+        reader, writer = os.pipe()
+        self.addCleanup(os.close, reader)
+        self.addCleanup(os.close, writer)
+        os.write(writer, bytes(fcntl.fcntl(writer, fcntl.F_GETPIPE_SZ)))
+        ended = self.run_launcher(self.scratch_tree(), "--batch", "-V0", act=act, stdout=writer)
+        self.assertEqual((ended.status, ended.err.count("\n")), (255, 1), ended.err)
+        self.assertIn("could not be written: Interrupted", ended.err)
 
     def test_native_lines_are_out_when_they_are_written(self):
         act = ("import ctypes, os; libc = ctypes.CDLL(None); libc.puts(b'out')\n"
