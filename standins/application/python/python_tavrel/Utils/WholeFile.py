@@ -9,16 +9,18 @@ def Write(path, pieces):
     of it is written. OSError if that can't be done; then nothing is left. What is no regular file, as
     a pipe or a device, is written to and stays what it is.
 
-    A process that is killed meanwhile leaves PATH.PID.partial.
+    A process that is killed meanwhile leaves PATH.RANDOM.partial: a process id would be that of another
+    process, too, in a second container.
     """
     if os.path.exists(path) and not os.path.isfile(path):
         with open(path, "wb") as file:
             file.writelines(pieces)
         return
     path = os.path.realpath(path)
-    partial = "%s.%d.partial" % (path, os.getpid())
+    partial = "%s.%s.partial" % (path, os.urandom(4).hex())
+    file = open(partial, "xb")
     try:
-        with open(partial, "wb") as file:
+        with file:
             if os.path.exists(path):
                 # What nobody else might read stays so.
                 os.fchmod(file.fileno(), stat.S_IMODE(os.stat(path).st_mode))
