@@ -87,7 +87,8 @@ ENVIRONMENT = (
 
 EXIT_STATUSES = (
     ("0", "the run ended well"),
-    ("1", "the start failed, no display could be opened, or code piped to the shell raised"),
+    ("1", "the start failed, as by --verbose x, the display could not be opened or was lost, or code "
+     "piped to the shell raised"),
     ("2", "an option or a file name was wrong"),
     ("129, 130, 143", "the run was ended in order: the window and the shell by the loss of their "
      "terminal, batch and window by SIGINT, a script by Ctrl-C, all but a script by SIGTERM"),
