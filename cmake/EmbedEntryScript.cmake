@@ -1,6 +1,6 @@
 # tavrel_embed_entry_script(OUTPUT SOURCE NAME): compiles the Python file SOURCE with the tree's own
 # interpreter under the file name NAME and writes the marshalled code object into the C++ file OUTPUT
-# as `entryScript` and `entryScriptLength` (MAIN/src/EntryScript.h).
+# as `entryScript` and `entryScriptLength` (MAIN/src/Embedded.h).
 function(tavrel_embed_entry_script output source name)
   set(generator ${CMAKE_SOURCE_DIR}/cmake/embedEntryScript.py)
   add_custom_command(OUTPUT ${output}

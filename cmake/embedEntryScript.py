@@ -10,7 +10,7 @@ with open(source_path, "rb") as source_file:
 code = marshal.dumps(compile(source, name, "exec", dont_inherit=True, optimize=0), 2)
 rows = [code[start:start + 20] for start in range(0, len(code), 20)]
 with open(output_path, "w") as output_file:
-    output_file.write('#include "MAIN/src/EntryScript.h"\n\nconst unsigned char Launcher::entryScript[] = {\n')
+    output_file.write('#include "MAIN/src/Embedded.h"\n\nconst unsigned char Launcher::entryScript[] = {\n')
     for row in rows:
         output_file.write("    " + ", ".join(map(str, row)) + ",\n")
     output_file.write("};\nconst std::uint32_t Launcher::entryScriptLength = %d;\n" % len(code))

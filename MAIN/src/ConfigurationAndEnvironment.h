@@ -12,3 +12,13 @@ void setConfigurationAndEnvironment(const std::string& key, const std::string& v
 /// @return the variable's text as it stands in the process environment (Configuration isn't asked),
 ///         also if that is empty; `defaultValue` for a variable that isn't set
 std::string getEnvironmentVariable(const std::string& name, const std::string& defaultValue);
+
+namespace Launcher {
+
+/// Fills in what the user hasn't set. TAVREL_ROOT and GRPC_DNS_RESOLVER are the launcher's own and
+/// always set; ZKLOGGING_CONFIG, SHOW and SHOT only where they are missing, in the environment,
+/// too. Unless TAVREL_USD_PLUGINS_DISABLED is "1", the tree's USD folders join the search lists.
+/// Main thread, once the shared Configuration can be used.
+void setConfigurationDefaults(const std::string& rootPath);
+
+}  // namespace Launcher

@@ -42,14 +42,12 @@ bool setupCrashHandler(bool prompt) {
 
 void Launcher::armCrashHandling(bool isUi, std::int32_t verbosity) {
     if (!isCaptureWanted(isUi)) {
-        if (verbosity > 0) {
-            LOG_INFO("Crash handling is disabled.");
-        }
+        LOG_INFO_ABOVE(0, verbosity, "Crash handling is disabled.");
         return;
     }
     const bool promptRefused = getEnvironmentVariable("TAVREL_NO_CRASH_PROMPT", "") == "1";
-    if (verbosity > 0 && isUi && promptRefused) {
-        LOG_INFO("Crash report prompt is disabled.");
+    if (isUi && promptRefused) {
+        LOG_INFO_ABOVE(0, verbosity, "Crash report prompt is disabled.");
     }
     // Why there is no capture was reported.
     static_cast<void>(setupCrashHandler(isUi && !promptRefused));

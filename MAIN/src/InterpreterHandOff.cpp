@@ -6,12 +6,11 @@
 
 #include <utility>
 
-#include "MAIN/src/ApplicationOutput.h"
-#include "MAIN/src/ApplicationStatus.h"
+#include "MAIN/src/ApplicationEnd.h"
 #include "MAIN/src/ConfigurationAndEnvironment.h"
+#include "MAIN/src/Embedded.h"
 #include "MAIN/src/InterruptDuringStart.h"
 #include "MAIN/src/MainLog.h"
-#include "MAIN/src/StartupTime.h"
 #include "MAIN/src/VendorIdModule.h"
 #include "UTIL/src/PythonReference.h"
 #include "UTIL/src/TavrelBootstrap.h"
@@ -25,13 +24,6 @@ using Plexum3::ZkConfiguration::v1::Config;
 using UTIL::PythonReference;
 
 constexpr wchar_t programName[] = L"tavrel";
-
-void startInterpreter(const std::string& rootPath) {
-    Py_SetProgramName(programName);
-    RegisterVendorIdModule();
-    UTIL::InitPython(rootPath);
-    LOG_DEBUG("TAVREL_INTERNAL_PYTHONPATH = " << Config().get("TAVREL_INTERNAL_PYTHONPATH"));
-}
 
 wchar_t** toWideStrings(int argc, char* const* argv) {
     auto** wide = new wchar_t*[static_cast<std::size_t>(argc)];
@@ -61,45 +53,42 @@ void startStackLogIfWanted() {
     }
 }
 
-PythonReference runEntryScript(const EmbeddedApplication& application) {
+PythonReference runEntryScript() {
     if (!handInterruptsToPython()) {
         return nullptr;
     }
     // The code object is kept for the life of the interpreter: the running application is inside
     // it.
-    PyObject* code = PyMarshal_ReadObjectFromString(reinterpret_cast<const char*>(application.code),
-                                                    application.codeLength);
+    PyObject* code = PyMarshal_ReadObjectFromString(reinterpret_cast<const char*>(entryScript),
+                                                    entryScriptLength);
     return PythonReference(PyImport_ExecCodeModule("__main__", code));
 }
 
-int runToItsEnd(const EmbeddedApplication& application, std::int32_t verbosity) {
-    if (verbosity > 1) {
-        LOG_INFO("Executing Tavrel Python application...");
-    }
+int runToItsEnd(std::int32_t verbosity) {
+    LOG_INFO_ABOVE(1, verbosity, "Executing Tavrel Python application...");
     startStackLogIfWanted();
-    PythonReference module = runEntryScript(application);
-    if (verbosity > 1) {
-        LOG_INFO("Tavrel Python application exited.");
-    }
+    PythonReference module = runEntryScript();
+    LOG_INFO_ABOVE(1, verbosity, "Tavrel Python application exited.");
     return takeApplicationStatus(std::move(module));
 }
 
 }  // namespace
 
-int runApplication(int argc, char* argv[], const std::string& rootPath, std::int32_t verbosity,
-                   const EmbeddedApplication& application) {
-    endStartupPhase("closed libraries and temporary folder");
-    startInterpreter(rootPath);
+void startInterpreter(const std::string& rootPath) {
+    Py_SetProgramName(programName);
+    RegisterVendorIdModule();
+    UTIL::InitPython(rootPath);
+    LOG_DEBUG("TAVREL_INTERNAL_PYTHONPATH = " << Config().get("TAVREL_INTERNAL_PYTHONPATH"));
+}
+
+int runApplication(int argc, char* argv[], std::int32_t verbosity) {
     std::string scriptPath = Config().get("TAVREL_ROOT") + "/bin/python/Main/Main.pyc";
     argv[0] = scriptPath.data();
     setInterpreterArguments(argc, argv);
-    UTIL::SetSysAttribute("tavrel_BUILD_TIME",
-                          PythonReference(PyUnicode_FromString(application.buildTime)));
+    UTIL::SetSysAttribute("tavrel_BUILD_TIME", PythonReference(PyUnicode_FromString(buildTime)));
     UTIL::SetSysAttribute("tavrel_verbosityLevel", PythonReference(PyLong_FromLong(verbosity)));
-    endStartupPhase("interpreter");
-    publishStartupPhases();
     flushOutputAtExit();
-    const int status = runToItsEnd(application, verbosity);
+    const int status = runToItsEnd(verbosity);
     Py_Finalize();
     return statusAfterOutput(status);
 }

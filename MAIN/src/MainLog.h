@@ -28,3 +28,10 @@ constexpr char mainLogSource[] = "MAIN/src/tavrel";
 #define LOG_DEBUG(text) LOG_AT(debug, text)
 #define LOG_INFO(text) LOG_AT(info, text)
 #define LOG_ERROR(text) LOG_AT(error, text)
+/// An information for users who asked for much: `verbosity` is above `threshold`.
+#define LOG_INFO_ABOVE(threshold, verbosity, text) \
+    do {                                           \
+        if ((verbosity) > (threshold)) {           \
+            LOG_INFO(text);                        \
+        }                                          \
+    } while (false)

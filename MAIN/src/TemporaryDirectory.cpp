@@ -4,9 +4,17 @@
 #include <boost/filesystem/operations.hpp>
 #include <boost/filesystem/path.hpp>
 #include <boost/system/error_code.hpp>
+#include <boost/system/system_error.hpp>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
+#include <optional>
+
 #include "MAIN/src/ConfigurationAndEnvironment.h"
+#include "MAIN/src/MainLog.h"
+#include "process/Subprocess.h"
 
 namespace Launcher {
 
@@ -41,8 +49,6 @@ std::optional<boost::filesystem::path> findBaseFolder() {
     return folder;
 }
 
-}  // namespace
-
 std::optional<std::string> chooseTemporaryDirectory() {
     if (Config().has(directoryKey)) {
         return takeUsersDirectory();
@@ -55,6 +61,54 @@ std::optional<std::string> chooseTemporaryDirectory() {
         *folder / ("tavrel_tmpdir_" + std::to_string(getpid()));
     setConfigurationAndEnvironment(directoryKey, directory.string());
     return directory.string();
+}
+
+bool keepsTemporaryDirectory() {
+    return getEnvironmentVariable("TAVREL_KEEP_TMPDIR", "0") != "0";
+}
+
+// The daemon can report to no one that it can't execute a program. The run goes on as if it could.
+void warnOfUnusable(const std::string& program, const std::string& temporaryDirectory) {
+    struct stat status = {};
+    int error = 0;
+    if (access(program.c_str(), X_OK) != 0 || stat(program.c_str(), &status) != 0) {
+        error = errno;
+    } else if (!S_ISREG(status.st_mode)) {
+        error = EACCES;
+    }
+    if (error != 0) {
+        LOG_ERROR("The temporary directory \"" << temporaryDirectory << "\" will stay: \""
+                                               << program << "\": " << std::strerror(error));
+    }
+}
+
+bool startCleanup(const std::string& rootPath, const std::string& temporaryDirectory,
+                  std::int32_t verbosity) {
+    const std::string program = rootPath + "/bin/tavrelCleanup";
+    LOG_INFO_ABOVE(1, verbosity,
+                   "Spawning daemonized process \""
+                       << program << "\" to clean up TAVREL_TMPDIR on shutdown...");
+    warnOfUnusable(program, temporaryDirectory);
+    try {
+        Plexum3::Base::Subprocess::spawnDaemonized(
+            {program, std::to_string(getpid()), temporaryDirectory});
+    } catch (const boost::system::system_error& error) {
+        LOG_ERROR("Failed to spawn daemonized process \""
+                  << program << "\" to clean up TAVREL_TMPDIR on shutdown: " << error.what());
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool prepareTemporaryDirectory(const std::string& rootPath, std::int32_t verbosity) {
+    const auto temporaryDirectory = chooseTemporaryDirectory();
+    if (!temporaryDirectory) {
+        LOG_ERROR("Unable to locate temporary directory");
+        return false;
+    }
+    return keepsTemporaryDirectory() || startCleanup(rootPath, *temporaryDirectory, verbosity);
 }
 
 }  // namespace Launcher

@@ -4,17 +4,12 @@
 #include <cstdio>
 #include <iostream>
 
-#include "MAIN/src/BuildTime.h"
-#include "MAIN/src/CleanupStart.h"
 #include "MAIN/src/CommandLine.h"
 #include "MAIN/src/ConfigurationAndEnvironment.h"
-#include "MAIN/src/ConfigurationDefaults.h"
 #include "MAIN/src/CrashSetup.h"
-#include "MAIN/src/EntryScript.h"
 #include "MAIN/src/InterpreterHandOff.h"
 #include "MAIN/src/InterruptDuringStart.h"
 #include "MAIN/src/MainLog.h"
-#include "MAIN/src/Profiling.h"
 #include "MAIN/src/ScopedExitHandlers.h"
 #include "MAIN/src/StartupTime.h"
 #include "MAIN/src/TemporaryDirectory.h"
@@ -49,18 +44,28 @@ void checkOpenGL() {
         LOG_ERROR("Failed to initialise OpenGL: " << reason);
     }
     Config().set("TAVREL_OPENGL_PROBE", reason);
-    endStartupPhase("OpenGL probe");
+}
+
+void requestProfiling(const LauncherValues& values, bool isBatch) {
+    if (values.profile || values.forceProfile) {
+        LOG_INFO("Running profiling...");
+        Config().set("PLEXUM_PROFILING_MODE", "1");
+        if (isBatch || values.forceProfile) {
+            Config().set("PLEXUM_PROFILING_RUN", "1");
+        }
+    }
+    if (!values.profilingDir.empty()) {
+        Config().set("PLEXUM_PROFILING_DIR", values.profilingDir);
+    }
 }
 
 void logEnvironment(std::int32_t verbosity) {
-    if (verbosity <= 1) {
-        return;
-    }
     constexpr const char* loggedVariables[] = {"ZKLOGGING_CONFIG", "SHOW", "SHOT",
                                                "DEFAULT_RENDERER", "TAVREL_TMPDIR"};
-    LOG_INFO("Environment variables:");
+    LOG_INFO_ABOVE(1, verbosity, "Environment variables:");
     for (const char* name : loggedVariables) {
-        LOG_INFO("    " << name << " = \"" << getEnvironmentVariable(name, "") << '"');
+        LOG_INFO_ABOVE(1, verbosity,
+                       "    " << name << " = \"" << getEnvironmentVariable(name, "") << '"');
     }
 }
 
@@ -95,15 +100,15 @@ int main(int argc, char* argv[]) {
         return 1;
     }
     const bool isUi = isUiMode(*options);
-    if (values.verbosity > 0) {
-        LOG_INFO("Launching Tavrel " << versionText << launchLineEnding(*options));
-    }
+    LOG_INFO_ABOVE(0, values.verbosity,
+                   "Launching Tavrel " << versionText << launchLineEnding(*options));
     endStartupPhase("configuration and command line");
 
     armCrashHandling(isUi, values.verbosity);
     endStartupPhase("crash capture");
     if (isUi && options->count("help") == 0) {
         checkOpenGL();
+        endStartupPhase("OpenGL probe");
     }
     requestProfiling(values, /*isBatch=*/options->count("batch") != 0);
     if (!isUi) {
@@ -114,16 +119,13 @@ int main(int argc, char* argv[]) {
         return 1;
     }
 
-    const auto temporaryDirectory = chooseTemporaryDirectory();
-    if (!temporaryDirectory) {
-        LOG_ERROR("Unable to locate temporary directory");
-        return 1;
-    }
-    if (!keepsTemporaryDirectory() &&
-        !startCleanup(rootPath, *temporaryDirectory, values.verbosity)) {
+    if (!prepareTemporaryDirectory(rootPath, values.verbosity)) {
         return 1;
     }
     logEnvironment(values.verbosity);
-    return runApplication(argc, argv, rootPath, values.verbosity,
-                          {entryScript, entryScriptLength, buildTime});
+    endStartupPhase("closed libraries and temporary folder");
+    startInterpreter(rootPath);
+    endStartupPhase("interpreter");
+    publishStartupPhases();
+    return runApplication(argc, argv, values.verbosity);
 }

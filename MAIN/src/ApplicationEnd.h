@@ -1,12 +1,15 @@
 #pragma once
 
+#include "UTIL/src/PythonReference.h"
+
 namespace Launcher {
 
-/// Standard output of a run whose output is its result. Lines wait in buffers until the very end,
-/// and a full disk may show as late as that:
+/// How the application ended: the exit status, and whether its output has arrived. Lines wait in
+/// buffers until the very end, and a full disk may show as late as that:
 ///
 ///     flushOutputAtExit();              // before the application registers its own exit functions
 ///     ...the application...
+///     status = takeApplicationStatus(module);
 ///     Py_Finalize();
 ///     return statusAfterOutput(status);
 ///
@@ -15,6 +18,13 @@ namespace Launcher {
 /// Has the interpreter flush sys.stdout behind all other exit functions. What can't be written is
 /// noted, once, and dropped. With the interpreter lock held.
 void flushOutputAtExit();
+
+/// Turns the way the entry script ended into the exit status of the process, and reports on
+/// standard error what the user has to know of it. To be called with the interpreter lock held,
+/// right after the script, with its exception still pending if it raised one.
+/// @param module what running the script returned: null if it raised an exception
+/// @return 0 to 255, or -1 for an exception other than SystemExit; no exception is pending then
+int takeApplicationStatus(UTIL::PythonReference module);
 
 /// Flushes what native code has printed, after the interpreter has gone. Says in one line on
 /// standard error if output was lost.
