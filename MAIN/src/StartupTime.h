@@ -12,8 +12,8 @@ namespace Launcher {
 ///     ...
 ///     publishStartupPhases();                    // before the application runs
 
-/// Notes that a phase ends here; it began where the one before ended, and the first one as long ago
-/// as the process has used its processor. Main thread.
+/// Notes that a phase ends here; it began where the one before ended, and the first one with the
+/// process: waiting counts, but for the last clock tick of it. Main thread.
 /// @param name text for the user
 void endStartupPhase(const char* name);
 
