@@ -3,7 +3,10 @@
 #include <Python.h>  // first: it settles feature macros of the system's headers
 #include <ZkConfiguration/Configuration.h>
 #include <marshal.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <iostream>
 #include <utility>
 
 #include "MAIN/src/ApplicationEnd.h"
@@ -72,9 +75,17 @@ int runToItsEnd(std::int32_t verbosity) {
     return takeApplicationStatus(std::move(module));
 }
 
+void warnOfFolderAsInput() {
+    struct stat status = {};
+    if (fstat(STDIN_FILENO, &status) == 0 && S_ISDIR(status.st_mode)) {
+        std::cerr << "tavrel: standard input is a folder, with which Python can't start\n";
+    }
+}
+
 }  // namespace
 
 void startInterpreter(const std::string& rootPath) {
+    warnOfFolderAsInput();
     Py_SetProgramName(programName);
     RegisterVendorIdModule();
     UTIL::InitPython(rootPath);

@@ -124,6 +124,11 @@ int main(int argc, char* argv[]) {
     }
     logEnvironment(values.verbosity);
     endStartupPhase("closed libraries and temporary folder");
+    if (const std::string missing = UTIL::FindMissingLibrary(rootPath); !missing.empty()) {
+        LOG_ERROR("Unable to start Python: its standard library is missing in \"" << missing
+                                                                                  << '"');
+        return 1;
+    }
     startInterpreter(rootPath);
     endStartupPhase("interpreter");
     publishStartupPhases();

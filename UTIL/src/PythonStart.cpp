@@ -3,6 +3,7 @@
 #include <ZkPlexumSDK/pystring.h>
 #include <boost/thread/once.hpp>
 #include <locale.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -28,20 +29,23 @@ struct TreeLayout {
 
     std::string home;                  // what Py_SetPythonHome is given
     std::string executable;            // the interpreter's program, for sys.executable
+    std::string library;               // standard library
+    std::string archive;               // the same as an archive; needn't be there
     std::string sitePackages;          // folder of the packages added to the interpreter
     std::vector<std::string> folders;  // the tree's part of sys.path, first searched first
 };
 
 TreeLayout::TreeLayout(const std::string& root) {
     const std::string binFolder = root + "/bin/";
-    const std::string library = binFolder + "python3.7/lib/python3.7";
+    library = binFolder + "python3.7/lib/python3.7";
     const std::string versionTag =
         Plexum3::internal::pystring_v1::replace(version, ".", "", /*count=*/-1);
+    archive = binFolder + "python3.7/lib/python" + versionTag + ".zip";
     home = binFolder + "python3.7";
     executable = home + "/bin/python" + version;
     sitePackages = library + "/site-packages";
     folders = {home,
-               binFolder + "python3.7/lib/python" + versionTag + ".zip",
+               archive,
                library,
                library + "/lib-dynload",
                sitePackages,
@@ -135,7 +139,19 @@ void startInTree(const std::string& root) {
     PublishSearchPath(BuildSearchPath(headEntries, configuredList("TAVREL_POST_PYTHONPATH")));
 }
 
+bool exists(const std::string& path) {
+    return access(path.c_str(), F_OK) == 0;
+}
+
 }  // namespace
+
+std::string FindMissingLibrary(const std::string& installRoot) {
+    const TreeLayout layout(installRoot);
+    const char* const pythonPath = std::getenv("PYTHONPATH");
+    const bool isThere = exists(layout.library + "/os.pyc") || exists(layout.library + "/os.py") ||
+                         exists(layout.archive) || (pythonPath != nullptr && *pythonPath != '\0');
+    return isThere ? "" : layout.library;
+}
 
 void InitPython(std::string installRoot) {
     static boost::once_flag once = BOOST_ONCE_INIT;

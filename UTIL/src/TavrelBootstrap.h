@@ -69,6 +69,11 @@ void InitUsdPaths();
 /// empty value gives none, and a separator at the very end gives none after it.
 void SplitPathList(const std::string& value, std::vector<std::string>& list);
 
+/// Looks for the standard library before the interpreter does, which would abort without it.
+/// @return the folder in the tree that should hold it; empty if it is there, or if the archive
+///         beside it or PYTHONPATH may have it
+std::string FindMissingLibrary(const std::string& installRoot);
+
 /// Starts the interpreter with the tree's own home and gives sys.path its fixed order: the entries
 /// of TAVREL_DEBUG_PRE_PYTHONPATH, the tree's folders, what the interpreter found by itself, the
 /// entries of TAVREL_POST_PYTHONPATH; the first of equal entries stays. Publishes the layout under

@@ -63,6 +63,24 @@ class SearchPathTest(SystemTest):
             self.assertEqual(ended.start["path"], own_entries(tree.root) + behind)
 
 
+class ObstaclesTest(SystemTest):
+    def test_what_keeps_the_interpreter_from_starting_is_named(self):
+        tree = self.scratch_tree()
+        folder = os.open("/", os.O_RDONLY)
+        self.addCleanup(os.close, folder)
+        ended = self.run_launcher(tree, "--batch", "-V0", stdin=folder)
+        self.assertEqual(ended.status, 1)
+        self.assertRegex(ended.err, r"\Atavrel: standard input is a folder.*\nFatal Python error")
+        home = (tree.bin / "python3.7").resolve()
+        (tree.bin / "python3.7").unlink()
+        (tree.bin / "python3.7/lib").mkdir(parents=True)
+        for library in (home / "lib").glob("*.so*"):
+            (tree.bin / "python3.7/lib" / library.name).symlink_to(library)
+        ended = self.run_launcher(tree, "--batch", "-V0")
+        self.assertEqual(ended.status, 1)
+        self.assertRegex(ended.err, r"\A\[ERROR MAIN\] .*missing.*/python3.7/lib/python3.7\" .*\n\Z")
+
+
 class ArgumentsTest(SystemTest):
     def test_arrive_whole_and_in_order(self):
         tree = self.scratch_tree()
