@@ -130,21 +130,23 @@ def initDefaultRenderer():
         reason = ('Specified Default Renderer "{}" is not the name of a registered renderer '
                   'plug-in.'.format(configured))
 
-    if names and "dl" in names:
+    if not names:
+        Configuration.set(key, "")
+        log.warning("There are no valid Renderer plug-ins available.")
+        return
+    if "dl" in names:
         fallback = "dl"
         log.log(level, '%s Using: "%s".', reason, fallback)
-    elif names:
+    else:
         fallback = names[0]
         log.log(level, '%s Using the first available plug-in found: "%s".', reason, fallback)
-    else:
-        fallback = ""
     Configuration.set(key, fallback)
-    if not names:
-        log.warning("There are no valid Renderer plug-ins available.")
 
 
-def isVerbose():
-    return sys.tavrel_verbosityLevel >= 1
+def logIfVerbose(text, *arguments):
+    """Logs an information that a quiet run leaves out."""
+    if sys.tavrel_verbosityLevel >= 1:
+        log.info(text, *arguments)
 
 
 def initDebugging():
@@ -159,8 +161,7 @@ def initDebugging():
 
     if Configuration.has("TAVREL_RENDER_LOGFILE"):
         renderLogFile = Configuration.get("TAVREL_RENDER_LOGFILE")
-        if isVerbose():
-            log.info('TAVREL_RENDER_LOGFILE set to "%s".', renderLogFile)
+        logIfVerbose('TAVREL_RENDER_LOGFILE set to "%s".', renderLogFile)
         Nodes2DAPI.SetRenderDebug(1)
         Nodes2DAPI.SetRenderLogFile(renderLogFile)
 
@@ -169,17 +170,15 @@ def initTileSize(machine):
     tileSize = machine.GetRenderTileSize(customLogger=log)
     if tileSize and len(tileSize) == 2:
         width, height = tileSize
-        if isVerbose():
-            log.info("TAVREL_RENDER_TILE_SIZE set to %dx%d.", width, height)
+        logIfVerbose("TAVREL_RENDER_TILE_SIZE set to %dx%d.", width, height)
         Nodes2DAPI.SetTileSize(width, height)
     else:
         width, height = Nodes2DAPI.GetTileSize()
-        if isVerbose():
-            log.info("TAVREL_RENDER_TILE_SIZE defaulting to %dx%d.", width, height)
+        logIfVerbose("TAVREL_RENDER_TILE_SIZE defaulting to %dx%d.", width, height)
 
 
 def initImageLimits(machine, isBatch):
-    machineLogger = log if isVerbose() else None
+    machineLogger = log if sys.tavrel_verbosityLevel >= 1 else None
     Nodes2DAPI.SetMaxImageMemory(
         int(machine.GetImageMemoryMB(isBatch, customLogger=machineLogger)))
     Nodes2DAPI.SetMaxDiskUsage(
@@ -193,12 +192,10 @@ def initSpeculativeCache(isBatch):
         except Exception:
             log.error("Could not parse TAVREL_SPEC_CACHE_ENABLED. Allow values: 0,1")
             isEnabled = False
-        if isVerbose():
-            log.info("TAVREL_SPEC_CACHE_ENABLED set to %d.", isEnabled)
+        logIfVerbose("TAVREL_SPEC_CACHE_ENABLED set to %d.", isEnabled)
     else:
         isEnabled = not isBatch
-        if isVerbose():
-            log.info("TAVREL_SPEC_CACHE_ENABLED defaulting to %d.", isEnabled)
+        logIfVerbose("TAVREL_SPEC_CACHE_ENABLED defaulting to %d.", isEnabled)
     Nodes2DAPI.SetSpeculativeCacheEnabled(isEnabled)
 
 

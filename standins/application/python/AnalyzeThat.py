@@ -1,10 +1,1 @@
-"""When this run began, as the application sees it."""
-
-import time
-
-_startSeconds = time.monotonic()
-
-
-def GetRunSeconds():
-    """Seconds since the application began to load."""
-    return time.monotonic() - _startSeconds
+"""The entry script imports this module for what importing it does; here that is nothing."""

@@ -7,7 +7,6 @@ with a render and end when no tile is left.
 import threading
 import time
 
-import AnalyzeThis
 
 _RENDER_TYPES = ("preview", "disk")
 # A render looks for its cancellation between two tiles; a tile takes far less than this.
@@ -167,7 +166,6 @@ class Render(object):
         self.state = state if self.error is None else "failed"
         with _lock:
             _renders.remove(self)
-            AnalyzeThis.Count("render " + self.state)
         _debug("%s render %s" % (self.renderType, self.state))
         self._ended.set()
 
