@@ -9,6 +9,7 @@ from pathlib import Path
 RELEASE = Path(__file__).resolve().parents[2] / "build/release"
 BUILT = Path(os.environ.get("TAVREL_TREE", RELEASE / "tree"))
 STAND_INS = Path(os.environ.get("TAVREL_STAND_INS", RELEASE / "tests/system/stand_ins"))
+REFUSALS = os.environ.get("TAVREL_REFUSALS", RELEASE / "tests/preload/libtests_refusals.so")
 RECORDER = Path(__file__).parent / "recorder"
 
 RECORDED_MODULES = (

@@ -5,7 +5,7 @@ import os
 import unittest
 
 from launch import SystemTest
-from scratch_tree import STAND_INS
+from scratch_tree import REFUSALS
 
 MINIMALLY, FULLY, UNINITIALIZE = (
     "ZkPlexum3InitializeMinimally", "ZkPlexum3Initialize", "ZkPlexum3Uninitialize")
@@ -37,7 +37,11 @@ ENDS = [
     ("import os; os._exit(6)", 6, ""),
 ]
 
-FAILING = {"LD_PRELOAD": str(STAND_INS / "libfailingCalls.so")}
+
+def refusing(call):
+    return {"LD_PRELOAD": str(REFUSALS), "TEST_REFUSE": f";{call} 5 1"}  # EIO, from the first on
+
+
 NO_FOLDER = r"\[ERROR MAIN\] Unable to locate temporary directory \(.*\)\n"
 # Arguments, environment, exit status, calls of the closed library and of the mode, standard error.
 WAYS_OUT = [
@@ -49,9 +53,9 @@ WAYS_OUT = [
     (["--batch", "-V0"], {"TMPDIR": None, "TMP": "/nowhere"}, 1, [MINIMALLY, FULLY, UNINITIALIZE],
      NO_FOLDER),
     (["--batch", "-V0"], {"TMPDIR": ""}, 1, [MINIMALLY, FULLY, UNINITIALIZE], NO_FOLDER),
-    (["--batch"], {**FAILING, "FAILING_CALL": "readlink"}, 1, [],
+    (["--batch"], refusing("readlink"), 1, [],
      r"ERROR: Unable to retrieve Tavrel's executable path.\n"),
-    (["--batch", "-V0"], {**FAILING, "FAILING_CALL": "waitpid"}, 1,
+    (["--batch", "-V0"], refusing("waitpid"), 1,
      [MINIMALLY, FULLY, UNINITIALIZE],
      r'\[ERROR MAIN\] Failed to spawn daemonized process "/.*/bin/tavrelCleanup" '
      r"to clean up TAVREL_TMPDIR on shutdown: Input/output error \(.*\)\n"),
