@@ -84,12 +84,18 @@ void warnOfFolderAsInput() {
 
 }  // namespace
 
-void startInterpreter(const std::string& rootPath) {
+bool startInterpreter(const std::string& rootPath) {
+    if (const std::string missing = UTIL::FindMissingLibrary(rootPath); !missing.empty()) {
+        LOG_ERROR("Unable to start Python: its standard library is missing in \"" << missing
+                                                                                  << '"');
+        return false;
+    }
     warnOfFolderAsInput();
     Py_SetProgramName(programName);
     RegisterVendorIdModule();
     UTIL::InitPython(rootPath);
     LOG_DEBUG("TAVREL_INTERNAL_PYTHONPATH = " << Config().get("TAVREL_INTERNAL_PYTHONPATH"));
+    return true;
 }
 
 int runApplication(int argc, char* argv[], std::int32_t verbosity) {

@@ -7,7 +7,7 @@ namespace Launcher {
 
 /// The embedded interpreter, from its start to its end:
 ///
-///     startInterpreter(rootPath);
+///     if (!startInterpreter(rootPath)) return 1;
 ///     return runApplication(argc, argv, verbosity);
 ///
 /// Main thread, once in a process.
@@ -15,7 +15,8 @@ namespace Launcher {
 /// Starts the interpreter in the tree, with the built-in module vendorid. One that can't start ends
 /// the process in its own way.
 /// @param rootPath install root, see UTIL::InitPython
-void startInterpreter(const std::string& rootPath);
+/// @return false, after a log line, if the tree has no standard library
+bool startInterpreter(const std::string& rootPath);
 
 /// Runs the embedded application as `__main__` until it ends, and finalises the interpreter.
 /// Nothing stops it early: a failure inside the application becomes an exit status, after the

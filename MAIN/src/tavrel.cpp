@@ -124,12 +124,9 @@ int main(int argc, char* argv[]) {
     }
     logEnvironment(values.verbosity);
     endStartupPhase("closed libraries and temporary folder");
-    if (const std::string missing = UTIL::FindMissingLibrary(rootPath); !missing.empty()) {
-        LOG_ERROR("Unable to start Python: its standard library is missing in \"" << missing
-                                                                                  << '"');
+    if (!startInterpreter(rootPath)) {
         return 1;
     }
-    startInterpreter(rootPath);
     endStartupPhase("interpreter");
     publishStartupPhases();
     return runApplication(argc, argv, values.verbosity);
