@@ -47,7 +47,8 @@ static int prepareScript(const char* tree, const char* job) {
              "configuration.set('RUNTIME_USE_SYNC', '1')\n"
              "sys.argv = ['%s/bin/python/Main/Main.pyc', '--batch', '%s']\n"
              "sys.tavrel_verbosityLevel = 1\n"
-             "sys.tavrel_BUILD_TIME = ''\n",
+             "sys.tavrel_BUILD_TIME = ''\n"
+             "sys.tavrel_checkInterrupt = lambda: None\n",
              tree, (int)getpid(), tree, job);
     return PyRun_SimpleString(line);
 }

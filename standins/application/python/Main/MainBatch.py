@@ -5,7 +5,6 @@ import time
 
 # Here, not where they are wanted: Ctrl-C must not meet an import, whose callbacks lose it.
 import MainEnvironment
-import MainExceptions
 import MainLogging
 import MainPythonFile
 import MainSignals
@@ -41,7 +40,7 @@ def _isFailure(end):
         # What else a class derived from int says of itself counts no more than there.
         return code is not None and not (isinstance(code, int) and int.__eq__(code, 0))
     # When it is no longer being handled: the log would print it twice.
-    MainExceptions.Report(*failure)
+    MainLogging.ReportException(*failure)
     return False
 
 

@@ -1,4 +1,5 @@
-"""Python's log records and warnings in the launcher's own log, and what is said past it."""
+"""Python's log records and warnings in the launcher's own log, what is said past it, and how an
+exception is reported."""
 
 import logging
 import os
@@ -48,6 +49,24 @@ def Tell(text):
         os.write(2, text.encode("utf-8", "backslashreplace"))
     except OSError:
         pass
+
+
+def ReportException(exceptionType, exception, tb):
+    """Hands an exception that nothing has caught to sys.excepthook, while the run goes on. If that
+    fails, in text of the exception's own for example, standard error shows both, as the interpreter
+    shows them when a run ends. SystemExit of the hook and Ctrl-C pass through."""
+    try:
+        sys.excepthook(exceptionType, exception, tb)
+    except SystemExit:
+        raise
+    except BaseException as failure:
+        Tell("Error in sys.excepthook:\n")
+        # Not by traceback, which an exception's own text can make fail.
+        sys.__excepthook__(type(failure), failure, failure.__traceback__.tb_next)
+        Tell("\nOriginal exception was:\n")
+        sys.__excepthook__(exceptionType, exception, tb)
+        if isinstance(failure, KeyboardInterrupt):
+            raise
 
 
 def Init():

@@ -5,7 +5,6 @@ import sys
 import types
 
 import ConfigurationAPI_cmodule as Configuration
-import MainExceptions
 import MainLogging
 
 # Whose frames stand between the interpreter and a user's code.
@@ -46,7 +45,7 @@ def ReportException(exceptionType, exception, tb):
         text = "".join(traceback.format_exception_only(exceptionType, exception))
         logging.error("%s", text.rstrip())
         return
-    MainExceptions.Report(exceptionType, exception, tb)
+    MainLogging.ReportException(exceptionType, exception, tb)
 
 
 def _execute(source, name, namespace):

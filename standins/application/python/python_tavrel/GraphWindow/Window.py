@@ -3,7 +3,7 @@
 import tkinter
 import tkinter.filedialog
 
-import MainExceptions
+import MainLogging
 import NodegraphAPI
 import NodegraphFile
 from GraphWindow import Look
@@ -87,7 +87,7 @@ class Window(object):
         """What an event's handler has raised goes to the hook, and the next event is handled."""
         try:
             # Not at once: the log would print an exception twice that is being handled.
-            self._root.after_idle(lambda: MainExceptions.Report(*failure))
+            self._root.after_idle(lambda: MainLogging.ReportException(*failure))
         except tkinter.TclError:
             # The window is gone, and that is what a dialog on the way out complains of.
             pass

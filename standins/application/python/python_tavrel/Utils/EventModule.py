@@ -5,7 +5,7 @@ import collections
 import logging
 import sys
 
-import MainExceptions
+import MainLogging
 
 # Nobody may ever process events in a long batch run: the oldest go.
 _MOST_WAITING = 10000
@@ -49,7 +49,7 @@ def ProcessEvents():
             # Reported when it is no longer being handled: the log would print it twice.
             failure = _failureOf(handler, name, arguments)
             if failure is not None:
-                MainExceptions.Report(*failure)
+                MainLogging.ReportException(*failure)
     return count
 
 
