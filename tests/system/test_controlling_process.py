@@ -13,16 +13,6 @@ from process_table import ALL_BLOCKED, identity, thread_statuses
 VARIABLE = "__TAVREL_CONTROLLING_PROCESS"
 WAIT = "import sys; sys.stdin.read()"
 PUBLISH = f"import os; print('value', os.environ['{VARIABLE}'], flush=True); {WAIT}"
-# Each launcher of the chain starts the next one, says its own process id, and waits for good.
-CHAIN = """
-import os, signal, subprocess
-level = int(os.environ["LEVEL"])
-if level:
-    child = subprocess.Popen([os.environ["PROGRAM"], "--batch"],
-                             env=dict(os.environ, LEVEL=str(level - 1)))
-os.write(1, b"up %d\\n" % os.getpid())
-signal.pause()
-"""
 
 
 class WatchdogTest(SystemTest):
@@ -113,18 +103,6 @@ class WatchdogTest(SystemTest):
         folder.rmdir()
         controller.kill()
         self.assertEqual(process.wait(DEADLINE_SECONDS), 1)
-
-    def test_chain_of_launchers_follows_its_first_into_death(self):
-        first = self.start(self.tree, "--batch", env={
-            VARIABLE: identity(os.getpid()), "RECORDER_ACT": CHAIN, "LEVEL": "2",
-            "PROGRAM": str(self.tree.bin / "tavrel")})
-        pids = {int(self.await_line(first.stdout, "up ").split()[1]) for _ in range(3)}
-        second_and_third = pids - {first.pid}
-        self.assertEqual(len(second_and_third), 2)
-        first.kill()
-        first.wait()
-        codes = self.reap()
-        self.assertEqual({codes[pid] for pid in second_and_third}, {1})
 
 
 if __name__ == "__main__":
