@@ -15,7 +15,7 @@ readonly boost_sha256=192f5df504d282cb81288f88232d8af45b64a9ab531e1c7cf8ae955f16
 readonly minidump_version=0.26.0
 readonly minidump_sha256=0b09e132e39a5bf555324078a7f1fa2f3fe5c498f44bd80bf6fdfca92c1e2bbd
 # Raised when the way a folder of .deps/ is prepared changes, so that old ones are made anew.
-declare -rA recipe=([python3.7]=3 [boost_python]=3 [breakpad]=4)
+declare -rA recipe=([python3.7]=3 [boost_python]=3 [breakpad]=5)
 # These archives end up in the project's programs.
 mapfile -t hardening <"$top/cmake/hardening.flags"
 readonly hardening
@@ -192,7 +192,10 @@ breakpad() {
   [[ $scratch != *[!A-Za-z0-9_./+-]* ]] || scratch=$(mktemp -d)
   trap 'rm -rf "$scratch"' EXIT
   tar -C "$scratch" --strip-components=1 -xf "$archive" package/deps package/bin/linux-x64
-  patch -s -d "$scratch" -p1 <"$top/scripts/setup/breakpad-strings.patch" || die "the patch of Breakpad does not apply"
+  local patch
+  for patch in "$top"/scripts/setup/breakpad-*.patch; do
+    patch -s -d "$scratch" -p1 <"$patch" || die "$(basename "$patch") does not apply"
+  done
   mkdir -p "$scratch/build" "$to/lib" "$to/bin"
   # What reads a minidump, of a library that walks the stacks of every processor.
   local reader=(basic_code_modules convert_old_arm64_context dump_context dump_object logging minidump
