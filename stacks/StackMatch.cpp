@@ -9,53 +9,6 @@ namespace Zendrik::Stacks {
 
 namespace {
 
-// Calls, as Python 3.7 makes them: from the evaluation of one function to the C function or the
-// evaluation that it calls, and from C to the evaluation of a function.
-constexpr std::string_view callMachinery[] = {
-    "_PyCFunction_FastCallDict",
-    "_PyCFunction_FastCallKeywords",
-    "_PyEval_EvalCodeWithName",
-    "_PyFunction_FastCallDict",
-    "_PyFunction_FastCallKeywords",
-    "_PyMethodDef_RawFastCallDict",
-    "_PyMethodDef_RawFastCallKeywords",
-    "_PyMethodDescr_FastCallKeywords",
-    "_PyObject_CallFunctionVa",
-    "_PyObject_CallFunction_SizeT",
-    "_PyObject_CallMethodId",
-    "_PyObject_CallMethodIdObjArgs",
-    "_PyObject_CallMethodId_SizeT",
-    "_PyObject_CallMethod_SizeT",
-    "_PyObject_Call_Prepend",
-    "_PyObject_FastCallDict",
-    "_PyObject_FastCallKeywords",
-    "_PyObject_FastCall_Prepend",
-    "PyCFunction_Call",
-    "PyEval_CallFunction",
-    "PyEval_CallMethod",
-    "PyEval_CallObjectWithKeywords",
-    "PyEval_EvalCode",
-    "PyEval_EvalCodeEx",
-    "PyEval_EvalFrame",
-    "PyEval_EvalFrameEx",
-    "PyObject_Call",
-    "PyObject_CallFunction",
-    "PyObject_CallFunctionObjArgs",
-    "PyObject_CallMethod",
-    "PyObject_CallMethodObjArgs",
-    "PyObject_CallObject",
-    "call_function",
-    "call_method",
-    "do_call_core",
-    "function_call",
-    "function_code_fastcall",
-    "gen_iternext",
-    "gen_send_ex",
-    "method_call",
-    "object_vacall",
-    "slot_tp_call",
-};
-
 // Compilers put ".part.0", ".cold" and the like behind a name.
 std::string_view interpreterFunction(const NativeFrame& frame) {
     const std::string_view module =
@@ -73,10 +26,16 @@ bool isEvaluation(const NativeFrame& frame) {
 
 }  // namespace
 
+// Calls, as Python 3.7 makes them, from the evaluation of one function to the C function or the
+// evaluation that it calls, and from C to the evaluation of a function: they have it in their
+// names.
 bool isCallMachinery(const NativeFrame& frame) {
     const std::string_view function = interpreterFunction(frame);
-    return std::find(std::begin(callMachinery), std::end(callMachinery), function) !=
-           std::end(callMachinery);
+    const auto has = [function](std::string_view word) {
+        return function.find(word) != function.npos;
+    };
+    return function.substr(0, 8) != "builtin_" && !isEvaluation(frame) &&
+           (has("Call") || has("call") || has("Eval") || has("gen_"));
 }
 
 bool waitsForLock(const ThreadFrames& native) {
