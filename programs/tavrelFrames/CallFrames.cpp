@@ -40,6 +40,7 @@ const Dwfl_Thread_Callbacks CallFrames::callbacks = {
     [](Dwfl*, Dwarf_Addr address, Dwarf_Word* word, void* self) {
         const auto found = Stacks::wordAt(static_cast<CallFrames*>(self)->capture_, address);
         *word = found.value_or(0);
+        static_cast<CallFrames*>(self)->unread_ |= !found;
         return found.has_value();
     },
     setRegisters,
@@ -65,7 +66,7 @@ CallFrames::~CallFrames() {
 bool CallFrames::walk(const Stacks::CapturedThread& thread,
                       const std::function<void(const CallFrame&)>& found) {
     registers_ = thread.registers;
-    guessed_ = whole_ = false;
+    stepped_ = guessed_ = whole_ = false;
     std::size_t frames = 0;
     do {
         room_ = mostFrames - frames;
@@ -80,20 +81,20 @@ bool CallFrames::walk(const Stacks::CapturedThread& thread,
 
 void CallFrames::walkStretch() {
     stretch_.clear();
-    broken_ = false;
+    broken_ = unread_ = false;
     const Stacks::Registers begin = registers_;
     const int result = dwfl_getthread_frames(files_.session(), theThread, onFrame, this);
     if (stretch_.empty()) {
         // The library could not even begin: the first frame is known all the same.
         stretch_.push_back(
-            {begin[instructionPointerRegister] + (guessed_ ? 1 : 0), guessed_, guessed_});
+            {begin[instructionPointerRegister] + (stepped_ ? 1 : 0), stepped_, guessed_});
     } else if (guessed_ && (broken_ || result == 0) && !whole_ && stretch_.size() == 1) {
         // A guess that was called from nowhere is what a function has left on the stack.
         stretch_.clear();
         registers_ = begin;
     }
     // 0: the way ended at the address 0, as it does above code that was not written in C.
-    whole_ = whole_ || (result == 0 && !guessed_ &&
+    whole_ = whole_ || (result == 0 && !guessed_ && !unread_ &&
                         Stacks::wordAt(capture_, registers_[stackPointerRegister]));
 }
 
@@ -106,10 +107,16 @@ bool CallFrames::stepByGuess() {
     const std::optional<Stacks::Registers> caller = Stacks::guessCaller(
         capture_, registers_, [this](std::uint64_t word) { return files_.isReturnAddress(word); });
     if (caller) {
+        // A call to where there is no code has left nothing on the stack but its return address.
+        const bool isSure = !guessed_ &&
+                            files_.at(registers_[instructionPointerRegister]) == nullptr &&
+                            (*caller)[stackPointerRegister] ==
+                                registers_[stackPointerRegister] + sizeof(std::uint64_t);
         registers_ = *caller;
         // The rules that hold are those of the call, and its function may end with it.
         --registers_[instructionPointerRegister];
-        guessed_ = true;
+        stepped_ = true;
+        guessed_ = !isSure;
         guessedStack_ = registers_[stackPointerRegister];
     }
     return caller.has_value();
@@ -130,7 +137,7 @@ int CallFrames::take(Dwfl_Frame* frame) {
     if (!dwfl_frame_pc(frame, &pc, &isActivation)) {
         return DWARF_CB_ABORT;
     }
-    if (guessed_ && stretch_.empty()) {
+    if (stepped_ && stretch_.empty()) {
         ++pc;  // stepByGuess took it away
         isActivation = false;
     }

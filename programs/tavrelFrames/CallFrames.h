@@ -54,9 +54,11 @@ class CallFrames {
     Stacks::Registers registers_{};  // of the last frame
     // Frames that rules lead through from the last guess on, or from the thread's beginning.
     std::vector<CallFrame> stretch_;
-    std::size_t room_ = 0;  // for that many
-    bool broken_ = false;   // the rules led to what can't be a frame
-    bool guessed_ = false;
+    std::size_t room_ = 0;            // for that many
+    bool broken_ = false;             // the rules led to what can't be a frame
+    bool unread_ = false;             // they led to memory that was not captured
+    bool stepped_ = false;            // the stretch begins behind a call that no rule led to
+    bool guessed_ = false;            // such a call was found by looking for one
     std::uint64_t guessedStack_ = 0;  // the stack pointer of the last guess
     bool whole_ = false;
 };
