@@ -21,16 +21,6 @@ using std::chrono::steady_clock;
 constexpr auto stopLimit = std::chrono::milliseconds(200);
 constexpr auto readLimit = std::chrono::seconds(5);
 
-void copyContent(const HeldThreads& threads, LiveCapture& live) {
-    StackCapture& capture = live.capture;
-    const MemoryReader memory = processMemory(capture.pid);
-    const std::vector<Mapping> mappings = readMappings(capture.pid);
-    capture.threads = threads.readRegisters();
-    capture.files = findMappedFiles(mappings, memory);
-    copyStacks(capture, mappings, memory);
-    live.python = readPythonStacks(capture.files, memory);
-}
-
 LiveCapture captureNow(pid_t pid) {
     LiveCapture live;
     live.capture.pid = pid;
@@ -38,17 +28,11 @@ LiveCapture captureNow(pid_t pid) {
     const auto start = steady_clock::now();
     live.failure = threads.hold(pid, stopLimit);
     if (live.failure.empty()) {
-        copyContent(threads, live);
+        captureContent(threads, live);
     }
     threads.release();
     live.held = std::chrono::duration_cast<std::chrono::microseconds>(steady_clock::now() - start);
-    for (CapturedThread& thread : live.capture.threads) {
-        thread.name = threadName(thread.tid);
-    }
-    for (const pid_t tid : threads.unstopped()) {
-        live.notes.push_back("Thread " + std::to_string(tid) + " (" + threadName(tid) +
-                             ") can't be stopped: it waits for a disk, a server or a driver.");
-    }
+    nameThreads(threads, live);
     return live;
 }
 
@@ -59,6 +43,44 @@ pid_t processOf(pid_t tid) {
 }
 
 }  // namespace
+
+void captureContent(const HeldThreads& threads, LiveCapture& live) {
+    StackCapture& capture = live.capture;
+    const std::vector<CapturedThread> crashed = std::move(capture.threads);
+    capture.threads = threads.readRegisters();
+    for (const CapturedThread& thread : crashed) {
+        const auto same =
+            std::find_if(capture.threads.begin(), capture.threads.end(),
+                         [&thread](const CapturedThread& each) { return each.tid == thread.tid; });
+        if (same == capture.threads.end()) {
+            capture.threads.push_back(thread);
+        } else {
+            same->registers = thread.registers;
+        }
+    }
+    // The first thread may have ended before the others, and nothing can be read of it then.
+    const pid_t living = capture.threads.empty() ? capture.pid : capture.threads.back().tid;
+    const MemoryReader memory = processMemory(living);
+    const std::vector<Mapping> mappings = readMappings(living);
+    capture.files = findMappedFiles(mappings, memory);
+    if (std::string cut = copyStacks(capture, mappings, memory); !cut.empty()) {
+        live.notes.push_back(std::move(cut));
+    }
+    copyCode(capture, mappings, memory);
+    if (live.failure.empty()) {
+        live.python = readPythonStacks(capture.files, memory);
+    }
+}
+
+void nameThreads(const HeldThreads& threads, LiveCapture& live) {
+    for (CapturedThread& thread : live.capture.threads) {
+        thread.name = threadName(thread.tid);
+    }
+    for (const pid_t tid : threads.unstopped()) {
+        live.notes.push_back("Thread " + std::to_string(tid) + " (" + threadName(tid) +
+                             ") can't be stopped: it waits for a disk, a server or a driver.");
+    }
+}
 
 // A thread of its own for each capture: when it ends the kernel lets go of what it still holds.
 LiveCapture captureProcess(pid_t pid) {

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "stacks/HeldThreads.h"
 #include "stacks/PythonStacks.h"
 #include "stacks/StackCapture.h"
 
@@ -40,5 +41,15 @@ struct LiveCapture {
 /// @param pid a process, or any thread of it
 /// @throw std::system_error if no thread can be started
 LiveCapture captureProcess(pid_t pid);
+
+/// Reads what has to be read while `threads` are held: registers, files, stacks, Python. Of a
+/// process that could not be held, the files alone.
+/// @param live which has the process id and the failure to hold it; of a crashed process also the
+///     crashed thread with the registers that the signal met
+void captureContent(const HeldThreads& threads, LiveCapture& live);
+
+/// Adds the names of the threads, and a note for each that could not be stopped. They need not be
+/// held any more.
+void nameThreads(const HeldThreads& threads, LiveCapture& live);
 
 }  // namespace Zendrik::Stacks

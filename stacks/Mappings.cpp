@@ -31,8 +31,8 @@ std::vector<Mapping> parseMappings(const std::string& maps) {
     return mappings;
 }
 
-std::vector<Mapping> readMappings(pid_t pid) {
-    return parseMappings(readProcFile(pid, "maps"));
+std::vector<Mapping> readMappings(pid_t tid) {
+    return parseMappings(readProcFile(tid, "maps"));
 }
 
 }  // namespace Zendrik::Stacks

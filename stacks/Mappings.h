@@ -23,7 +23,8 @@ struct Mapping {
 /// By address. Lines in another form are left out.
 std::vector<Mapping> parseMappings(const std::string& maps);
 
+/// @param tid any thread of the process that has not ended
 /// @return none if the file can't be read
-std::vector<Mapping> readMappings(pid_t pid);
+std::vector<Mapping> readMappings(pid_t tid);
 
 }  // namespace Zendrik::Stacks

@@ -149,6 +149,9 @@ class FileCode {
     // Takes code to stand in the file as it stands in memory, which holds for most libraries.
     bool isReturnAddress(std::uint64_t address) {
         const std::optional<std::size_t> file = fileAt(capture_, address);
+        if (file && descriptorOf(*file) < 0) {
+            return isBehindLostCall(capture_, address);
+        }
         const std::uint64_t offset = file ? address - capture_.files[*file].start : 0;
         char code[longestCall];
         return offset >= sizeof code &&
@@ -207,9 +210,10 @@ std::string startProblem(const std::string& program, bool lacksLibrary) {
 }
 
 std::string blame(const StackCapture& capture, const Attempt& failed) {
-    const std::string what = failed.overdue ? " takes too long to read" : " can't be read";
-    return failed.lastFile ? capture.files[*failed.lastFile].path + what +
-                                 ", it is damaged; its functions have no names here."
+    const std::string what =
+        failed.overdue ? " takes too long to read" : " can't be read, it is damaged";
+    return failed.lastFile
+               ? capture.files[*failed.lastFile].path + what + "; its functions have no names here."
            : failed.overdue ? "The stacks took too long to tell."
                             : "The stacks could not all be told.";
 }

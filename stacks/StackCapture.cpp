@@ -1,5 +1,8 @@
 #include "stacks/StackCapture.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "stacks/ByteStream.h"
 
 namespace Zendrik::Stacks {
@@ -31,6 +34,17 @@ void getFile(ByteReader& reader, MappedFile& file) {
 }
 
 }  // namespace
+
+const MemoryBlock* blockAt(const StackCapture& capture, std::uint64_t address) {
+    // The first block that begins behind the address; the one in front of it may hold it.
+    const auto next = std::upper_bound(
+        capture.memory.begin(), capture.memory.end(), address,
+        [](std::uint64_t wanted, const MemoryBlock& each) { return wanted < each.address; });
+    return next != capture.memory.begin() &&
+                   address - std::prev(next)->address < std::prev(next)->bytes.size()
+               ? &*std::prev(next)
+               : nullptr;
+}
 
 std::string serialise(const StackCapture& capture) {
     ByteWriter writer;

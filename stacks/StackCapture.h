@@ -73,6 +73,9 @@ struct StackCapture {
     std::vector<MappedFile> files;
 };
 
+/// The block that holds the byte at `address`; null if it was not captured.
+const MemoryBlock* blockAt(const StackCapture& capture, std::uint64_t address);
+
 std::string serialise(const StackCapture& capture);
 
 /// The capture that `serialise` made `bytes` of, on a machine like this one.

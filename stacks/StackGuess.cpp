@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "stacks/FrameLines.h"
+
 namespace Zendrik::Stacks {
 
 namespace {
@@ -21,16 +23,9 @@ Registers returned(const Registers& registers, std::uint64_t slot, std::uint64_t
 }  // namespace
 
 std::optional<std::uint64_t> wordAt(const StackCapture& capture, std::uint64_t address) {
-    // The first block that begins behind the address; the one in front of it may hold it.
-    auto block = std::upper_bound(
-        capture.memory.begin(), capture.memory.end(), address,
-        [](std::uint64_t wanted, const MemoryBlock& each) { return wanted < each.address; });
-    if (block == capture.memory.begin()) {
-        return std::nullopt;
-    }
-    --block;
-    const std::uint64_t offset = address - block->address;
-    if (offset >= block->bytes.size() || block->bytes.size() - offset < wordSize) {
+    const MemoryBlock* const block = blockAt(capture, address);
+    const std::uint64_t offset = block == nullptr ? 0 : address - block->address;
+    if (block == nullptr || block->bytes.size() - offset < wordSize) {
         return std::nullopt;
     }
     std::uint64_t word = 0;
@@ -57,6 +52,22 @@ bool endsWithCall(std::string_view code) {
         }
     }
     return false;
+}
+
+bool isBehindLostCall(const StackCapture& capture, std::uint64_t address) {
+    const std::optional<std::size_t> file = fileAt(capture, address - 1);
+    if (!file) {
+        return false;
+    }
+    if (const MemoryBlock* const code = blockAt(capture, address - 1)) {
+        const std::uint64_t size = std::min<std::uint64_t>(address - code->address, longestCall);
+        return endsWithCall({&code->bytes[address - code->address - size], size});
+    }
+    const MappedFile& mapped = capture.files[*file];
+    return std::none_of(capture.memory.begin(), capture.memory.end(),
+                        [&mapped](const MemoryBlock& block) {
+                            return mapped.start <= block.address && block.address < mapped.end;
+                        });
 }
 
 std::optional<Registers> guessCaller(const StackCapture& capture, const Registers& registers,

@@ -20,6 +20,10 @@ std::optional<std::uint64_t> wordAt(const StackCapture& capture, std::uint64_t a
 bool endsWithCall(std::string_view code);
 inline constexpr std::size_t longestCall = 7;
 
+/// Whether the code in front of `address` may be a call, of a file that can't be read any more: by
+/// its captured code; where none of its code was captured, it may.
+bool isBehindLostCall(const StackCapture& capture, std::uint64_t address);
+
 /// The registers of the function that called the one with `registers`: along the frame pointer if
 /// it leads to a return address, else by the next thing above the stack pointer that looks like
 /// one. Registers that the callee may have saved are as it has them.

@@ -18,7 +18,8 @@ std::string whyGone(pid_t pid) {
         return kill(pid, 0) == -1 && errno == ESRCH ? "doesn't exist" : "is hidden from this user";
     }
     const std::string state = statusField(status, "State");
-    return state[0] == 'Z' || state[0] == 'X' ? "has ended" : "";
+    // The first thread of a process may end before the others.
+    return (state[0] == 'Z' || state[0] == 'X') && listThreads(pid).size() <= 1 ? "has ended" : "";
 }
 
 std::string whyNotTraceable(pid_t pid, int error) {

@@ -123,6 +123,10 @@ Dwfl_Module* ModuleFiles::at(std::uint64_t address) {
 
 bool ModuleFiles::isReturnAddress(std::uint64_t address) {
     Dwfl_Module* const module = at(address - 1);
+    Dwarf_Addr moduleBias = 0;
+    if (module != nullptr && dwfl_module_getelf(module, &moduleBias) == nullptr) {
+        return Stacks::isBehindLostCall(capture_, address);
+    }
     Dwarf_Addr offset = address - 1;
     Dwarf_Addr bias = 0;
     Elf_Scn* const section =
