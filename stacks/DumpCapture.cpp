@@ -6,10 +6,12 @@
 #include <cctype>
 #include <cstdlib>
 #include <iostream>
+#include <iterator>
 #include <map>
 #include <utility>
 
 #include "stacks/PythonStream.h"
+#include "stacks/Registers.h"
 
 namespace Zendrik::Stacks {
 
@@ -42,9 +44,10 @@ std::optional<Registers> registersOf(google_breakpad::MinidumpContext* context) 
     if (raw == nullptr) {
         return std::nullopt;
     }
-    return Registers{raw->rax, raw->rdx, raw->rcx, raw->rbx, raw->rsi, raw->rdi,
-                     raw->rbp, raw->rsp, raw->r8,  raw->r9,  raw->r10, raw->r11,
-                     raw->r12, raw->r13, raw->r14, raw->r15, raw->rip};
+    Registers registers{};
+    std::transform(std::begin(registerTable), std::end(registerTable), registers.begin(),
+                   [raw](const Register& each) { return raw->*each.inDump; });
+    return registers;
 }
 
 std::map<std::uint32_t, std::string> threadNames(Minidump& dump) {

@@ -7,9 +7,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <iterator>
 #include <thread>
 
 #include "stacks/ProcFiles.h"
+#include "stacks/Registers.h"
 #include "stacks/TraceRefusal.h"
 
 namespace Zendrik::Stacks {
@@ -19,8 +21,10 @@ namespace {
 using std::chrono::steady_clock;
 
 Registers registersFrom(const user_regs_struct& raw) {
-    return {raw.rax, raw.rdx, raw.rcx, raw.rbx, raw.rsi, raw.rdi, raw.rbp, raw.rsp, raw.r8,
-            raw.r9,  raw.r10, raw.r11, raw.r12, raw.r13, raw.r14, raw.r15, raw.rip};
+    Registers registers{};
+    std::transform(std::begin(registerTable), std::end(registerTable), registers.begin(),
+                   [&raw](const Register& each) { return raw.*each.inUser; });
+    return registers;
 }
 
 }  // namespace

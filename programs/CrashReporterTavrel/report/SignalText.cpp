@@ -2,9 +2,9 @@
 
 #include <csignal>
 #include <cstring>
-#include <iterator>
 
 #include "stacks/PrintableText.h"
+#include "stacks/Registers.h"
 
 namespace Zendrik::Reporter {
 
@@ -36,10 +36,6 @@ constexpr Code codes[] = {
     {SIGTRAP, TRAP_TRACE, "TRAP_TRACE"},
 };
 
-constexpr const char* registerNames[] = {"rax", "rdx", "rcx", "rbx", "rsi", "rdi",
-                                         "rbp", "rsp", "r8",  "r9",  "r10", "r11",
-                                         "r12", "r13", "r14", "r15", "rip"};
-
 // Addresses have 48 bits, the last of which fills the others.
 bool isCanonical(std::uint64_t address) {
     constexpr int bitsAbove = 16;
@@ -50,11 +46,11 @@ bool isCanonical(std::uint64_t address) {
 std::string impossibleAddresses(const Stacks::StackCapture& capture) {
     std::string list;
     for (const Stacks::CapturedThread& thread : capture.threads) {
-        for (std::size_t i = 0; thread.tid == capture.crashedTid && i < std::size(registerNames);
+        for (std::size_t i = 0; thread.tid == capture.crashedTid && i < thread.registers.size();
              ++i) {
             if (!isCanonical(thread.registers[i])) {
-                list += (list.empty() ? "" : ", ") + std::string(registerNames[i]) + " is " +
-                        hexadecimal(thread.registers[i]);
+                list += (list.empty() ? "" : ", ") + std::string(Stacks::registerTable[i].name) +
+                        " is " + hexadecimal(thread.registers[i]);
             }
         }
     }
