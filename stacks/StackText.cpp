@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "stacks/FrameLines.h"
 #include "stacks/PrintableText.h"
 #include "stacks/StackMatch.h"
 
@@ -231,6 +232,18 @@ std::string StackText::write() const {
     text += strayPython(capture, python);
     for (const std::string& note : native.notes) {
         text += "\n" + printableText(note) + "\n";
+    }
+    return text;
+}
+
+std::string placesText(const StackCapture& capture) {
+    std::string text = "\nPlaces\n";
+    for (const CapturedThread* thread : crashedFirst(capture)) {
+        NativeFrame frame;
+        frame.pc = thread->registers[instructionPointerRegister];
+        setModule(frame, capture);
+        text += "  " + headingOf(*thread, thread->tid == capture.crashedTid) + ": " +
+                nativeFrame(frame);
     }
     return text;
 }

@@ -32,6 +32,10 @@ struct StackText {
     std::string write() const;
 };
 
+/// Where each thread stands, module and offset alone, a line each under a heading, the crashed one
+/// first. It needs neither time nor files.
+std::string placesText(const StackCapture& capture);
+
 /// The Python functions of one native thread, innermost first, a line for each, indented; empty if
 /// there are none.
 /// @param threadPointer 0 has none

@@ -125,6 +125,5 @@ int main(int argc, char** argv) {
         return refused;  // nobody reads it any more: the launcher has gone
     }
     handshake.reset();
-    constexpr pid_t none = 0;
-    return Standby(service, none).run();
+    return Standby(service).run();
 }

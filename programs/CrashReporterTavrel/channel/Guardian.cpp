@@ -9,12 +9,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <memory>
 
 #include "process/DescriptorIo.h"
 #include "process/ProcessLife.h"
 #include "programs/CrashReporterTavrel/channel/HandledSignals.h"
-#include "programs/CrashReporterTavrel/channel/Standby.h"
 #include "programs/CrashReporterTavrel/report/Announcement.h"
 
 namespace Zendrik::Reporter {
@@ -24,33 +22,19 @@ namespace {
 using Plexum3::Base::ScopedFd;
 using std::chrono::milliseconds;
 
-// Until when each attempt has to be through, from when the request was sent. A dump takes far less
-// than a second, also of a big process, of which it holds the stacks alone; what takes longer is a
-// file system that hangs.
-milliseconds limitOf(Attempt attempt) {
-    constexpr milliseconds dump(5000);
-    constexpr milliseconds stacks(6500);
-    constexpr milliseconds facts(7000);
-    static_assert(facts < holdLimit);
-    return attempt == Attempt::Dump ? dump : attempt == Attempt::StacksAlone ? stacks : facts;
-}
-
+// From when the request was sent. A dump takes far less than a second, also of a big process, of
+// which it holds the stacks alone; what takes longer is a file system that hangs.
+constexpr milliseconds dumpLimit(5000);
+static_assert(dumpLimit < holdLimit);
 constexpr std::chrono::seconds reportLimit(120);
 
-int waitForEnd(pid_t child) {
+std::string waitForEnd(pid_t child) {
     int status = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
-    return status;
-}
-
-std::string endOf(int status) {
-    return WIFSIGNALED(status) ? strsignal(WTERMSIG(status))
-                               : "exit status " + std::to_string(WEXITSTATUS(status));
-}
-
-std::string noDumpOf(const DumpRequest& request) {
-    return "no dump of process " + std::to_string(request.pid);
+    return status == 0           ? ""
+           : WIFSIGNALED(status) ? strsignal(WTERMSIG(status))
+                                 : "exit status " + std::to_string(WEXITSTATUS(status));
 }
 
 }  // namespace
@@ -58,28 +42,41 @@ std::string noDumpOf(const DumpRequest& request) {
 Guardian::Guardian(const Service& service, pid_t standby)
     : service_(service), standby_(standby), signals_(openSignalFd()) {}
 
-int Guardian::run() {
+Guardian::End Guardian::run() {
     int error = 0;
-    DumpFolder::open(DumpFolder::configuredPath(), &error).sweep();
+    std::string refusal;
+    const DumpFolder folder = DumpFolder::openConfigured(&error, &refusal);
+    if (!refusal.empty()) {
+        announce("%s; until then crash reports go to /var/tmp", refusal.c_str());
+    }
+    folder.sweep();
     while (!ending_) {
+        if (workers_.empty() && standby_.gone()) {
+            return End::Orphaned;
+        }
         waitForEvents();
     }
     service_.channel.shut();
-    while (std::any_of(workers_.begin(), workers_.end(),
-                       [](const Worker& worker) { return worker.stage != Stage::Asking; })) {
+    while (isBusy()) {
         waitForEvents();
     }
-    return 0;
+    standby_.wakeIfStopped();  // it ends, too
+    return End::Served;
 }
 
 bool Guardian::isHolding() const {
     return std::any_of(workers_.begin(), workers_.end(),
-                       [](const Worker& worker) { return worker.stage < Stage::Reporting; });
+                       [](const Worker& worker) { return worker.stage == Stage::Holding; });
+}
+
+bool Guardian::isBusy() const {
+    return std::any_of(workers_.begin(), workers_.end(),
+                       [](const Worker& worker) { return worker.stage != Stage::Asking; });
 }
 
 int Guardian::waitMs() const {
-    constexpr int lookMs = 1000;  // a parent that has been stopped shows only when it is looked at
-    int shortest = ending_ ? -1 : standbyIsChild_ ? standby_.pollIntervalMs() : lookMs;
+    int shortest =
+        ending_ ? -1 : std::max(service_.launcher.pollIntervalMs(), standby_.pollIntervalMs());
     for (const Worker& worker : workers_) {
         if (worker.stage != Stage::Asking) {
             const auto left =
@@ -92,20 +89,22 @@ int Guardian::waitMs() const {
 }
 
 void Guardian::waitForEvents() {
-    const auto whenServing = [this](int fd) { return ending_ ? -1 : fd; };
+    const auto when = [](bool wanted, int fd) { return wanted ? fd : -1; };
     const short requests = isHolding() ? 0 : POLLIN;  // the channel's end shows in any case
-    std::vector<pollfd> waits{{whenServing(service_.channel.fd()), requests, 0},
-                              {whenServing(standby_.fd()), POLLIN, 0},
+    std::vector<pollfd> waits{{when(!ending_, service_.channel.fd()), requests, 0},
+                              {when(!ending_ && !launcherGone_, service_.launcher.fd()), POLLIN, 0},
+                              {when(!ending_ && workers_.empty(), standby_.fd()), POLLIN, 0},
                               {signals_.get(), POLLIN, 0}};
+    const auto firstWorker = static_cast<std::ptrdiff_t>(waits.size());
     for (const Worker& worker : workers_) {
         waits.push_back({worker.progress.get(), POLLIN, 0});
     }
     if (poll(waits.data(), waits.size(), waitMs()) < 0) {
         return;  // EINTR, or no memory in the kernel: the loop comes again
     }
-    // A worker that ended may be followed by another one, which nothing is known of yet.
+    // A worker that is started below has no wait yet.
     auto worker = workers_.begin();
-    for (auto wait = waits.begin() + 3; wait != waits.end(); ++wait, ++worker) {
+    for (auto wait = waits.begin() + firstWorker; wait != waits.end(); ++wait, ++worker) {
         if (wait->revents != 0) {
             readProgress(*worker);
         }
@@ -113,56 +112,32 @@ void Guardian::waitForEvents() {
     workers_.remove_if([](const Worker& worker) { return worker.pid < 0; });
     const TakenSignals taken = takeSignals(signals_.get());
     lookAfterWorkers(taken.child);
-    ending_ = ending_ || taken.terminate || service_.channel.isShut();
-    if (ending_) {
-        return;
-    }
-    lookAfterStandby();
-    if ((waits[0].revents & POLLIN) != 0) {
+    launcherGone_ = launcherGone_ || service_.launcher.gone();
+    // What waits when the launcher has ended is served all the same: a child of its, or itself.
+    ending_ = ending_ || taken.terminate || service_.channel.isShut() ||
+              (launcherGone_ && !service_.channel.peek());
+    if (!ending_) {
         serveNextRequest();
     }
 }
 
-void Guardian::lookAfterStandby() {
-    if (!standby_.gone()) {
-        standby_.wakeIfStopped();
-        return;
-    }
-    const pid_t self = getpid();
-    const pid_t standby = fork();
-    if (standby == 0) {
-        for (Worker& worker : workers_) {
-            worker.staging.leaveToOthers();
-        }
-        _exit(Standby(service_, self).run());
-    }
-    if (standby > 0) {
-        standby_ = ProcessWatch(standby);
-        standbyIsChild_ = true;
-    }
-}
-
 void Guardian::serveNextRequest() {
-    const std::optional<DumpRequest> request = service_.channel.peek();
-    if (!request || isHolding()) {
+    const std::optional<DumpRequest> request = isHolding() ? std::nullopt : service_.channel.peek();
+    if (!request) {
         return;
     }
     if (!request->wellFormed || wasServed(request->pid)) {
         service_.channel.letGo(*request);
         return;
     }
-    Worker worker{-1, *request, Attempt::Dump, {}, ScopedFd(), Stage::Holding, {},
-                  {}, {},       newGuid()};
-    const std::string path = DumpFolder::configuredPath();
     int error = 0;
-    worker.folder = DumpFolder::open(path, &error);
-    error = error != 0 ? error : worker.folder.makeStaging(&worker.staging);
+    std::string refusal;
+    DumpFolder folder = DumpFolder::openConfigured(&error, &refusal);
     if (error != 0) {
-        refuse(*request, noDumpOf(*request) + " in " + path + ": " + strerror(error) + "; " +
-                             adviceFor(error));
+        refuse(*request, folder.pathOf("") + ": " + strerror(error) + "; " + adviceFor(error));
         return;
     }
-    startWorker(std::move(worker));
+    startWorker({-1, *request, ScopedFd(), Stage::Holding, {}, std::move(folder), newGuid()});
 }
 
 // Two threads that crash together ask twice: when the second is heard, the first has brought the
@@ -186,14 +161,14 @@ bool Guardian::wasServed(pid_t client) {
     return false;
 }
 
-// Nobody waits for the words.
-void Guardian::refuse(const DumpRequest& request, const std::string& line) {
+// The process is let go before the words.
+void Guardian::refuse(const DumpRequest& request, const std::string& why) const {
     service_.channel.letGo(request);
-    announce("%s", line.c_str());
+    announceOutcome(request.pid, "", "", why);
 }
 
 void Guardian::startWorker(Worker worker) {
-    worker.deadline = Clock::now() + limitOf(worker.attempt) - worker.request.age;
+    worker.deadline = Clock::now() + dumpLimit - worker.request.age;
     int ends[2] = {-1, -1};
     const bool piped = pipe2(ends, O_CLOEXEC) == 0;
     worker.progress.reset(ends[0]);
@@ -203,13 +178,12 @@ void Guardian::startWorker(Worker worker) {
     const int error = errno;
     if (worker.pid == 0) {
         // This process has one thread, so its child may use the heap.
-        childRunWorker(
-            {service_.channel, worker.folder, worker.staging, worker.request, worker.attempt,
-             worker.whyNoDump, worker.guid, service_.prompt, writeEnd.get()},
-            self);
+        childRunWorker({service_.channel, worker.folder, worker.request, worker.guid,
+                        service_.prompt, writeEnd.get()},
+                       self);
     }
     if (worker.pid < 0) {
-        refuse(worker.request, noDumpOf(worker.request) + ": " + strerror(error));
+        finishHeld(worker, std::string("could not be started (") + strerror(error) + ")");
         return;
     }
     workers_.push_back(std::move(worker));
@@ -223,73 +197,46 @@ void Guardian::readProgress(Worker& worker) {
         finish(worker);
         return;
     }
-    switch (progress) {
-        case Progress::Held:
-            worker.stage = Stage::Dumping;
-            return;  // its time is running still
-        case Progress::Dumped:
-            worker.stage = Stage::Reporting;
-            break;
-        case Progress::Reported:
-            worker.stage = Stage::Asking;
-            worker.staging = Staging();
-            break;
-    }
+    worker.stage = progress == Progress::LetGo ? Stage::Reporting : Stage::Asking;
     worker.deadline = Clock::now() + reportLimit;
 }
 
 void Guardian::finish(Worker& worker) {
-    const int status = waitForEnd(worker.pid);
+    const std::string failure = waitForEnd(worker.pid);
     worker.pid = -1;
-    if (worker.stage < Stage::Reporting) {
-        finishHeld(worker, status);
-    } else if (status != 0 && worker.stage == Stage::Reporting) {
-        noteUnfinishedReport(worker, status);
+    worker.folder.removeUnfinished(worker.guid);
+    if (worker.stage == Stage::Holding) {
+        finishHeld(worker, (Clock::now() < worker.deadline ? "ended (" : "took too long (") +
+                               (failure.empty() ? "exit status 0" : failure) + ")");
+    } else if (worker.stage == Stage::Reporting && !failure.empty()) {
+        // The first report stands; where there is none, there was no room for it.
+        static_cast<void>(worker.folder.appendText(
+            worker.guid + ".txt",
+            "\nThe report ends here: the reporter failed (" + failure + ").\n"));
     }
-    worker.staging = Staging();
 }
 
 // It ended over a process that may still be held.
-void Guardian::finishHeld(Worker& worker, int status) {
-    const std::optional<DumpRequest> first = service_.channel.peek();
-    const bool held = first && first->isSameAs(worker.request);
-    const std::string why =
-        std::string("the process that ") +
-        (worker.stage == Stage::Holding ? "took the stacks" : "wrote the dump") +
-        (Clock::now() < worker.deadline ? " ended (" : " took too long (") + endOf(status) + ")";
-    if (!held || worker.attempt == Attempt::FactsAlone) {
-        refuse(worker.request, noDumpOf(worker.request) + ", and no report: " + why);
-        return;
+void Guardian::finishHeld(const Worker& worker, const std::string& end) const {
+    const std::string why = "the process that takes dump and report " + end;
+    const bool hasDump = worker.folder.holds(worker.guid + ".dmp");
+    const std::string report = worker.guid + ".txt";
+    const std::string last = "\nThe report ends here: " + why +
+                             (hasDump ? "; the dump is whole.\n" : "; there is no dump.\n");
+    int error = worker.folder.appendText(report, last);
+    if (error == ENOENT) {
+        error = worker.folder.writeText(report, reportOf(worker.request, "none: " + why) + last,
+                                        /*replaces=*/false);
     }
-    worker.request.age = first->age;
-    worker.attempt = worker.attempt == Attempt::Dump ? Attempt::StacksAlone : Attempt::FactsAlone;
-    worker.whyNoDump = worker.whyNoDump.empty() ? why : worker.whyNoDump;
-    worker.stage = Stage::Holding;
-    startWorker(std::move(worker));
-}
-
-void Guardian::noteUnfinishedReport(const Worker& worker, int status) const {
-    const std::string name = worker.guid + ".txt";
-    const std::string end = endOf(status);
-    const ScopedFd draft(
-        openat(worker.staging.fd(), reportDraft, O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW));
-    if (draft.isOpen()) {
-        static_cast<void>(dprintf(
-            draft.get(), "\nThe report ends here: the reporter failed (%s).\n", end.c_str()));
-        static_cast<void>(
-            worker.staging.publish(reportDraft, name));  // the line below holds either way
-    }
-    announce("process %d has crashed; its dump is %s, its report %s could not be finished (%s)",
-             static_cast<int>(worker.request.pid),
-             worker.folder.pathOf(worker.guid + ".dmp").c_str(), worker.folder.pathOf(name).c_str(),
-             end.c_str());
+    service_.channel.letGo(worker.request);
+    announceOutcome(worker.request.pid, hasDump ? worker.folder.pathOf(worker.guid + ".dmp") : "",
+                    error == 0 ? worker.folder.pathOf(report) : "", why);
 }
 
 void Guardian::lookAfterWorkers(bool childChanged) const {
     for (const Worker& worker : workers_) {
         if (worker.stage != Stage::Asking && Clock::now() >= worker.deadline) {
-            static_cast<void>(
-                kill(worker.pid, SIGKILL));  // not reaped yet; its pipe tells of its end
+            static_cast<void>(kill(worker.pid, SIGKILL));  // not reaped yet; its pipe shows its end
         } else if (childChanged) {
             static_cast<void>(kill(worker.pid, SIGCONT));  // does nothing to one that runs
         }

@@ -23,19 +23,18 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr int secondMs = 1000;
+// Never returns. One that has lost its standby takes its place.
+[[noreturn]] void childRunGuardian(const Service& service, pid_t standby) {
+    if (Guardian(service, standby).run() == Guardian::End::Served) {
+        _exit(EXIT_SUCCESS);
+    }
+    _exit(Standby(service).run());
+}
 
 }  // namespace
 
-Standby::Standby(const Service& service, pid_t guardian)
-    : service_(service),
-      guardianIsChild_(guardian == 0),
-      guardianStarted_(Clock::now()),
-      signals_(openSignalFd()) {
-    if (guardian != 0) {
-        guardian_.emplace(guardian);
-    }
-}
+Standby::Standby(const Service& service)
+    : service_(service), guardianStarted_(Clock::now()), signals_(openSignalFd()) {}
 
 int Standby::run() {
     while (!service_.channel.isShut()) {
@@ -48,10 +47,6 @@ int Standby::run() {
         }
         waitForEvents();
         mindRequest();
-        // What waits when the launcher has ended is served all the same: a child of its, or itself.
-        if (service_.launcher.gone() && !waiting_) {
-            service_.channel.shut();
-        }
     }
     return 0;
 }
@@ -59,8 +54,8 @@ int Standby::run() {
 // False when there can't be one: no process can be forked, or one after the other ends at once.
 bool Standby::startGuardian() {
     constexpr int endsTolerated = 3;
-    earlyEnds_ =
-        guardian_ && Clock::now() - guardianStarted_ < milliseconds(secondMs) ? earlyEnds_ + 1 : 0;
+    constexpr std::chrono::seconds early(1);
+    earlyEnds_ = guardian_ && Clock::now() - guardianStarted_ < early ? earlyEnds_ + 1 : 0;
     while (waitpid(-1, nullptr, WNOHANG) > 0) {
     }
     const pid_t self = getpid();
@@ -68,44 +63,45 @@ bool Standby::startGuardian() {
     const pid_t guardian = earlyEnds_ > endsTolerated ? -1 : fork();
     if (guardian == 0) {
         // This process has one thread, so its child may use the heap.
-        _exit(Guardian(service_, self).run());
+        childRunGuardian(service_, self);
     }
     if (guardian > 0) {
         guardian_.emplace(guardian);
-        guardianIsChild_ = true;
         guardianStarted_ = Clock::now();
     }
     return guardian > 0;
 }
 
 int Standby::waitMs() const {
-    int shortest = std::max(service_.launcher.pollIntervalMs(), guardian_->pollIntervalMs());
-    // Of a child the kernel tells when it has been stopped.
-    if (shortest < 0 && (waiting_ || !guardianIsChild_)) {
-        shortest = secondMs;
+    const int looks = guardian_->pollIntervalMs();
+    if (!waiting_) {
+        return looks;
     }
-    return shortest;
+    const auto left = std::chrono::ceil<milliseconds>(waiting_->deadline - Clock::now()).count();
+    const int leftMs = static_cast<int>(std::max<decltype(left)>(left, 0));
+    return looks < 0 ? leftMs : std::min(looks, leftMs);
 }
 
 void Standby::waitForEvents() {
-    // Without a request its end is always news: it may have ended before this process first looked.
-    const bool launcherIsOver = waiting_ && service_.launcher.gone();
-    std::array<pollfd, 4> waits{{
+    std::array<pollfd, 3> waits{{
         // A request that waits must not spin the loop; the channel's end shows in any case.
         {service_.channel.fd(), static_cast<short>(waiting_ ? 0 : POLLIN), 0},
         {guardian_->fd(), POLLIN, 0},
-        {launcherIsOver ? -1 : service_.launcher.fd(), POLLIN, 0},
         {signals_.get(), POLLIN, 0},
     }};
     if (poll(waits.data(), waits.size(), waitMs()) < 0) {
         return;  // EINTR, or no memory in the kernel: the loop comes again
     }
-    if (takeSignals(signals_.get()).terminate) {
+    const TakenSignals taken = takeSignals(signals_.get());
+    if (taken.terminate) {
         service_.channel.shut();
     }
-    guardian_->wakeIfStopped();
+    if (taken.child) {
+        guardian_->wakeIfStopped();
+    }
 }
 
+// Most requests have been served by the time at which this process looks again.
 void Standby::mindRequest() {
     const std::optional<DumpRequest> first = service_.channel.peek();
     if (!first) {
@@ -113,9 +109,9 @@ void Standby::mindRequest() {
         return;
     }
     if (!waiting_ || !waiting_->request.isSameAs(*first)) {
-        waiting_ = Waiting{*first, Clock::now()};
+        waiting_ = Waiting{*first, Clock::now() + holdLimit - first->age};
     }
-    if (first->age >= holdLimit || Clock::now() - waiting_->since >= holdLimit) {
+    if (Clock::now() >= waiting_->deadline) {
         endWorkOn(*first);
         service_.channel.letGo(*first);
         announce("no dump and no report of process %d: the guardian, process %d, didn't answer",

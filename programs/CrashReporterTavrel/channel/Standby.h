@@ -10,33 +10,31 @@
 
 namespace Zendrik::Reporter {
 
-/// The process beside the guardian, so that no crashed process waits for a dead one:
+/// The guardian's parent, so that no crashed process waits for a dead or stopped one:
 ///
 /// - When the guardian has died, it starts another. A request that was being worked on is still in
 ///   the queue, and is served anew.
 /// - When the guardian has been stopped, it sends SIGCONT.
 /// - When a request is older than `holdLimit`, it kills the worker that holds the process, and lets
-///   the process go. For that it needs nobody: the guardian may hang, or be held by a debugger.
-/// - When the launcher has ended and nobody waits any more, it shuts the channel, by which the
-///   guardian knows; and ends. So does SIGTERM.
+///   the process go. For that it needs nobody else: the guardian may hang, or be held by a
+///   debugger.
+/// - When the channel is shut, it ends. SIGTERM shuts it.
 ///
-/// The guardian watches this process in the same way and starts another one, so either may be
-/// killed or stopped, and then the other. Only if both are at the same moment, nobody is left, and
-/// a crash leaves the launcher waiting: it holds the channel itself, which so never hangs up.
+/// When this process has died, its guardian takes its place and starts a guardian of its own. Only
+/// while both are dead or stopped a crash leaves the launcher waiting: it holds the channel itself,
+/// which so never hangs up.
 ///
-/// It is the process that the launcher has started, and that PR_SET_PTRACER names, and the guardian
-/// its child; for descendants may trace, and of the two it does less that could fell it. Only a
-/// later one, started by a guardian that has lost its own, is the guardian's child; where ptrace is
-/// restricted to descendants, no dumps can be made by then.
+/// It is the process that the launcher has started, and that PR_SET_PTRACER names: its descendants
+/// may trace. Where ptrace is restricted to descendants, no dumps can be made once it has died.
 ///
-/// Idle it costs few pages of its own, being a fork of the same small program.
+/// It never wakes by itself while nothing happens, and has few pages of its own, being a fork of
+/// the same small program.
 class Standby {
   public:
-    /// @param guardian to stand beside; 0: none yet, `run` begins with starting it
-    Standby(const Service& service, pid_t guardian);
+    explicit Standby(const Service& service);
 
-    /// Stands by until the channel is shut. Forked guardians never return from here. Should no
-    /// guardian be startable, it shuts the channel: crashes leave no dump then, but end.
+    /// Stands by until the channel is shut. Should no guardian be startable, it shuts the channel:
+    /// crashes leave no dump then, but end.
     /// @return the exit status of the process, 0
     int run();
 
@@ -45,7 +43,7 @@ class Standby {
 
     struct Waiting {
         DumpRequest request;
-        Clock::time_point since;
+        Clock::time_point deadline;
     };
 
     bool startGuardian();
@@ -56,11 +54,10 @@ class Standby {
 
     const Service& service_;
     std::optional<ProcessWatch> guardian_;
-    bool guardianIsChild_;
     Clock::time_point guardianStarted_;
     int earlyEnds_ = 0;                ///< guardians in a row that ended as soon as they began
     Plexum3::Base::ScopedFd signals_;  ///< signalfd of SIGTERM and SIGCHLD
-    std::optional<Waiting> waiting_;   ///< the first request, since when it has been seen
+    std::optional<Waiting> waiting_;   ///< the first request
 };
 
 }  // namespace Zendrik::Reporter

@@ -3,20 +3,13 @@
 #include <sys/user.h>
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
-#include <chrono>
+#include <cstdio>
 #include <cstring>
-#include <thread>
-#include <utility>
+#include <string>
 
-#include "programs/CrashReporterTavrel/dump/ModuleFile.h"
-#include "stacks/MappedFiles.h"
-#include "stacks/Mappings.h"
-#include "stacks/ProcFiles.h"
-#include "stacks/PythonReader.h"
-#include "stacks/StackMemory.h"
-#include "stacks/TraceRefusal.h"
+#include "stacks/FrameLines.h"
+#include "stacks/ProcessMemory.h"
+#include "stacks/Registers.h"
 
 namespace Zendrik::Reporter {
 
@@ -24,139 +17,54 @@ namespace {
 
 using google_breakpad::MappingInfo;
 using google_breakpad::ThreadInfo;
+using Stacks::MemoryBlock;
 
-constexpr std::chrono::milliseconds stopLimit(500);
-
-std::uint64_t registerOf(const ucontext_t& context, int number) {
-    return static_cast<std::uint64_t>(context.uc_mcontext.gregs[number]);
-}
-
-Stacks::Registers registersOf(const ucontext_t& context) {
-    constexpr std::array<int, 17> byDwarf{REG_RAX, REG_RDX, REG_RCX, REG_RBX, REG_RSI, REG_RDI,
-                                          REG_RBP, REG_RSP, REG_R8,  REG_R9,  REG_R10, REG_R11,
-                                          REG_R12, REG_R13, REG_R14, REG_R15, REG_RIP};
-    Stacks::Registers registers{};
-    std::transform(byDwarf.begin(), byDwarf.end(), registers.begin(),
-                   [&](int number) { return registerOf(context, number); });
-    return registers;
-}
-
-void setRegisters(user_regs_struct& to, const ucontext_t& from) {
-    to.rax = registerOf(from, REG_RAX);
-    to.rdx = registerOf(from, REG_RDX);
-    to.rcx = registerOf(from, REG_RCX);
-    to.rbx = registerOf(from, REG_RBX);
-    to.rsi = registerOf(from, REG_RSI);
-    to.rdi = registerOf(from, REG_RDI);
-    to.rbp = registerOf(from, REG_RBP);
-    to.rsp = registerOf(from, REG_RSP);
-    to.r8 = registerOf(from, REG_R8);
-    to.r9 = registerOf(from, REG_R9);
-    to.r10 = registerOf(from, REG_R10);
-    to.r11 = registerOf(from, REG_R11);
-    to.r12 = registerOf(from, REG_R12);
-    to.r13 = registerOf(from, REG_R13);
-    to.r14 = registerOf(from, REG_R14);
-    to.r15 = registerOf(from, REG_R15);
-    to.rip = registerOf(from, REG_RIP);
-    to.eflags = registerOf(from, REG_EFL);
-}
-
-// A worker that was killed over this process a moment ago may not have let go of it yet.
-void awaitTracersEnd(pid_t tid) {
-    using std::chrono::steady_clock;
-    constexpr std::chrono::milliseconds limit(300);
-    constexpr std::chrono::milliseconds pause(5);
-    const auto deadline = steady_clock::now() + limit;
-    while (steady_clock::now() < deadline &&
-           Stacks::statusField(Stacks::readProcFile(tid, "status"), "TracerPid") != "0") {
-        std::this_thread::sleep_for(pause);
+// What the stack of a thread with this stack pointer is saved from; null: it was not captured.
+const MemoryBlock* stackAt(const Stacks::StackCapture& capture, std::uint64_t pointer) {
+    if (const MemoryBlock* const block = blockAt(capture, pointer)) {
+        return block;
     }
-}
-
-Stacks::CapturedSignal signalOf(const siginfo_t& info) {
-    return {info.si_signo, info.si_code, reinterpret_cast<std::uintptr_t>(info.si_addr),
-            info.si_pid};
+    constexpr std::uint64_t widestGap = std::uint64_t{256} * 1024;
+    const auto above =
+        std::find_if(capture.memory.begin(), capture.memory.end(),
+                     [pointer](const MemoryBlock& block) { return block.address > pointer; });
+    return above != capture.memory.end() && above->address - pointer <= widestGap ? &*above
+                                                                                  : nullptr;
 }
 
 }  // namespace
 
-CrashDumper::CrashDumper(pid_t pid, const CrashContext& crash, std::function<void()> onHeld)
-    : LinuxPtraceDumper(pid),
-      crash_(crash),
-      onHeld_(std::move(onHeld)),
-      memory_(Stacks::processMemory(pid)) {
+// Of the crashed thread, not of the process: its first thread may have ended.
+CrashDumper::CrashDumper(const CrashContext& crash, const Stacks::StackCapture& capture)
+    : LinuxPtraceDumper(crash.tid), crash_(crash), capture_(capture) {
     SetCrashInfoFromSigInfo(crash.siginfo);
     set_crash_thread(crash.tid);
-    capture_.pid = pid;
-    capture_.crashedTid = crash.tid;
-    capture_.signal = signalOf(crash.siginfo);
 }
 
-void CrashDumper::hold() {
-    if (Init()) {
-        static_cast<void>(ThreadsSuspend());  // `refusal` tells
+google_breakpad::AppMemoryList CrashDumper::otherMemory() const {
+    google_breakpad::AppMemoryList list;
+    for (const MemoryBlock& block : capture_.memory) {
+        const bool isStack = std::any_of(
+            capture_.threads.begin(), capture_.threads.end(),
+            [&](const Stacks::CapturedThread& thread) {
+                return stackAt(capture_, thread.registers[Stacks::stackPointerRegister]) == &block;
+            });
+        if (!isStack) {
+            google_breakpad::AppMemory memory{};
+            memory.ptr = reinterpret_cast<void*>(block.address);
+            memory.length = block.bytes.size();
+            list.push_back(memory);
+        }
     }
-    static_cast<void>(ThreadsResume());
-}
-
-void CrashDumper::leaveAlone() {
-    memory_ = [](std::uint64_t, void*, std::size_t) { return false; };
-    refusal_ = "was left alone";
-    takeStacks();
-}
-
-bool CrashDumper::Init() {
-    if (LinuxPtraceDumper::Init()) {
-        return true;
-    }
-    refusal_ = Stacks::whyNotTraceable(pid_, EACCES);
-    takeStacks();
-    return false;
+    return list;
 }
 
 bool CrashDumper::ThreadsSuspend() {
-    awaitTracersEnd(crash_.tid);
-    refusal_ = held_.hold(pid_, stopLimit);
-    takeStacks();
     threads_.resize(0);
     for (const Stacks::CapturedThread& thread : capture_.threads) {
         threads_.push_back(thread.tid);
     }
-    onHeld_();
-    return refusal_.empty();
-}
-
-bool CrashDumper::ThreadsResume() {
-    held_.release();
     return true;
-}
-
-// Of what isn't held, what can be known.
-void CrashDumper::takeStacks() {
-    const std::vector<Stacks::Mapping> mappings = Stacks::readMappings(pid_);
-    capture_.threads = held_.readRegisters();
-    if (!refusal_.empty()) {
-        capture_.threads.resize(1);
-        capture_.threads[0].tid = crash_.tid;
-    }
-    for (Stacks::CapturedThread& thread : capture_.threads) {
-        thread.name = Stacks::threadName(thread.tid);
-        if (thread.tid == crash_.tid) {
-            thread.registers = registersOf(crash_.context);
-        }
-    }
-    capture_.files = Stacks::findMappedFiles(mappings, memory_);
-    Stacks::copyStacks(capture_, mappings, memory_);
-    if (refusal_.empty()) {
-        python_ = Stacks::readPythonStacks(capture_.files, memory_);
-    }
-    if (const std::size_t missing = held_.unstopped().size(); missing > 0) {
-        note_ = missing == 1
-                    ? "1 more thread could not be stopped: it waits"
-                    : std::to_string(missing) + " more threads could not be stopped: they wait";
-        note_ += " for a disk, a server or a driver.";
-    }
 }
 
 bool CrashDumper::GetThreadInfoByIndex(std::size_t index, ThreadInfo* info) {
@@ -164,40 +72,62 @@ bool CrashDumper::GetThreadInfoByIndex(std::size_t index, ThreadInfo* info) {
         return false;
     }
     if (threads_[index] == crash_thread()) {
-        setRegisters(info->regs, crash_.context);
+        for (const Stacks::Register& each : Stacks::registerTable) {
+            info->regs.*each.inUser =
+                static_cast<std::uint64_t>(crash_.context.uc_mcontext.gregs[each.inContext]);
+        }
+        info->regs.eflags = static_cast<std::uint64_t>(crash_.context.uc_mcontext.gregs[REG_EFL]);
         static_assert(sizeof info->fpregs == sizeof crash_.float_state);
         std::memcpy(&info->fpregs, &crash_.float_state, sizeof info->fpregs);
-        info->stack_pointer = registerOf(crash_.context, REG_RSP);
+        info->stack_pointer = info->regs.rsp;
     }
+    return true;
+}
+
+bool CrashDumper::GetStackInfo(const void** stack, std::size_t* size, std::uintptr_t pointer) {
+    const MemoryBlock* const block = stackAt(capture_, pointer);
+    if (block == nullptr) {
+        return LinuxPtraceDumper::GetStackInfo(stack, size, pointer);
+    }
+    const std::uint64_t start = std::min<std::uint64_t>(block->address, pointer);
+    *stack = reinterpret_cast<const void*>(start);
+    *size = block->address + block->bytes.size() - start;
     return true;
 }
 
 bool CrashDumper::CopyFromProcess(void* to, pid_t process, const void* from, std::size_t length) {
-    return memory_(reinterpret_cast<std::uintptr_t>(from), to, length) ||
+    const auto start = reinterpret_cast<std::uintptr_t>(from);
+    const MemoryBlock* const block = stackAt(capture_, start);
+    const std::uint64_t first = block == nullptr ? 0 : std::max(start, block->address);
+    if (block != nullptr && first - start < length &&
+        start + length <= block->address + block->bytes.size()) {
+        const std::size_t gap = first - start;
+        std::memset(to, 0, gap);
+        block->bytes.copy(static_cast<char*>(to) + gap, length - gap, first - block->address);
+        return true;
+    }
+    return Stacks::processMemory(crash_.tid)(start, to, length) ||
            LinuxPtraceDumper::CopyFromProcess(to, process, from, length);
 }
 
-bool CrashDumper::EnumerateMappings() {
-    constexpr char damaged[] = " (damaged)";
-    if (!LinuxPtraceDumper::EnumerateMappings()) {
-        return false;
+bool CrashDumper::ElfFileIdentifierForMapping(const MappingInfo& mapping, bool /*member*/,
+                                              unsigned int /*index*/,
+                                              google_breakpad::wasteful_vector<uint8_t>& id) {
+    const std::optional<std::size_t> file = fileAt(capture_, mapping.start_addr);
+    const std::string& digits = file ? capture_.files[*file].buildId : std::string();
+    for (std::size_t i = 0; i + 1 < digits.size(); i += 2) {
+        id.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
     }
-    std::string path;
-    bool sound = true;
-    for (MappingInfo* const mapping : mappings_) {
-        // The mappings of one file follow each other.
-        if (path != mapping->name) {
-            path = mapping->name;
-            sound = path.empty() || path[0] != '/' || isSoundModule(path);
-        }
-        const std::string name = path + damaged;
-        if (!sound && name.size() < sizeof mapping->name) {
-            name.copy(mapping->name, name.size());
-        } else if (!sound) {
-            mapping->name[0] = '\0';
-        }
-    }
-    return true;
+    return !digits.empty();
+}
+
+void CrashDumper::GetMappingEffectiveNameAndPath(const MappingInfo& mapping, char* path,
+                                                 std::size_t pathSize, char* name,
+                                                 std::size_t nameSize) {
+    const char* const slash = std::strrchr(mapping.name, '/');
+    static_cast<void>(std::snprintf(path, pathSize, "%s", mapping.name));
+    static_cast<void>(
+        std::snprintf(name, nameSize, "%s", slash == nullptr ? mapping.name : slash + 1));
 }
 
 }  // namespace Zendrik::Reporter

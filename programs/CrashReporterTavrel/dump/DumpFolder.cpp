@@ -4,6 +4,8 @@
 #include <google_breakpad/common/minidump_format.h>
 #include <sys/random.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/utsname.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,10 +16,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <map>
 #include <utility>
 #include <vector>
 
+#include "process/DescriptorIo.h"
 #include "programs/CrashReporterTavrel/dump/FolderNames.h"
 
 namespace Zendrik::Reporter {
@@ -27,6 +31,42 @@ namespace {
 using Plexum3::Base::ScopedFd;
 
 constexpr std::uint16_t productMark = 0x5456;
+
+constexpr std::size_t guidLength = 36;
+
+std::string unfinished(const std::string& name) {
+    return "." + name + ".new";
+}
+
+// 0, or the errno of the failure.
+int writeAll(int file, std::string_view text) {
+    while (!text.empty()) {
+        boost::system::error_code error;
+        const ssize_t written = Plexum3::Base::writeRetry(file, text.data(), text.size(), &error);
+        if (written <= 0) {
+            return written < 0 ? error.value() : EIO;
+        }
+        text.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return 0;
+}
+
+// "%h" stands for the name of this machine: in a folder that a farm shares each one has its own,
+// which is made when it is missing.
+std::string withHostName(std::string path) {
+    constexpr std::string_view mark = "%h";
+    utsname machine{};
+    static_cast<void>(uname(&machine));  // fails only for a bad address
+    std::size_t at = path.find(mark);
+    const bool isMarked = at != path.npos;
+    for (; at != path.npos; at = path.find(mark, at + std::strlen(machine.nodename))) {
+        path.replace(at, mark.size(), machine.nodename);
+    }
+    if (isMarked) {
+        static_cast<void>(mkdir(path.c_str(), S_IRWXU));  // where it fails, opening it tells why
+    }
+    return path;
+}
 
 struct OwnCrash {
     std::string guid;
@@ -124,16 +164,31 @@ bool isGuid(const std::string& text) {
     });
 }
 
+std::string adviceFor(int error) {
+    switch (error) {
+        case ENOENT:
+            return "make the folder, or name another one in TAVREL_CRASH_DIR";
+        case ELOOP:
+        case ENOTDIR:
+            return "name a folder itself, not a link or a file, in TAVREL_CRASH_DIR";
+        case ENOSPC:
+        case EDQUOT:
+            return "make room there, or name another folder in TAVREL_CRASH_DIR";
+        case EFBIG:
+            return "raise the limit of file sizes (ulimit -f)";
+        case EMFILE:
+        case ENFILE:
+            return "raise the limit of open files (ulimit -n)";
+        default:
+            return "name a folder that can be written in TAVREL_CRASH_DIR";
+    }
+}
+
 void markDump(int dump) {
     constexpr off_t upperHalf = offsetof(MDRawHeader, version) + sizeof productMark;
     // A dump without the mark is as good, but for its age.
     const ssize_t written = pwrite(dump, &productMark, sizeof productMark, upperHalf);
     static_cast<void>(written);
-}
-
-std::string DumpFolder::configuredPath() {
-    const char* configured = std::getenv("TAVREL_CRASH_DIR");
-    return configured != nullptr && *configured != '\0' ? configured : "/var/tmp";
 }
 
 DumpFolder DumpFolder::open(const std::string& path, int* error) {
@@ -145,8 +200,100 @@ DumpFolder DumpFolder::open(const std::string& path, int* error) {
     }
     folder.fd_ =
         ScopedFd(::open(folder.path_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    *error = folder.fd_.isOpen() ? 0 : errno;
+    const bool isUsable =
+        folder.fd_.isOpen() && faccessat(folder.fd_.get(), ".", W_OK | X_OK, AT_EACCESS) == 0;
+    *error = isUsable ? 0 : errno;
+    if (!isUsable) {
+        folder.fd_.reset();
+    }
     return folder;
+}
+
+DumpFolder DumpFolder::openConfigured(int* error, std::string* refusal) {
+    constexpr char standard[] = "/var/tmp";
+    const char* const variable = std::getenv("TAVREL_CRASH_DIR");
+    const std::string configured = variable == nullptr ? "" : withHostName(variable);
+    refusal->clear();
+    if (!configured.empty()) {
+        DumpFolder folder = open(configured, error);
+        if (*error == 0 || *error == EMFILE || *error == ENFILE) {
+            return folder;  // another one can't be opened then, either
+        }
+        *refusal = configured + ": " + std::strerror(*error) + "; " + adviceFor(*error);
+    }
+    return open(standard, error);
+}
+
+std::string DumpFolder::unfinishedPath(const std::string& name) const {
+    return "/proc/self/fd/" + std::to_string(fd_.get()) + "/" + unfinished(name);
+}
+
+int DumpFolder::publish(const std::string& name) const {
+    constexpr unsigned noReplace = 1;  // RENAME_NOREPLACE
+    const std::string from = unfinished(name);
+    if (syscall(SYS_renameat2, fd_.get(), from.c_str(), fd_.get(), name.c_str(), noReplace) == 0) {
+        return 0;
+    }
+    if (errno != EINVAL && errno != ENOSYS) {
+        return errno;
+    }
+    // A file system that can't promise it: a second name does not replace either.
+    if (linkat(fd_.get(), from.c_str(), fd_.get(), name.c_str(), 0) != 0) {
+        return errno;
+    }
+    static_cast<void>(unlinkat(fd_.get(), from.c_str(), 0));  // the sweep takes what stays
+    return 0;
+}
+
+int DumpFolder::writeText(const std::string& name, std::string_view text, bool replaces) const {
+    const std::string from = unfinished(name);
+    const ScopedFd file(openat(fd_.get(), from.c_str(),
+                               O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                               S_IRUSR | S_IWUSR));
+    int error = file.isOpen() ? writeAll(file.get(), text) : errno;
+    if (error == 0) {
+        error = !replaces                                                         ? publish(name)
+                : renameat(fd_.get(), from.c_str(), fd_.get(), name.c_str()) == 0 ? 0
+                                                                                  : errno;
+    }
+    if (error != 0 && file.isOpen()) {
+        static_cast<void>(unlinkat(fd_.get(), from.c_str(), 0));  // the sweep takes what stays
+    }
+    return error;
+}
+
+int DumpFolder::appendText(const std::string& name, std::string_view text) const {
+    const ScopedFd file(
+        openat(fd_.get(), name.c_str(), O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC));
+    return file.isOpen() ? writeAll(file.get(), text) : errno;
+}
+
+bool DumpFolder::holds(const std::string& name) const {
+    return faccessat(fd_.get(), name.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+void DumpFolder::remove(const std::string& name) const {
+    static_cast<void>(unlinkat(fd_.get(), name.c_str(), 0));  // it may be gone
+}
+
+void DumpFolder::removeUnfinished(const std::string& guid) const {
+    for (const char* ending : {".dmp", ".txt"}) {
+        remove(unfinished(guid + ending));
+    }
+}
+
+void DumpFolder::sweep() const {
+    constexpr time_t hour = 3600;  // no worker lives as long before its files have their names
+    forEachName(fd_.get(), [this](const std::string& name) {
+        const std::string guid = name.substr(std::min<std::size_t>(name.size(), 1), guidLength);
+        struct stat status {};
+        if (isGuid(guid) &&
+            (name == unfinished(guid + ".dmp") || name == unfinished(guid + ".txt")) &&
+            fstatat(fd_.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+            isOwnRegularFile(status) && std::time(nullptr) - status.st_mtime > hour) {
+            static_cast<void>(unlinkat(fd_.get(), name.c_str(), 0));  // another may be quicker
+        }
+    });
 }
 
 std::string DumpFolder::pathOf(const std::string& name) const {

@@ -1,9 +1,9 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "process/ScopedFd.h"
-#include "programs/CrashReporterTavrel/dump/Staging.h"
 
 namespace Zendrik::Reporter {
 
@@ -11,23 +11,36 @@ namespace Zendrik::Reporter {
 inline constexpr char reportHeading[] = "Tavrel crash report";
 
 /// The folder that dumps and reports go to. It is opened once, then used by descriptor, so that
-/// nothing that is renamed or linked in its place afterwards can lead elsewhere. Keep it alive
-/// longer than its stagings.
+/// nothing that is renamed or linked in its place afterwards can lead elsewhere.
 ///
-/// What belongs to one crash has one name, a GUID: the dump "GUID.dmp" and the report "GUID.txt".
+/// What belongs to one crash has one name, a GUID: the dump "GUID.dmp" and the report "GUID.txt". A
+/// file has its name once it is whole; until then it is ".GUID.dmp.new" or ".GUID.txt.new".
 class DumpFolder {
   public:
-    /// Opens `path`, which must be an existing folder and not a symbolic link. `error` gets 0, or
-    /// the errno of the failure (ELOOP or ENOTDIR for a link).
+    /// Opens `path`, which must be an existing folder that can be written, and not a symbolic link.
+    /// `error` gets 0, or the errno of the failure (ELOOP or ENOTDIR for a link).
     static DumpFolder open(const std::string& path, int* error);
-    /// TAVREL_CRASH_DIR, or "/var/tmp" where that is not set or empty.
-    static std::string configuredPath();
+    /// The folder of TAVREL_CRASH_DIR; where that can't be used, "/var/tmp". `refusal` gets a
+    /// clause about why, empty if it can; `error` gets 0 or why "/var/tmp" can't be used either.
+    static DumpFolder openConfigured(int* error, std::string* refusal);
 
-    /// 0 and a staging folder in `staging`, or the errno of the failure.
-    int makeStaging(Staging* staging) const { return Staging::make(fd_.get(), staging); }
-
-    /// Takes away what killed processes of the reporter left here. Nothing, if there is no folder.
-    void sweep() const { removeAbandonedStagings(fd_.get()); }
+    /// A path for code that opens the unfinished file by itself; valid in this process.
+    std::string unfinishedPath(const std::string& name) const;
+    /// Gives an unfinished file its name. Never replaces a file there.
+    /// @return 0, or the errno of the failure
+    int publish(const std::string& name) const;
+    /// Writes a file whole (mode 0600); one of this name is replaced if `replaces`, else an error.
+    /// @return 0, or the errno of the failure, after which what was there is there
+    int writeText(const std::string& name, std::string_view text, bool replaces) const;
+    /// @return 0, or the errno of the failure: ENOENT for a file that isn't there
+    int appendText(const std::string& name, std::string_view text) const;
+    bool holds(const std::string& name) const;
+    void remove(const std::string& name) const;
+    /// Removes what a worker has left unfinished of a crash.
+    void removeUnfinished(const std::string& guid) const;
+    /// Removes what killed processes of the reporter, of this user, left unfinished more than an
+    /// hour ago. Nothing, if there is no folder.
+    void sweep() const;
 
     /// The path of a file in the folder, for people.
     std::string pathOf(const std::string& name) const;
@@ -54,6 +67,10 @@ class DumpFolder {
 /// A new name for a crash: "%08x-%04x-%04x-%08x-%08x", as Breakpad names its dumps.
 std::string newGuid();
 bool isGuid(const std::string& text);
+
+/// What the user can do about a folder or file that failed with this errno: words to follow a
+/// semicolon.
+std::string adviceFor(int error);
 
 /// Writes into the header of an open dump that it is this product's: the upper half of the version,
 /// which the format leaves to whoever writes dumps. Other products name their dumps alike.

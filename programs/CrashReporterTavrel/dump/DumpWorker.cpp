@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -15,18 +14,18 @@
 #include <cstring>
 #include <ctime>
 #include <exception>
+#include <iterator>
 #include <utility>
-#include <vector>
 
 #include "programs/CrashReporterTavrel/channel/HandledSignals.h"
 #include "programs/CrashReporterTavrel/dump/CrashDumper.h"
-#include "programs/CrashReporterTavrel/dump/CrashMemory.h"
 #include "programs/CrashReporterTavrel/dump/ProcessSnapshot.h"
 #include "programs/CrashReporterTavrel/question/KeepPrompt.h"
 #include "programs/CrashReporterTavrel/report/Announcement.h"
 #include "programs/CrashReporterTavrel/report/CrashReport.h"
 #include "stacks/NativeFrames.h"
 #include "stacks/PythonStream.h"
+#include "stacks/Registers.h"
 
 namespace Zendrik::Reporter {
 
@@ -37,53 +36,73 @@ using CrashContext = google_breakpad::ExceptionHandler::CrashContext;
 
 constexpr std::size_t pairsKept = 20;
 constexpr int promptSeconds = 60;
-constexpr char dumpDraft[] = "dump";
+constexpr std::chrono::milliseconds stopLimit(500);
+constexpr std::chrono::seconds framesLimit(10);
 
-// What is taken while the process waits.
+// What is taken while the process is held.
 struct Evidence {
     ProcessSnapshot process;
-    time_t time;
-    Stacks::StackCapture capture;
-    Stacks::PythonStacks python;
-    std::string note;
-    ScopedFd dump;          // open for reading and writing; none: there is no dump
-    std::string whyNoDump;  // a clause, then
+    time_t time = 0;
+    Stacks::LiveCapture live;
+    bool hasDump = false;
+    std::string whyNoDump;  // a clause, if there is none
+
+    std::string note() const {
+        std::string text;
+        for (const std::string& note : live.notes) {
+            text += (text.empty() ? "" : " ") + note;
+        }
+        return text;
+    }
 };
 
-void tell(const WorkerTask& task, Progress progress) {
+CrashContext contextOf(const DumpRequest& request) {
+    CrashContext crash{};
+    std::memcpy(&crash, request.context.data(), sizeof crash);
+    return crash;
+}
+
+// The process, the signal, and the crashed thread where the signal met it.
+Stacks::LiveCapture whatIsRequested(const DumpRequest& request) {
+    const CrashContext crash = contextOf(request);
+    Stacks::LiveCapture live;
+    live.capture.pid = request.pid;
+    live.capture.crashedTid = crash.tid;
+    live.capture.signal = {crash.siginfo.si_signo, crash.siginfo.si_code,
+                           reinterpret_cast<std::uintptr_t>(crash.siginfo.si_addr),
+                           crash.siginfo.si_pid};
+    Stacks::CapturedThread& thread = live.capture.threads.emplace_back();
+    thread.tid = crash.tid;
+    std::transform(
+        std::begin(Stacks::registerTable), std::end(Stacks::registerTable),
+        thread.registers.begin(), [&crash](const Stacks::Register& each) {
+            return static_cast<std::uint64_t>(crash.context.uc_mcontext.gregs[each.inContext]);
+        });
+    return live;
+}
+
+void report(const WorkerTask& task, Progress progress) {
     // Fails only when the guardian has gone; the work goes on without it.
     const ssize_t written = write(task.progressFd, &progress, sizeof progress);
     static_cast<void>(written);
 }
 
-// What writing to the folder runs into: a full or limited file system shows only in the attempt,
-// which leaves its room to the report.
-int writingError(const Staging& staging) {
-    constexpr char probe[] = "probe";
-    const ScopedFd file(
-        openat(staging.fd(), probe, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
-    if (file.get() < 0) {
-        return errno;
-    }
-    const std::vector<char> dumpSized(std::size_t{64} * 1024);
-    std::size_t left = dumpSized.size();
-    ssize_t written = 0;
-    // What stops a write halfway is told to the next one.
-    while (left > 0 && (written = write(file.get(), dumpSized.data(), left)) > 0) {
-        left -= static_cast<std::size_t>(written);
-    }
-    const int error = left == 0 ? 0 : written < 0 ? errno : ENOSPC;
-    for (const char* name : {probe, dumpDraft}) {
-        static_cast<void>(unlinkat(staging.fd(), name, 0));  // goes with the folder at the latest
-    }
-    return error;
+// What writing to the folder runs into: a full or limited file system shows only in the attempt.
+int writingError(const DumpFolder& folder, const std::string& name) {
+    const std::string path = folder.unfinishedPath(name);
+    static_cast<void>(unlink(path.c_str()));  // what there is of the dump
+    const std::string dumpSized(std::size_t{64} * 1024, '\0');
+    return folder.writeText(name, dumpSized, /*replaces=*/false);
 }
 
 std::string whyUnwritten(const WorkerTask& task, int error) {
-    const int reason = error != 0 ? error : writingError(task.staging);
-    return reason == 0
-               ? "Breakpad could not write it"
-               : task.folder.pathOf("") + ": " + strerror(reason) + "; " + adviceFor(reason);
+    const std::string name = task.guid + ".dmp";
+    const int reason = error != 0 ? error : writingError(task.folder, name);
+    if (reason == 0) {
+        task.folder.remove(name);
+        return "Breakpad could not write it";
+    }
+    return task.folder.pathOf("") + ": " + strerror(reason) + "; " + adviceFor(reason);
 }
 
 std::string whyRefused(const std::string& refusal) {
@@ -92,83 +111,83 @@ std::string whyRefused(const std::string& refusal) {
            (isForbidden ? "; set kernel.yama.ptrace_scope to 0, or give the container ptrace" : "");
 }
 
-// 0, or the errno of what kept a written dump from its final name.
-int publishDump(const WorkerTask& task, Evidence& evidence) {
-    evidence.dump.reset(openat(task.staging.fd(), dumpDraft, O_RDWR | O_NOFOLLOW | O_CLOEXEC));
-    const int error =
-        !evidence.dump.isOpen() ? errno : task.staging.publish(dumpDraft, task.guid + ".dmp");
-    if (error != 0) {
-        evidence.dump.reset();
-    }
-    return error;
+CrashFacts factsOf(const Evidence& evidence, const std::string& dump) {
+    return {evidence.process, sessionIdOf(environ), dump, evidence.time, evidence.note()};
 }
 
-// While the crashed process waits: what must be known of it is looked at now, everything else has
-// to wait.
-Evidence takeEvidence(const WorkerTask& task) {
-    CrashContext crash{};
-    std::memcpy(&crash, task.request.context.data(), sizeof crash);
-    CrashDumper dumper(task.request.pid, crash, [&task] { tell(task, Progress::Held); });
-    Evidence evidence{{}, std::time(nullptr), {}, {}, {}, {}, task.whyNoDump};
-    bool written = false;
-    if (task.attempt == Attempt::Dump) {
-        const std::string path = task.staging.path() + "/" + dumpDraft;
-        written = google_breakpad::WriteMinidump(path.c_str(), {},
-                                                 memoryOfCrash(task.request.pid, crash), &dumper);
-    } else if (task.attempt == Attempt::StacksAlone) {
-        dumper.hold();
-    } else {
-        dumper.leaveAlone();
+// 0, or the errno of the failure.
+int writeFirstReport(const WorkerTask& task, const Evidence& evidence) {
+    const std::string dump = task.folder.pathOf(task.guid + ".dmp") + ", not yet written";
+    return task.folder.writeText(
+        task.guid + ".txt",
+        firstText(factsOf(evidence, dump), evidence.live.capture, evidence.live.python),
+        /*replaces=*/false);
+}
+
+// 0, or the errno of what kept a written dump from its name.
+int completeDump(const WorkerTask& task, const Evidence& evidence) {
+    const std::string name = task.guid + ".dmp";
+    const ScopedFd dump(
+        open(task.folder.unfinishedPath(name).c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    if (!dump.isOpen()) {
+        return errno;
     }
-    evidence.process = takeSnapshot(task.request.pid);
-    evidence.capture = dumper.capture();
-    evidence.python = dumper.python();
-    evidence.note = dumper.note();
-    const int error = written ? publishDump(task, evidence) : 0;
-    if (task.attempt != Attempt::FactsAlone && !dumper.refusal().empty()) {
-        evidence.whyNoDump = whyRefused(dumper.refusal());
-    } else if (!evidence.dump.isOpen() && evidence.whyNoDump.empty()) {
+    markDump(dump.get());
+    // The dump is as good without them.
+    static_cast<void>(Stacks::appendPythonStream(dump.get(), evidence.live.capture.threads,
+                                                 evidence.live.python));
+    return task.folder.publish(name);
+}
+
+void writeDump(const WorkerTask& task, Evidence& evidence) {
+    if (!evidence.live.failure.empty()) {
+        evidence.whyNoDump = whyRefused(evidence.live.failure);
+        return;
+    }
+    const CrashContext crash = contextOf(task.request);
+    CrashDumper dumper(crash, evidence.live.capture);
+    const bool isWritten = google_breakpad::WriteMinidump(
+        task.folder.unfinishedPath(task.guid + ".dmp").c_str(), {}, dumper.otherMemory(), &dumper);
+    const int error = isWritten ? completeDump(task, evidence) : 0;
+    evidence.hasDump = isWritten && error == 0;
+    if (!evidence.hasDump) {
         evidence.whyNoDump = whyUnwritten(task, error);
     }
+}
+
+// Everything up to the moment at which the crashed process is let go, in the order of its worth.
+Evidence takeEvidence(const WorkerTask& task) {
+    Evidence evidence;
+    evidence.time = std::time(nullptr);
+    evidence.live = whatIsRequested(task.request);
+    const pid_t crashedTid = evidence.live.capture.crashedTid;
+    Stacks::HeldThreads held;
+    evidence.live.failure = held.hold(task.request.pid, stopLimit);
+    Stacks::captureContent(held, evidence.live);
+    Stacks::nameThreads(held, evidence.live);
+    evidence.process = takeSnapshot(task.request.pid, crashedTid);
+    int reportError = writeFirstReport(task, evidence);
+    writeDump(task, evidence);
+    if (!evidence.hasDump && reportError != 0) {
+        reportError = writeFirstReport(task, evidence);  // the dump's room is free again
+    }
+    announceOutcome(task.request.pid,
+                    evidence.hasDump ? task.folder.pathOf(task.guid + ".dmp") : "",
+                    reportError == 0 ? task.folder.pathOf(task.guid + ".txt") : "",
+                    evidence.hasDump ? strerror(reportError) : evidence.whyNoDump);
     return evidence;
 }
 
-// One line, whatever came of it.
-void announceOutcome(const WorkerTask& task, const Evidence& evidence, int reportError) {
-    const auto pid = static_cast<int>(task.request.pid);
-    const std::string dump = task.folder.pathOf(task.guid + ".dmp");
-    const std::string report = task.folder.pathOf(task.guid + ".txt");
-    const char* const why = evidence.whyNoDump.c_str();
-    if (!evidence.dump.isOpen() && reportError != 0) {
-        announce("no dump and no report of process %d: %s", pid, why);
-    } else if (!evidence.dump.isOpen()) {
-        announce("process %d has crashed; its report is %s; no dump: %s", pid, report.c_str(), why);
-    } else if (reportError != 0) {
-        announce("process %d has crashed; its dump is %s, its report could not be written: %s", pid,
-                 dump.c_str(), strerror(reportError));
-    } else {
-        announce("process %d has crashed; its dump is %s, its report is %s", pid, dump.c_str(),
-                 report.c_str());
-    }
-}
-
-// Whether there is a report.
-bool report(const WorkerTask& task, const Evidence& evidence) {
-    if (evidence.dump.isOpen()) {
-        markDump(evidence.dump.get());
-        // The dump is as good without them.
-        static_cast<void>(Stacks::appendPythonStream(evidence.dump.get(), evidence.capture.threads,
-                                                     evidence.python));
-    }
-    const std::string dump = evidence.dump.isOpen() ? task.folder.pathOf(task.guid + ".dmp")
-                                                    : "none: " + evidence.whyNoDump;
-    int error =
-        writeReport(task.staging.fd(), reportDraft,
-                    {evidence.process, sessionIdOf(environ), dump, evidence.time, evidence.note},
-                    evidence.capture, evidence.python, Stacks::framesProgram());
-    error = error != 0 ? error : task.staging.publish(reportDraft, task.guid + ".txt");
-    announceOutcome(task, evidence, error);
-    return error == 0;
+// 0, or the errno of the failure: then the first report stands.
+int completeReport(const WorkerTask& task, const Evidence& evidence) {
+    const std::string dump =
+        evidence.hasDump ? task.folder.pathOf(task.guid + ".dmp") : "none: " + evidence.whyNoDump;
+    const Stacks::NativeStacks native =
+        Stacks::findNativeFrames(evidence.live.capture, Stacks::framesProgram(), framesLimit);
+    return task.folder.writeText(
+        task.guid + ".txt",
+        wholeText(factsOf(evidence, dump), evidence.live.capture, evidence.live.python, native),
+        /*replaces=*/true);
 }
 
 // The launcher's files are not the affair of a process that waits for a user. An old kernel leaves
@@ -193,41 +212,45 @@ void ask(const WorkerTask& task) {
 }
 
 void serve(const WorkerTask& task) {
-    bool reported = false;
+    int error = 0;
     {
         const Evidence evidence = takeEvidence(task);
         task.channel.letGo(task.request);
         static_cast<void>(prctl(PR_SET_PDEATHSIG, 0));  // from here on the work is done in any case
-        tell(task, Progress::Dumped);
-        reported = report(task, evidence);
+        report(task, Progress::LetGo);
+        error = completeReport(task, evidence);
     }
-    tell(task, Progress::Reported);
+    report(task, Progress::Reported);
     task.folder.sweep();
     task.folder.removeOldest(pairsKept);
-    if (reported && task.prompt && hasDisplay()) {
+    if (error == 0 && task.prompt && hasDisplay()) {
         ask(task);
     }
 }
 
 }  // namespace
 
-std::string adviceFor(int error) {
-    switch (error) {
-        case ENOENT:
-            return "make the folder, or name another one in TAVREL_CRASH_DIR";
-        case ELOOP:
-        case ENOTDIR:
-            return "name a folder itself, not a link or a file, in TAVREL_CRASH_DIR";
-        case ENOSPC:
-        case EDQUOT:
-            return "make room there, or name another folder in TAVREL_CRASH_DIR";
-        case EFBIG:
-            return "raise the limit of file sizes (ulimit -f)";
-        case EMFILE:
-        case ENFILE:
-            return "raise the limit of open files (ulimit -n)";
-        default:
-            return "name a folder that can be written in TAVREL_CRASH_DIR";
+std::string reportOf(const DumpRequest& request, const std::string& dump) {
+    ProcessSnapshot process;
+    process.pid = request.pid;
+    return firstText({process, sessionIdOf(environ), dump, std::time(nullptr), {}},
+                     whatIsRequested(request).capture, {});
+}
+
+void announceOutcome(pid_t pid, const std::string& dump, const std::string& report,
+                     const std::string& why) {
+    const auto number = static_cast<int>(pid);
+    if (dump.empty() && report.empty()) {
+        announce("no dump and no report of process %d: %s", number, why.c_str());
+    } else if (dump.empty()) {
+        announce("process %d has crashed; its report is %s; no dump: %s", number, report.c_str(),
+                 why.c_str());
+    } else if (report.empty()) {
+        announce("process %d has crashed; its dump is %s, its report could not be written: %s",
+                 number, dump.c_str(), why.c_str());
+    } else {
+        announce("process %d has crashed; its dump is %s, its report is %s", number, dump.c_str(),
+                 report.c_str());
     }
 }
 

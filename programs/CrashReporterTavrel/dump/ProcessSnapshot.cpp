@@ -87,8 +87,8 @@ std::string runModeOf(const std::vector<std::string>& arguments) {
     return batch ? "batch" : script ? "script" : shell ? "shell" : "UI";
 }
 
-ProcessSnapshot takeSnapshot(pid_t pid) {
-    const std::string folder = "/proc/" + std::to_string(pid) + "/";
+ProcessSnapshot takeSnapshot(pid_t pid, pid_t tid) {
+    const std::string folder = "/proc/" + std::to_string(tid) + "/";
     ProcessSnapshot snapshot;
     snapshot.pid = pid;
     snapshot.executable = readLink(folder + "exe");

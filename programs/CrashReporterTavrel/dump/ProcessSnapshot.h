@@ -29,7 +29,8 @@ struct ProcessSnapshot {
 };
 
 /// Never fails: what can't be read stays unknown.
-ProcessSnapshot takeSnapshot(pid_t pid);
+/// @param tid a thread of the process that has not ended; the first one may have
+ProcessSnapshot takeSnapshot(pid_t pid, pid_t tid);
 
 /// The pieces that read text, apart from where it comes from.
 /// The number behind "NAME:" in the form of /proc/PID/status; -1 without one.

@@ -17,6 +17,7 @@
 #include "programs/CrashReporterTavrel/dump/DumpFolder.h"
 #include "programs/CrashReporterTavrel/report/SignalText.h"
 #include "stacks/PrintableText.h"
+#include "stacks/Registers.h"
 #include "stacks/StackText.h"
 
 namespace Zendrik::Reporter {
@@ -155,25 +156,17 @@ std::string pythonStackLogText(const ProcessSnapshot& process) {
                               ", the last Python call that was logged:\n" + text;
 }
 
-// 0, or the errno of the failure. The file takes the place of one of this name once it is whole.
-int replaceFile(int folder, const std::string& name, std::string_view text) {
-    const std::string unfinished = name + ".new";
-    const Plexum3::Base::ScopedFd file(openat(folder, unfinished.c_str(),
-                                              O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
-                                              S_IRUSR | S_IWUSR));
-    if (file.get() < 0) {
-        return errno;
-    }
-    while (!text.empty()) {
-        boost::system::error_code error;
-        const ssize_t written =
-            Plexum3::Base::writeRetry(file.get(), text.data(), text.size(), &error);
-        if (written <= 0) {
-            return written < 0 ? error.value() : EIO;
+std::string registersText(const Stacks::StackCapture& capture) {
+    std::string text;
+    for (const Stacks::CapturedThread& thread : capture.threads) {
+        for (std::size_t i = 0; thread.tid == capture.crashedTid && i < thread.registers.size();
+             ++i) {
+            constexpr std::size_t inLine = 4;
+            text += formatted("%s%4s 0x%016" PRIx64, i % inLine == 0 ? "\n" : " ",
+                              Stacks::registerTable[i].name, thread.registers[i]);
         }
-        text.remove_prefix(static_cast<std::size_t>(written));
     }
-    return renameat(folder, unfinished.c_str(), folder, name.c_str()) == 0 ? 0 : errno;
+    return text.empty() ? text : "\nRegisters, crashed thread" + text + "\n";
 }
 
 }  // namespace
@@ -189,30 +182,17 @@ std::string sessionIdOf(const char* const* environment) {
     return id;
 }
 
-std::string draftText(const CrashFacts& facts, const Stacks::StackCapture& capture,
+std::string firstText(const CrashFacts& facts, const Stacks::StackCapture& capture,
                       const Stacks::PythonStacks& python) {
-    return factsText(facts, capture) + crashedPythonText(capture, python) +
-           "\nThe reporter ended before it could tell the native frames.\n" +
-           Stacks::pythonText(capture, python) + modulesText(capture) +
-           pythonStackLogText(facts.process);
+    return factsText(facts, capture) + crashedPythonText(capture, python) + registersText(capture) +
+           Stacks::placesText(capture) + Stacks::pythonText(capture, python) + modulesText(capture);
 }
 
-std::string reportText(const CrashFacts& facts, const Stacks::StackCapture& capture,
-                       const Stacks::PythonStacks& python, const Stacks::NativeStacks& native) {
+std::string wholeText(const CrashFacts& facts, const Stacks::StackCapture& capture,
+                      const Stacks::PythonStacks& python, const Stacks::NativeStacks& native) {
     return factsText(facts, capture) + crashedPythonText(capture, python) +
-           Stacks::StackText{capture, python, native}.write() + modulesText(capture) +
-           pythonStackLogText(facts.process);
-}
-
-int writeReport(int folder, const std::string& name, const CrashFacts& facts,
-                const Stacks::StackCapture& capture, const Stacks::PythonStacks& python,
-                const std::string& framesProgram) {
-    if (const int error = replaceFile(folder, name, draftText(facts, capture, python))) {
-        return error;
-    }
-    constexpr std::chrono::seconds limit(10);
-    const Stacks::NativeStacks native = Stacks::findNativeFrames(capture, framesProgram, limit);
-    return replaceFile(folder, name, reportText(facts, capture, python, native));
+           Stacks::StackText{capture, python, native}.write() + registersText(capture) +
+           modulesText(capture) + pythonStackLogText(facts.process);
 }
 
 }  // namespace Zendrik::Reporter

@@ -1,13 +1,11 @@
 #pragma once
 
-// The report on a crash, from what was taken while the crashed process was held:
+// The report on a crash, from what was taken while the crashed process was held.
 //
-//     const int error = writeReport(staging.fd(), "report", facts, capture, python,
-//                                   Stacks::framesProgram());
-//
-// It is written twice. The draft has what is known by then: the facts, the signal, Python's stacks.
-// Then the native frames are looked for, which takes its time and may go wrong, and the whole
-// report takes the draft's place. So whenever this process dies, a report is there.
+// There are two texts. The first has what is known at once: the facts, the signal, Python's stacks,
+// the registers, the files. It gets its name before anything else is tried, so that whatever
+// becomes of this process, a report is there. Then the native frames are looked for, which takes
+// its time and may go wrong, and the whole report takes its place.
 
 #include <ctime>
 #include <string>
@@ -28,20 +26,12 @@ struct CrashFacts {
     std::string note;
 };
 
-/// The first of the two. Facts that are not known say so.
-std::string draftText(const CrashFacts& facts, const Stacks::StackCapture& capture,
+/// The first of the two. Facts that are not known are named so.
+std::string firstText(const CrashFacts& facts, const Stacks::StackCapture& capture,
                       const Stacks::PythonStacks& python);
 
-std::string reportText(const CrashFacts& facts, const Stacks::StackCapture& capture,
-                       const Stacks::PythonStacks& python, const Stacks::NativeStacks& native);
-
-/// Writes both, one after the other, as the file `name` (mode 0600) of the open folder `folder`.
-/// Takes up to 10 s over the native frames.
-/// @param framesProgram see Stacks::findNativeFrames
-/// @return 0, or the errno of a failure, after which the draft or nothing is there
-int writeReport(int folder, const std::string& name, const CrashFacts& facts,
-                const Stacks::StackCapture& capture, const Stacks::PythonStacks& python,
-                const std::string& framesProgram);
+std::string wholeText(const CrashFacts& facts, const Stacks::StackCapture& capture,
+                      const Stacks::PythonStacks& python, const Stacks::NativeStacks& native);
 
 /// The session identifier that the launcher handed over: it appends ZK_SESSION_ID to the
 /// environment without merging, so the last entry of that name is the launcher's.

@@ -174,7 +174,7 @@ TEST(CrashReport, TakesInThePythonStackLogOfThisRunAlone) {
         process.workingDirectory.reset(open(work.path.c_str(), O_PATH | O_CLOEXEC));
         Stacks::StackCapture capture;
         capture.files.push_back({0, 1, "/a\x1b[2J.so", ""});
-        const std::string report = draftText({process, "", "no.dmp", 0, ""}, capture, {});
+        const std::string report = wholeText({process, "", "no.dmp", 0, ""}, capture, {}, {});
         EXPECT_THAT(report, testing::HasSubstr("  /a?[2J.so\n"));
         EXPECT_EQ(report.find("\nC function call\n1 ?[2J\n") != std::string::npos, test.taken);
     }
@@ -251,63 +251,52 @@ TEST(DumpFolder, OfCrashesAtOnceTheFirstIsKept) {
     EXPECT_EQ(scratch.names(), kept);
 }
 
-TEST(DumpFolder, SweepsWhatADeadProcessLeftAndNothingElse) {
+TEST(DumpFolder, SweepsUnfinishedFilesOfLongAgoAndNothingElse) {
     const ScratchFolder scratch;
-    int error = -1;
-    const DumpFolder folder = DumpFolder::open(scratch.path, &error);
-    Staging living;
-    ASSERT_EQ(folder.makeStaging(&living), 0);
-    const std::set<std::string> before = scratch.names();
-    Staging dead;
-    ASSERT_EQ(folder.makeStaging(&dead), 0);
-    writeFile(dead.path() + "/half a dump", "");
-    dead.leaveToOthers();
-    std::set<std::string> after = before;
-    const auto setAge = [](const std::string& path, std::chrono::hours age) {
-        std::filesystem::last_write_time(path, std::filesystem::file_time_type::clock::now() - age);
+    const std::string guid = guidNumbered(1);
+    const struct {
+        std::string name;
+        int minutes;
+        bool stays;
+    } cases[] = {
+        {"." + guid + ".dmp.new", 61, false},
+        {"." + guid + ".txt.new", 61, false},
+        {"." + guidNumbered(2) + ".dmp.new", 59, true},
+        {"." + guid + ".new", 61, true},
+        {guid + ".dmp", 61, true},
+        {".notes.txt.new", 61, true},
     };
-    const auto keep = [&](const std::string& name, std::chrono::hours age) {
-        std::filesystem::create_directory(scratch / name);
-        setAge(scratch / name, age);
-        after.insert(name);
-    };
-    keep(".tavrel-crash-00000000-of another machine", std::chrono::hours(23));
-    if (geteuid() == 0) {
-        const std::string ofAnotherUser = ".tavrel-crash-00000000-of another user";
-        keep(ofAnotherUser, std::chrono::hours(25));
-        ASSERT_EQ(chown((scratch / ofAnotherUser).c_str(), 65534, 65534), 0);
+    std::set<std::string> left;
+    for (const auto& test : cases) {
+        writeFile(scratch / test.name, "");
+        std::filesystem::last_write_time(
+            scratch / test.name,
+            std::filesystem::file_time_type::clock::now() - std::chrono::minutes(test.minutes));
+        if (test.stays) {
+            left.insert(test.name);
+        }
     }
-    const ScratchFolder elsewhere;
-    writeFile(elsewhere / "file", "");
-    setAge(elsewhere.path, std::chrono::hours(25));
-    std::filesystem::create_directory_symlink(elsewhere.path, scratch / ".tavrel-crash-link");
-    folder.sweep();
-    after.insert(".tavrel-crash-link");
-    EXPECT_EQ(scratch.names(), after);
-    EXPECT_EQ(elsewhere.names(), (std::set<std::string>{"file"}));
+    int error = -1;
+    DumpFolder::open(scratch.path, &error).sweep();
+    EXPECT_EQ(scratch.names(), left);
 }
 
-TEST(DumpFolder, PublishesOnceAndNeverOverAFile) {
+TEST(DumpFolder, ReplacesAFileOnlyOnDemand) {
     const ScratchFolder scratch;
     int error = -1;
     const DumpFolder folder = DumpFolder::open(scratch.path, &error);
     ASSERT_EQ(error, 0);
     writeFile(scratch / "taken", "old");
     std::filesystem::create_symlink("nowhere", scratch / "dangling");
-    {
-        Staging staging;
-        ASSERT_EQ(folder.makeStaging(&staging), 0);
-        EXPECT_EQ(std::filesystem::status(staging.path()).permissions(),
-                  std::filesystem::perms::owner_all);
-        writeFile(staging.path() + "/draft", "new");
-        writeFile(staging.path() + "/rest", "");
-        EXPECT_EQ(staging.publish("draft", "taken"), EEXIST);
-        EXPECT_EQ(staging.publish("draft", "dangling"), EEXIST);
-        EXPECT_EQ(staging.publish("draft", "free"), 0);
-    }
+    EXPECT_EQ(folder.writeText("taken", "new", false), EEXIST);
+    EXPECT_EQ(folder.writeText("dangling", "new", false), EEXIST);
+    EXPECT_EQ(folder.appendText("dangling", "new"), ELOOP);
+    EXPECT_EQ(folder.writeText("free", "first", false), 0);
+    EXPECT_EQ(folder.writeText("free", "second", true), 0);
+    EXPECT_EQ(folder.appendText("free", " and last"), 0);
     EXPECT_EQ(scratch.names(), (std::set<std::string>{"dangling", "free", "taken"}));
     EXPECT_EQ(contentOf(scratch / "taken"), "old");
-    EXPECT_EQ(contentOf(scratch / "free"), "new");
+    EXPECT_EQ(contentOf(scratch / "free"), "second and last");
 }
 
 TEST(KeepPrompt, RemovesOnlyOnTheButtonThatRemoves) {
