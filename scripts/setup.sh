@@ -185,11 +185,12 @@ breakpad() {
   say "building Breakpad"
   fresh_partial breakpad
   local to=$deps/partial/breakpad
-  fresh_partial breakpad_build
   # Files are named relative to it, so nothing in the archives says where they were built.
   scratch=$deps/partial/breakpad_build
   # configure refuses a path with a blank and some other characters.
   [[ $scratch != *[!A-Za-z0-9_./+-]* ]] || scratch=$(mktemp -d)
+  rm -rf "$scratch"
+  mkdir -p "$scratch"
   trap 'rm -rf "$scratch"' EXIT
   tar -C "$scratch" --strip-components=1 -xf "$archive" package/deps package/bin/linux-x64
   local patch
