@@ -5,6 +5,11 @@ set -euo pipefail
 # shellcheck source=scripts/setup/help.sh
 . "$(dirname "${BASH_SOURCE[0]}")/setup/help.sh"
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+# The loader takes a blank or a colon for the end of the name of a library that a test preloads.
+if [[ $PWD == *[[:space:]:]* ]]; then
+  echo "test: the tests can't run in '$PWD': use a clone under a path without blanks and colons" >&2
+  exit 1
+fi
 preset=release
 case "${1:-}" in "" | -*) ;; *) preset=$1; shift ;; esac
 # ctest takes no notice of what it doesn't know, and runs everything.
