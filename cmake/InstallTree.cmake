@@ -18,11 +18,12 @@ set(TAVREL_RUN_PATH "$ORIGIN:$ORIGIN/python3.7/lib:$ORIGIN/OpenSSL:$ORIGIN/graph
 function(tavrel_words)
   set_property(GLOBAL APPEND PROPERTY TAVREL_WORDS ${ARGN})
 endfunction()
+# A variable with the name of a component would stand for it in the rules that follow.
 install(CODE "
-  file(STRINGS \"${CMAKE_BINARY_DIR}/words\" words)
-  foreach(file IN LISTS words)
-    if(NOT EXISTS \"\${file}\")
-      message(FATAL_ERROR \"\${file} is not built yet: run scripts/build.sh\")
+  file(STRINGS \"${CMAKE_BINARY_DIR}/words\" files_for_readers)
+  foreach(file_for_readers IN LISTS files_for_readers)
+    if(NOT EXISTS \"\${file_for_readers}\")
+      message(FATAL_ERROR \"\${file_for_readers} is not built yet: run scripts/build.sh\")
     endif()
   endforeach()" COMPONENT words)
 
