@@ -295,8 +295,9 @@ def main():
     found += unhardened_units(compile_commands(arguments.build))
     for fault in found:
         print("package: " + fault, file=sys.stderr)
-    soft = [path for path in package.objects if package.is_interpreters(path)
-            and "__stack_chk_fail" not in package.readelf("--dyn-syms", [path])[0]]
+    found_ready = [path for path in package.objects if package.is_interpreters(path)]
+    soft = [path for path, symbols in zip(found_ready, package.readelf("-sW", found_ready))
+            if "__stack_chk_fail" not in symbols]
     print("package: taken as found, without stack protector: %d objects of the interpreter (docs/security.md)"
           % len(soft))
     if not found:
