@@ -203,7 +203,8 @@ class ReporterTest(CrashTest):
                     put_reporter(tree, script)
                 crashed = self.crash(tree, kind)
                 self.assertEqual(crashed.ended.status, -signal.SIGSEGV)
-                self.assertEqual((crashed.dumps, len(crashed.reports), crashed.others), ([], int(wanted is not None), []))
+                self.assertEqual((crashed.dumps, len(crashed.reports), crashed.others),
+                                 ([], int(wanted is not None), []))
                 said = [said for said in crashed.ended.err.splitlines() if said.startswith("CrashReporterTavrel: ")]
                 self.assertEqual(len(said), 1, said)
                 self.assertIn(line, said[0])
