@@ -9,7 +9,7 @@ import subprocess
 import sys
 
 MOST_LINES_OF_A_FILE, MOST_LINES_OF_A_FUNCTION = 300, 60
-PLATFORM = "standins/platform"  # its headers are included as <ZkConfiguration/...>
+PLATFORM = "platform/include"  # its headers are included as <ZkConfiguration/...>
 
 
 def arrows():
