@@ -13,7 +13,6 @@ find_package(Boost 1.70 REQUIRED COMPONENTS program_options filesystem thread ch
 find_package(Threads REQUIRED)
 find_package(X11 REQUIRED)
 find_package(OpenGL REQUIRED COMPONENTS OpenGL GLX)
-find_package(spdlog REQUIRED)
 
 set(TAVREL_PYTHON37_HOME ${TAVREL_DEPS}/python3.7)
 add_library(Python37::Python SHARED IMPORTED)
