@@ -5,10 +5,10 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <set>
 #include <string>
 
 #include "stacks/FrameLines.h"
-#include "stacks/ProcessMemory.h"
 #include "stacks/Registers.h"
 
 namespace Zendrik::Reporter {
@@ -36,20 +36,22 @@ const MemoryBlock* stackAt(const Stacks::StackCapture& capture, std::uint64_t po
 
 // Of the crashed thread, not of the process: its first thread may have ended.
 CrashDumper::CrashDumper(const CrashContext& crash, const Stacks::StackCapture& capture)
-    : LinuxPtraceDumper(crash.tid), crash_(crash), capture_(capture) {
+    : LinuxPtraceDumper(crash.tid),
+      crash_(crash),
+      capture_(capture),
+      memory_(Stacks::processMemory(crash.tid)) {
     SetCrashInfoFromSigInfo(crash.siginfo);
     set_crash_thread(crash.tid);
 }
 
 google_breakpad::AppMemoryList CrashDumper::otherMemory() const {
+    std::set<const MemoryBlock*> stacks;
+    for (const Stacks::CapturedThread& thread : capture_.threads) {
+        stacks.insert(stackAt(capture_, thread.registers[Stacks::stackPointerRegister]));
+    }
     google_breakpad::AppMemoryList list;
     for (const MemoryBlock& block : capture_.memory) {
-        const bool isStack = std::any_of(
-            capture_.threads.begin(), capture_.threads.end(),
-            [&](const Stacks::CapturedThread& thread) {
-                return stackAt(capture_, thread.registers[Stacks::stackPointerRegister]) == &block;
-            });
-        if (!isStack) {
+        if (stacks.count(&block) == 0) {
             google_breakpad::AppMemory memory{};
             memory.ptr = reinterpret_cast<void*>(block.address);
             memory.length = block.bytes.size();
@@ -106,7 +108,7 @@ bool CrashDumper::CopyFromProcess(void* to, pid_t process, const void* from, std
         block->bytes.copy(static_cast<char*>(to) + gap, length - gap, first - block->address);
         return true;
     }
-    return Stacks::processMemory(crash_.tid)(start, to, length) ||
+    return memory_(start, to, length) ||
            LinuxPtraceDumper::CopyFromProcess(to, process, from, length);
 }
 

@@ -4,6 +4,7 @@
 #include <client/linux/minidump_writer/linux_ptrace_dumper.h>
 #include <client/linux/minidump_writer/minidump_writer.h>
 
+#include "stacks/ProcessMemory.h"
 #include "stacks/StackCapture.h"
 
 namespace Zendrik::Reporter {
@@ -51,6 +52,7 @@ class CrashDumper : public google_breakpad::LinuxPtraceDumper {
   private:
     const CrashContext& crash_;
     const Stacks::StackCapture& capture_;
+    const Stacks::MemoryReader memory_;
 };
 
 }  // namespace Zendrik::Reporter
