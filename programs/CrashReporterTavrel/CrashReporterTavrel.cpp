@@ -120,7 +120,8 @@ int main(int argc, char** argv) {
         return refused;
     }
     // The launcher waits for the answer, so it is there.
-    const Service service{channel, ProcessWatch(launcherOf(channel.fd())), arguments->prompt};
+    const Service service{channel, ProcessWatch(launcherOf(channel.fd())), arguments->prompt,
+                          Zendrik::Reporter::newNameSeed()};
     if (!answer(handshake, true)) {
         return refused;  // nobody reads it any more: the launcher has gone
     }

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 
 #include "process/DescriptorIo.h"
@@ -28,6 +29,9 @@ constexpr milliseconds dumpLimit(5000);
 static_assert(dumpLimit < holdLimit);
 constexpr std::chrono::seconds reportLimit(120);
 
+// The deadline of a worker that has exceeded its own.
+constexpr auto killed = std::chrono::steady_clock::time_point::max();
+
 std::string waitForEnd(pid_t child) {
     int status = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
@@ -38,6 +42,12 @@ std::string waitForEnd(pid_t child) {
 }
 
 }  // namespace
+
+std::string Guardian::lastLine(const Worker& worker, const std::string& why) {
+    return "\nThe report ends here: " + why +
+           (worker.folder.holds(worker.guid + ".dmp") ? "; the dump is whole.\n"
+                                                      : "; there is no dump.\n");
+}
 
 Guardian::Guardian(const Service& service, pid_t standby)
     : service_(service), standby_(standby), signals_(openSignalFd()) {}
@@ -51,7 +61,7 @@ Guardian::End Guardian::run() {
     }
     folder.sweep();
     while (!ending_) {
-        if (workers_.empty() && standby_.gone()) {
+        if (!isBusy() && standby_.gone()) {
             return End::Orphaned;
         }
         waitForEvents();
@@ -81,7 +91,7 @@ int Guardian::waitMs() const {
         if (worker.stage != Stage::Asking) {
             const auto left =
                 std::chrono::ceil<milliseconds>(worker.deadline - Clock::now()).count();
-            const int leftMs = static_cast<int>(std::max<decltype(left)>(left, 0));
+            const int leftMs = static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX));
             shortest = shortest < 0 ? leftMs : std::min(shortest, leftMs);
         }
     }
@@ -93,7 +103,7 @@ void Guardian::waitForEvents() {
     const short requests = isHolding() ? 0 : POLLIN;  // the channel's end shows in any case
     std::vector<pollfd> waits{{when(!ending_, service_.channel.fd()), requests, 0},
                               {when(!ending_ && !launcherGone_, service_.launcher.fd()), POLLIN, 0},
-                              {when(!ending_ && workers_.empty(), standby_.fd()), POLLIN, 0},
+                              {when(!ending_ && !isBusy(), standby_.fd()), POLLIN, 0},
                               {signals_.get(), POLLIN, 0}};
     const auto firstWorker = static_cast<std::ptrdiff_t>(waits.size());
     for (const Worker& worker : workers_) {
@@ -137,7 +147,15 @@ void Guardian::serveNextRequest() {
         refuse(*request, folder.pathOf("") + ": " + strerror(error) + "; " + adviceFor(error));
         return;
     }
-    startWorker({-1, *request, ScopedFd(), Stage::Holding, {}, std::move(folder), newGuid()});
+    const std::uint64_t startTicks = Plexum3::Base::readProcessLife(request->pid).startTicks;
+    startWorker({-1,
+                 *request,
+                 ScopedFd(),
+                 Stage::Holding,
+                 {},
+                 std::move(folder),
+                 guidOf(service_.nameSeed, request->pid, startTicks)});
+    standby_.wakeIfStopped();  // it is needed should this process be lost now
 }
 
 // Two threads that crash together ask twice: when the second is heard, the first has brought the
@@ -206,37 +224,37 @@ void Guardian::finish(Worker& worker) {
     worker.pid = -1;
     worker.folder.removeUnfinished(worker.guid);
     if (worker.stage == Stage::Holding) {
-        finishHeld(worker, (Clock::now() < worker.deadline ? "ended (" : "took too long (") +
+        finishHeld(worker, (worker.deadline == killed ? "took too long (" : "ended (") +
                                (failure.empty() ? "exit status 0" : failure) + ")");
     } else if (worker.stage == Stage::Reporting && !failure.empty()) {
         // The first report stands; where there is none, there was no room for it.
         static_cast<void>(worker.folder.appendText(
-            worker.guid + ".txt",
-            "\nThe report ends here: the reporter failed (" + failure + ").\n"));
+            worker.guid + ".txt", lastLine(worker, "the reporter failed (" + failure + ")")));
     }
 }
 
 // It ended over a process that may still be held.
 void Guardian::finishHeld(const Worker& worker, const std::string& end) const {
     const std::string why = "the process that takes dump and report " + end;
-    const bool hasDump = worker.folder.holds(worker.guid + ".dmp");
     const std::string report = worker.guid + ".txt";
-    const std::string last = "\nThe report ends here: " + why +
-                             (hasDump ? "; the dump is whole.\n" : "; there is no dump.\n");
+    const std::string dump =
+        worker.folder.holds(worker.guid + ".dmp") ? worker.folder.pathOf(worker.guid + ".dmp") : "";
+    const std::string last = lastLine(worker, why);
     int error = worker.folder.appendText(report, last);
     if (error == ENOENT) {
-        error = worker.folder.writeText(report, reportOf(worker.request, "none: " + why) + last,
-                                        /*replaces=*/false);
+        error = worker.folder.writeText(
+            report, reportOf(worker.request, dump.empty() ? "none: " + why : dump) + last);
     }
     service_.channel.letGo(worker.request);
-    announceOutcome(worker.request.pid, hasDump ? worker.folder.pathOf(worker.guid + ".dmp") : "",
-                    error == 0 ? worker.folder.pathOf(report) : "", why);
+    announceOutcome(worker.request.pid, dump, error == 0 ? worker.folder.pathOf(report) : "", why);
 }
 
-void Guardian::lookAfterWorkers(bool childChanged) const {
-    for (const Worker& worker : workers_) {
+// One that waits in the kernel for a file server may take its time to end.
+void Guardian::lookAfterWorkers(bool childChanged) {
+    for (Worker& worker : workers_) {
         if (worker.stage != Stage::Asking && Clock::now() >= worker.deadline) {
             static_cast<void>(kill(worker.pid, SIGKILL));  // not reaped yet; its pipe shows its end
+            worker.deadline = killed;
         } else if (childChanged) {
             static_cast<void>(kill(worker.pid, SIGCONT));  // does nothing to one that runs
         }

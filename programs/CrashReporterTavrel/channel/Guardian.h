@@ -26,7 +26,8 @@ namespace Zendrik::Reporter {
 /// A worker has one attempt. It writes a report first, so when it dies or hangs later, that stands:
 /// the guardian adds a line to it, lets the process go, and removes what is unfinished. Where there
 /// is none yet, the guardian writes what the request says. While a worker holds a crashed process
-/// it ends with its guardian: then the next guardian serves the request, which is still queued.
+/// it ends with its guardian: then the next guardian serves the request, which is still queued,
+/// and its worker writes files of the same names.
 class Guardian {
   public:
     enum class End {
@@ -92,7 +93,8 @@ class Guardian {
     void readProgress(Worker& worker);
     void finish(Worker& worker);
     void finishHeld(const Worker& worker, const std::string& end) const;
-    void lookAfterWorkers(bool childChanged) const;
+    void lookAfterWorkers(bool childChanged);
+    static std::string lastLine(const Worker& worker, const std::string& why);
 
     const Service& service_;
     ProcessWatch standby_;

@@ -2,6 +2,7 @@
 
 #include "programs/CrashReporterTavrel/channel/ProcessWatch.h"
 #include "programs/CrashReporterTavrel/channel/ReportChannel.h"
+#include "programs/CrashReporterTavrel/dump/DumpFolder.h"
 
 namespace Zendrik::Reporter {
 
@@ -9,7 +10,8 @@ namespace Zendrik::Reporter {
 struct Service {
     ReportChannel channel;
     ProcessWatch launcher;
-    bool prompt;  ///< ask the user about each report
+    bool prompt;        ///< ask the user about each report
+    NameSeed nameSeed;  ///< a guardian that serves a request anew gives it the name that it had
 };
 
 /// For how long a crashed process is held at most, whatever becomes of those who work on it. Before

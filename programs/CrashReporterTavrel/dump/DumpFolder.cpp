@@ -145,13 +145,18 @@ bool cameAtOnce(const OwnCrash& one, const OwnCrash& next) {
 
 }  // namespace
 
-std::string newGuid() {
-    std::array<std::uint32_t, 4> random{};
-    // Fails for no request of this size; a name that is taken already only costs the dump.
-    static_cast<void>(getrandom(random.data(), sizeof random, 0));
+NameSeed newNameSeed() {
+    NameSeed seed{};
+    static_cast<void>(getrandom(seed.data(), sizeof seed, 0));  // fails for no request of this size
+    return seed;
+}
+
+std::string guidOf(const NameSeed& seed, pid_t pid, std::uint64_t startTicks) {
     char guid[40];
-    static_cast<void>(std::snprintf(guid, sizeof guid, "%08x-%04x-%04x-%08x-%08x", random[0],
-                                    random[1] >> 16, random[1] & 0xffff, random[2], random[3]));
+    static_cast<void>(std::snprintf(guid, sizeof guid, "%08x-%04x-%04x-%08x-%08x", seed[0],
+                                    seed[1] >> 16, seed[1] & 0xffff,
+                                    seed[2] ^ static_cast<std::uint32_t>(pid),
+                                    seed[3] ^ static_cast<std::uint32_t>(startTicks)));
     return guid;
 }
 
@@ -245,16 +250,14 @@ int DumpFolder::publish(const std::string& name) const {
     return 0;
 }
 
-int DumpFolder::writeText(const std::string& name, std::string_view text, bool replaces) const {
+int DumpFolder::writeText(const std::string& name, std::string_view text) const {
     const std::string from = unfinished(name);
     const ScopedFd file(openat(fd_.get(), from.c_str(),
                                O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
                                S_IRUSR | S_IWUSR));
     int error = file.isOpen() ? writeAll(file.get(), text) : errno;
-    if (error == 0) {
-        error = !replaces                                                         ? publish(name)
-                : renameat(fd_.get(), from.c_str(), fd_.get(), name.c_str()) == 0 ? 0
-                                                                                  : errno;
+    if (error == 0 && renameat(fd_.get(), from.c_str(), fd_.get(), name.c_str()) != 0) {
+        error = errno;
     }
     if (error != 0 && file.isOpen()) {
         static_cast<void>(unlinkat(fd_.get(), from.c_str(), 0));  // the sweep takes what stays

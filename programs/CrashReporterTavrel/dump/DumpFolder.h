@@ -1,5 +1,9 @@
 #pragma once
 
+#include <sys/types.h>
+
+#include <array>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -29,9 +33,9 @@ class DumpFolder {
     /// Gives an unfinished file its name. Never replaces a file there.
     /// @return 0, or the errno of the failure
     int publish(const std::string& name) const;
-    /// Writes a file whole (mode 0600); one of this name is replaced if `replaces`, else an error.
+    /// Writes a file whole (mode 0600), which replaces one of this name.
     /// @return 0, or the errno of the failure, after which what was there is there
-    int writeText(const std::string& name, std::string_view text, bool replaces) const;
+    int writeText(const std::string& name, std::string_view text) const;
     /// @return 0, or the errno of the failure: ENOENT for a file that isn't there
     int appendText(const std::string& name, std::string_view text) const;
     bool holds(const std::string& name) const;
@@ -64,8 +68,14 @@ class DumpFolder {
     Plexum3::Base::ScopedFd fd_;
 };
 
-/// A new name for a crash: "%08x-%04x-%04x-%08x-%08x", as Breakpad names its dumps.
-std::string newGuid();
+/// What the names of all crashes of a run are made of; random.
+using NameSeed = std::array<std::uint32_t, 4>;
+NameSeed newNameSeed();
+
+/// The name of this process's crash: "%08x-%04x-%04x-%08x-%08x", as Breakpad names its dumps. The
+/// same process always has the same one, so a second attempt on its crash replaces the first.
+/// @param startTicks as ProcessLife has them, 0 when unknown
+std::string guidOf(const NameSeed& seed, pid_t pid, std::uint64_t startTicks);
 bool isGuid(const std::string& text);
 
 /// What the user can do about a folder or file that failed with this errno: words to follow a

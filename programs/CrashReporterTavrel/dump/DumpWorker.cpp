@@ -24,6 +24,7 @@
 #include "programs/CrashReporterTavrel/report/Announcement.h"
 #include "programs/CrashReporterTavrel/report/CrashReport.h"
 #include "stacks/NativeFrames.h"
+#include "stacks/ProcFiles.h"
 #include "stacks/PythonStream.h"
 #include "stacks/Registers.h"
 
@@ -56,9 +57,14 @@ struct Evidence {
     }
 };
 
+// A process in a PID namespace of its own names its thread by a number that is another's here.
 CrashContext contextOf(const DumpRequest& request) {
     CrashContext crash{};
     std::memcpy(&crash, request.context.data(), sizeof crash);
+    const std::vector<pid_t> threads = Stacks::listThreads(request.pid);
+    if (!threads.empty() && std::find(threads.begin(), threads.end(), crash.tid) == threads.end()) {
+        crash.tid = request.pid;
+    }
     return crash;
 }
 
@@ -92,7 +98,7 @@ int writingError(const DumpFolder& folder, const std::string& name) {
     const std::string path = folder.unfinishedPath(name);
     static_cast<void>(unlink(path.c_str()));  // what there is of the dump
     const std::string dumpSized(std::size_t{64} * 1024, '\0');
-    return folder.writeText(name, dumpSized, /*replaces=*/false);
+    return folder.writeText(name, dumpSized);
 }
 
 std::string whyUnwritten(const WorkerTask& task, int error) {
@@ -117,11 +123,10 @@ CrashFacts factsOf(const Evidence& evidence, const std::string& dump) {
 
 // 0, or the errno of the failure.
 int writeFirstReport(const WorkerTask& task, const Evidence& evidence) {
-    const std::string dump = task.folder.pathOf(task.guid + ".dmp") + ", not yet written";
+    const std::string dump = task.folder.pathOf(task.guid + ".dmp") + ", whole if it is there";
     return task.folder.writeText(
         task.guid + ".txt",
-        firstText(factsOf(evidence, dump), evidence.live.capture, evidence.live.python),
-        /*replaces=*/false);
+        firstText(factsOf(evidence, dump), evidence.live.capture, evidence.live.python));
 }
 
 // 0, or the errno of what kept a written dump from its name.
@@ -140,6 +145,10 @@ int completeDump(const WorkerTask& task, const Evidence& evidence) {
 }
 
 void writeDump(const WorkerTask& task, Evidence& evidence) {
+    evidence.hasDump = task.folder.holds(task.guid + ".dmp");
+    if (evidence.hasDump) {
+        return;  // an earlier attempt, which ended with its guardian, came as far
+    }
     if (!evidence.live.failure.empty()) {
         evidence.whyNoDump = whyRefused(evidence.live.failure);
         return;
@@ -159,6 +168,7 @@ void writeDump(const WorkerTask& task, Evidence& evidence) {
 Evidence takeEvidence(const WorkerTask& task) {
     Evidence evidence;
     evidence.time = std::time(nullptr);
+    task.folder.removeUnfinished(task.guid);  // of an earlier attempt
     evidence.live = whatIsRequested(task.request);
     const pid_t crashedTid = evidence.live.capture.crashedTid;
     Stacks::HeldThreads held;
@@ -186,8 +196,7 @@ int completeReport(const WorkerTask& task, const Evidence& evidence) {
         Stacks::findNativeFrames(evidence.live.capture, Stacks::framesProgram(), framesLimit);
     return task.folder.writeText(
         task.guid + ".txt",
-        wholeText(factsOf(evidence, dump), evidence.live.capture, evidence.live.python, native),
-        /*replaces=*/true);
+        wholeText(factsOf(evidence, dump), evidence.live.capture, evidence.live.python, native));
 }
 
 // The launcher's files are not the affair of a process that waits for a user. An old kernel leaves

@@ -33,8 +33,8 @@ struct WorkerTask {
 /// remove. Never returns: the exit status is 0, or 1 for a failure that was announced.
 [[noreturn]] void childRunWorker(const WorkerTask& task, pid_t guardian);
 
-/// The same with what a request alone says, for a worker that died before it could: the first text
-/// of a report that has the signal, the crashed thread's registers and `dump`.
+/// What a request alone says, for a worker that died before it could write a report: the first text
+/// of one that has the signal, the crashed thread's registers and `dump`.
 std::string reportOf(const DumpRequest& request, const std::string& dump);
 
 /// One line for the user, whatever came of a crash.

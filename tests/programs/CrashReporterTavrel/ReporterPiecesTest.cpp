@@ -281,22 +281,23 @@ TEST(DumpFolder, SweepsUnfinishedFilesOfLongAgoAndNothingElse) {
     EXPECT_EQ(scratch.names(), left);
 }
 
-TEST(DumpFolder, ReplacesAFileOnlyOnDemand) {
+TEST(DumpFolder, FollowsNoLinkAndReplacesNoDump) {
     const ScratchFolder scratch;
     int error = -1;
     const DumpFolder folder = DumpFolder::open(scratch.path, &error);
     ASSERT_EQ(error, 0);
-    writeFile(scratch / "taken", "old");
-    std::filesystem::create_symlink("nowhere", scratch / "dangling");
-    EXPECT_EQ(folder.writeText("taken", "new", false), EEXIST);
-    EXPECT_EQ(folder.writeText("dangling", "new", false), EEXIST);
-    EXPECT_EQ(folder.appendText("dangling", "new"), ELOOP);
-    EXPECT_EQ(folder.writeText("free", "first", false), 0);
-    EXPECT_EQ(folder.writeText("free", "second", true), 0);
-    EXPECT_EQ(folder.appendText("free", " and last"), 0);
-    EXPECT_EQ(scratch.names(), (std::set<std::string>{"dangling", "free", "taken"}));
-    EXPECT_EQ(contentOf(scratch / "taken"), "old");
-    EXPECT_EQ(contentOf(scratch / "free"), "second and last");
+    writeFile(scratch / "taken.dmp", "old");
+    writeFile(scratch / ".taken.dmp.new", "new");
+    writeFile(scratch / "elsewhere", "");
+    std::filesystem::create_symlink("elsewhere", scratch / "link");
+    EXPECT_EQ(folder.publish("taken.dmp"), EEXIST);
+    EXPECT_EQ(folder.appendText("link", "lost"), ELOOP);
+    EXPECT_EQ(folder.writeText("link", "first"), 0);
+    EXPECT_EQ(folder.writeText("link", "second"), 0);
+    EXPECT_EQ(folder.appendText("link", " and last"), 0);
+    EXPECT_EQ(contentOf(scratch / "taken.dmp"), "old");
+    EXPECT_EQ(contentOf(scratch / "elsewhere"), "");
+    EXPECT_EQ(contentOf(scratch / "link"), "second and last");
 }
 
 TEST(KeepPrompt, RemovesOnlyOnTheButtonThatRemoves) {
