@@ -54,7 +54,7 @@ function(tavrel_in_tree target)
     LIBRARY_OUTPUT_DIRECTORY ${TAVREL_TREE}/bin
     BUILD_WITH_INSTALL_RPATH ON
     INSTALL_RPATH "${arg_RUN_PATH}")
-  # Third-party archives bring debug information that tells where they were built. The symbol
+  # Third-party archives bring debug information that names where they were built. The symbol
   # tables stay: crash reports name functions from them.
   target_link_options(${target} PRIVATE $<$<CONFIG:Release>:-Wl,--strip-debug>)
   install(TARGETS ${target} RUNTIME DESTINATION bin LIBRARY DESTINATION bin)

@@ -30,6 +30,6 @@ if(TAVREL_SANITIZER)
   add_link_options(-fsanitize=${TAVREL_SANITIZER})
 endif()
 if(TAVREL_FUZZ)
-  # What the fuzzers call tells them which ways it took.
+  # Reports to the fuzzers which branches were taken.
   add_compile_options(-fsanitize=fuzzer-no-link)
 endif()

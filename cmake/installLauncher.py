@@ -1,7 +1,7 @@
 """Puts the launcher's own files into a tree that others fill: installLauncher.py FILES TREE
 
 FILES has a line "MODE<TAB>SOURCE<TAB>DESTINATION" for each. MANIFEST.launcher in the tree lists what was
-written, in the format of sha256sum. A file in the way that isn't listed there belongs to somebody else:
+written, in the format of sha256sum. A file in the way that isn't listed there belongs to another owner:
 each is named, and nothing is written. Otherwise all files are written beside the old ones, then renamed
 into their places, the launcher itself last. Status 1 with what is wrong on standard error.
 """

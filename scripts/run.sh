@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Sets up and builds what a run needs and is missing, then becomes the launcher: its arguments, its
-# exit status. What it does is told on standard error, with the build's progress on a terminal.
+# exit status. What it does is reported on standard error, with the build's progress on a terminal.
 set -euo pipefail
 scripts=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 top=$(dirname "$scripts")

@@ -78,7 +78,7 @@ PyObject* PyInit_vendorid() {
     // The module takes over the reference of PyCapsule_New; the further one is never given back, so
     // that the pointer stays good for callers that outlive the module.
     Py_INCREF(capsule);
-    // Whoever asks for the capsule sees whether it is there.
+    // An import of the capsule shows whether it is there.
     static_cast<void>(PyModule_AddObject(module, "_C_API", capsule));
     const int status = PyModule_AddStringConstant(module, "__version__", "1.0.0");
     return reinterpret_cast<PyObject*>(static_cast<std::intptr_t>(status));

@@ -8,7 +8,7 @@
 
 namespace {
 
-// Written by the error handler, read by the probe, reset by nobody.
+// Written by the error handler, read by the probe, never reset.
 int lastXErrorCode = 0;
 
 int recordXError(Display* /*display*/, XErrorEvent* event) {

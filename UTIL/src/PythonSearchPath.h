@@ -17,7 +17,7 @@ PythonReference PythonText(const std::string& path);
 
 /// Puts `headEntries` in front of sys.path and `postEntries` behind it, each in its own order, and
 /// drops every entry but the first of equal ones. Texts are compared, not files.
-/// @return what sys.path then holds, as far as it can be told in UTF-8: an entry that can't stays
+/// @return what sys.path then holds, as far as UTF-8 can express it: an entry that can't stays
 ///         in the list but can't be published
 std::vector<std::string> BuildSearchPath(const std::vector<std::string>& headEntries,
                                          const std::vector<std::string>& postEntries);

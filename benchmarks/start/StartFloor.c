@@ -38,7 +38,7 @@ static int importModules(FILE* list) {
     return 0;
 }
 
-// What the launcher would have told the script: the configuration, its arguments, its attributes.
+// What the launcher would have given the script: the configuration, its arguments, its attributes.
 static int prepareScript(const char* tree, const char* job) {
     snprintf(line, sizeof line,
              "import ConfigurationAPI_cmodule as configuration, os, sys\n"

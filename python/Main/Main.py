@@ -54,7 +54,7 @@ class SystemModuleFinder(object):
 
 
 def excepthook(exceptionType, exception, tb):
-    """Logs an exception that nobody caught."""
+    """Logs an uncaught exception."""
     # This may run when the module's globals are gone already.
     import logging
     import os.path

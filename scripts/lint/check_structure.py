@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Holds the arrows between folders, as the table in docs/architecture.md gives them, and the sizes
+"""Checks the include rules between folders, as the table in docs/architecture.md gives them, and the sizes
 that CONTRIBUTING.md allows. Functions of C++ are measured by clang-tidy."""
 
 import ast

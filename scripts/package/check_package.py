@@ -2,7 +2,7 @@
 
     check_package.py --build FOLDER [--depends LIST] [--build-place PATH]... [--home PATH] FOLDER
 
-Each fault is one line on standard error; the exit status is 1 if there is one. The build folder tells
+Each fault is one line on standard error; the exit status is 1 if there is one. The build folder says
 which objects there have to be and how they were compiled. LIST is a Depends field; without it, a
 needed library may come from any Debian package. The files of FOLDER must not name a PATH of
 --build-place, and those made by this project not the --home of who built it either: the interpreter
@@ -244,7 +244,7 @@ def unlisted_files(package):
         yield "%s is %s" % (path, "in MANIFEST alone" if path in listed else "not in MANIFEST")
     for path in sorted(there & set(listed)):
         if hashlib.sha256(package.read(path)).hexdigest() != listed[path]:
-            yield "%s is not what MANIFEST tells" % path
+            yield "%s is not what MANIFEST says" % path
 
 
 def uncompiled_modules(package):

@@ -1,4 +1,4 @@
-"""Tells what of others is in the packages, from the texts and versions that come with each part.
+"""Lists what of others is in the packages, from the texts and versions that come with each part.
 
     third_party.py notices FILE                          THIRD-PARTY.md
     third_party.py copyright FILE                        the DEB's copyright file
@@ -63,7 +63,7 @@ PARTS = (
          "https://gcc.gnu.org/", "gnu:gcc", "libstdc++-12-dev",
          lambda: [between(debian_text("gcc-12-base"), "GCC RUNTIME LIBRARY EXCEPTION", "\n\n\n")]),
     Part("glibc", "LGPL-2.1-or-later", "Free Software Foundation, Inc.", "bin",
-         "Linked statically into CrashReporterTavrel, whose objects whoever passes the packages on has to "
+         "Linked statically into CrashReporterTavrel, whose objects a distributor of the packages has to "
          "offer, so that it can be linked with another version.",
          "https://www.gnu.org/software/libc/", "gnu:glibc", "libc6-dev",
          lambda: [debian_text("libc6"), file_text("/usr/share/common-licenses/LGPL-2.1")]),
@@ -73,7 +73,7 @@ PARTS = (
          lambda: dict(facts("cpython", from_python("sys.version.split()[0]")), sha256=sha256_of(LIBPYTHON)),
          lambda: [file_text(STDLIB + "/LICENSE.txt")]),
     Part("incorporated into CPython", "LicenseRef-incorporated-into-CPython", "their authors",
-         "bin/python3.7", "Mersenne Twister, sockets, asynchat and others, as Debian tells them.",
+         "bin/python3.7", "Mersenne Twister, sockets, asynchat and others, as Debian lists them.",
          "https://www.python.org/", None,
          lambda: {"version": from_python("sys.version.split()[0]")},
          lambda: [between(debian_text("python3.11"), "Licenses and Acknowledgements for Incorporated Software",
@@ -202,7 +202,7 @@ def output_of(*words):
 
 
 def debian_facts(packages):
-    """Version, purl and SHA-256 of installed packages by name, the hash where apt's lists still tell it."""
+    """Version, purl and SHA-256 of installed packages by name, the hash where apt's lists still have it."""
     hashes = {}
     for entry in output_of("apt-cache", "show", *packages).split("\n\n"):
         fields = dict(re.findall(r"^(Package|Version|SHA256): (\S+)$", entry, re.MULTILINE))
@@ -212,7 +212,7 @@ def debian_facts(packages):
                           *packages).splitlines():
         name, version, architecture = line.split()
         if not hashes.get((name, version)):
-            sys.stderr.write("third_party: apt tells no SHA-256 of %s %s\n" % (name, version))
+            sys.stderr.write("third_party: apt has no SHA-256 of %s %s\n" % (name, version))
         encoded = version.replace(":", "%3A").replace("+", "%2B")
         facts[name] = {"version": version, "sha256": hashes.get((name, version)),
                        "purl": "pkg:deb/debian/%s@%s?arch=%s&distro=debian-12" % (name, encoded, architecture)}

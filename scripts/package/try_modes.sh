@@ -1,5 +1,5 @@
 #!/bin/sh
-# try_modes.sh LAUNCHER: runs every mode that needs no display, as whoever calls it, with nothing but
+# try_modes.sh LAUNCHER: runs every mode that needs no display, as the user who calls it, with nothing but
 # a POSIX shell. One line for each thing that is not as it should be; status 1 if there is one.
 # With TAVREL_CRASH=1 it also crashes, which leaves a dump behind.
 set -u

@@ -88,7 +88,7 @@ def make_configuration_relocatable(source, target):
 
 
 def relocatable(value, places, target):
-    """A variable with $(prefix) in it; empty if it tells of a place that is not in TARGET."""
+    """A variable with $(prefix) in it; empty if it names a place that is not in TARGET."""
     if not isinstance(value, str):
         return value
     value = places.rewritten(value, "$(prefix)", os.devnull)

@@ -92,7 +92,7 @@ def what_is_missing(tracking):
 
 
 def await_condition(what, holds, seconds, pause=0.05):
-    """For what neither Slurm nor MUNGE tells by an event."""
+    """For what neither Slurm nor MUNGE signals by an event."""
     deadline = time.monotonic() + seconds
     while not holds():
         if time.monotonic() > deadline:

@@ -24,22 +24,22 @@ DEADLINE_SECONDS = 180
 SKIPPED = 77
 UNFINISHED = ("PENDING", "RUNNING", "COMPLETING", "CONFIGURING")
 
-# A run tells by a pipe what it does: its job's name, the event and its temporary folder.
+# A run reports by a pipe what it does: its job's name, the event and its temporary folder.
 RUN = """\
 import os, signal, sys, threading
 folder = os.environ["TAVREL_TMPDIR"]
 
-def tell(event):
+def report(event):
     with open({pipe!r}, "w") as pipe:
         pipe.write("%s %s %s\\n" % (os.environ["SLURM_JOB_NAME"], event, folder))
 
 def waitForEnd():
     open(folder + "/content", "w").close()
-    tell("waits")
+    report("waits")
     try:
         threading.Event().wait()
     finally:
-        tell("ends")
+        report("ends")
 
 {act}
 """
@@ -94,12 +94,12 @@ class FarmTest(unittest.TestCase):
 
     @classmethod
     def await_event(cls, name, event):
-        """The temporary folder of the job's run, once it has told of the event."""
+        """The temporary folder of the job's run, once it has reported the event."""
         deadline = time.monotonic() + DEADLINE_SECONDS
         while (name, event) not in cls.events:
             ready, _, _ = select.select([cls.pipe], [], [], max(0, deadline - time.monotonic()))
             if not ready:
-                raise AssertionError(f"{name} never told that it {event}: {cls.log(name)}")
+                raise AssertionError(f"{name} never reported that it {event}: {cls.log(name)}")
             # One write of less than PIPE_BUF comes in one piece.
             for line in os.read(cls.pipe, 1 << 16).decode().splitlines():
                 job, what, folder = line.split(" ", 2)
@@ -120,7 +120,7 @@ class FarmTest(unittest.TestCase):
         wanted = {f"SLURM_CONF={self.folder}/slurm.conf".encode(),
                   f"SLURM_JOB_ID={job.number}".encode()}
         for environment in Path("/proc").glob("[0-9]*/environ"):
-            with contextlib.suppress(OSError):  # it has ended, or is somebody else's
+            with contextlib.suppress(OSError):  # it has ended, or is another user's
                 if wanted <= set(environment.read_bytes().split(b"\0")):
                     return True
         return False
@@ -183,7 +183,7 @@ class FarmTest(unittest.TestCase):
                             "unset __TAVREL_CONTROLLING_PROCESS TAVREL_TMPDIR\n"
                             "export TAVREL_KEEP_TMPDIR=0 TMPDIR=$PWD/tmp\n"
                             'exec "$TAVREL" --batch "$@"\n')
-        act = 'tell("dies")\nos.kill(os.getpid(), signal.{})'
+        act = 'report("dies")\nos.kill(os.getpid(), signal.{})'
         for name, script, base, number in (
                 ("by_epilog", "site-folder.sbatch", self.folder / "jobs", "SIGSEGV"),
                 ("by_cleanup", detached, self.folder / "by_cleanup/tmp", "SIGKILL")):

@@ -118,7 +118,7 @@ class FaultyPackage(unittest.TestCase):
             (check_package.unlisted_files,
              "touch bin/a; rm bin/tavrel; echo >bin/libZkPlexumSDK.so",
              ["bin/a is not in MANIFEST", "bin/tavrel is in MANIFEST alone",
-              "bin/libZkPlexumSDK.so is not what MANIFEST tells"]),
+              "bin/libZkPlexumSDK.so is not what MANIFEST says"]),
             (check_package.unlisted_files, "rm MANIFEST", ["MANIFEST is missing"]),
         )
         objects = [("EXECUTABLE", "bin/tavrel"), ("SHARED_LIBRARY", "bin/libZkPlexumSDK.so")]

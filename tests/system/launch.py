@@ -1,4 +1,4 @@
-"""Starts launchers of a scratch tree in a clean environment and tells how they ended."""
+"""Starts launchers of a scratch tree in a clean environment and says how they ended."""
 
 import json
 import os

@@ -1,4 +1,4 @@
-"""What the process table tells of a process, and the processes that end up with this one.
+"""What the process table says of a process, and the processes that end up with this one.
 
 A test process adopts what its launchers leave behind, so that it can wait for a daemon's end
 instead of sleeping.
@@ -82,7 +82,7 @@ def wait_for_end(pid, deadline):
 def reap_adopted(own, seconds):
     """Waits until nothing is left of what this process adopted; exit codes by process id.
 
-    own: process ids that somebody else here waits for.
+    own: process ids that another part of this process waits for.
     """
     deadline = time.monotonic() + seconds
     codes = {}

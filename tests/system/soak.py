@@ -109,7 +109,7 @@ class Soak:
         self.remove(number.name, folder, {"job.py"})
 
     def remove(self, name, folder, expected):
-        """The folder of a run that is over; what nobody expects in it stays and counts."""
+        """The folder of a run that is over; what isn't expected in it stays and counts."""
         for file in expected:
             os.remove(os.path.join(folder, file))
         try:

@@ -1,4 +1,4 @@
-"""The temporary directory of a run: where it is, who is told, and who removes it."""
+"""The temporary directory of a run: where it is, who knows of it, and who removes it."""
 
 import os
 import signal

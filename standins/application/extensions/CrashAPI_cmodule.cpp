@@ -23,7 +23,7 @@ PyObject* abortProcess(PyObject* /*module*/, PyObject* /*unused*/) {
 }
 
 PyObject* throwException(PyObject* /*module*/, PyObject* /*unused*/) {
-    // Nobody up to main catches it.
+    // No handler up to main catches it.
     throw std::runtime_error("test of an exception that nobody catches");
 }
 
@@ -31,7 +31,7 @@ PyMethodDef methods[] = {
     {"segv", segv, METH_NOARGS, "segv(): writes to address 0"},
     {"abort", abortProcess, METH_NOARGS, "abort(): ends the process as a failed assertion does"},
     {"throwException", throwException, METH_NOARGS,
-     "throwException(): throws a C++ exception that nobody catches"},
+     "throwException(): throws a C++ exception that isn't caught"},
     {nullptr, nullptr, 0, nullptr}};
 
 PyModuleDef definition =

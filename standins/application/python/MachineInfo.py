@@ -38,7 +38,7 @@ class Tavrel(object):
 
     @staticmethod
     def GetImageMemoryMB(isBatch, customLogger=None):
-        """Half of the machine's memory; three quarters in batch, where nobody works beside it."""
+        """Half of the machine's memory; three quarters in batch, where no user works beside it."""
         total = os.sysconf("SC_PHYS_PAGES") * os.sysconf("SC_PAGE_SIZE") // _MEBIBYTE
         limit = total * (3 if isBatch else 2) // 4
         if customLogger:

@@ -91,7 +91,7 @@ def _debug(message):
         with _lock:
             isFirst, _settings["logFile"] = _settings["logFile"] is not None, None
         if isFirst:
-            log.warning('Can\'t write the render log "%s": %s. What renders do is told here.', path,
+            log.warning('Can\'t write the render log "%s": %s. What renders do is logged here.', path,
                         error.strerror)
         log.info("%s", message)
 
@@ -126,7 +126,7 @@ class Render(object):
         self._ended = threading.Event()
 
     def _takeTile(self):
-        """A tile that nobody has, or None. With the lock."""
+        """A tile that no thread has, or None. With the lock."""
         if self._isCancelled or self.error is not None or self._given == self.tileCount:
             return None
         self._given += 1

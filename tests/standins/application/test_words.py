@@ -1,4 +1,4 @@
-"""Help, man pages and completion tell the same, and each works with the program that reads it."""
+"""Help, man pages and completion agree, and each works with the program that reads it."""
 
 import glob
 import os
@@ -134,7 +134,7 @@ class CompletionTest(unittest.TestCase):
                                        % (FISH, typed)], cwd=self.folder, timeout=DEADLINE,
                                       env=self.environment, stdout=subprocess.PIPE,
                                       universal_newlines=True)
-                # It tells the last word alone, and nothing where there is nothing to complete.
+                # It prints the last word alone, and nothing where there is nothing to complete.
                 word = "" if typed == expected else expected.split()[-1]
                 self.assertEqual(done.stdout.partition("\t")[0], word, typed)
 

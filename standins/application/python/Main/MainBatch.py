@@ -16,10 +16,10 @@ def _newProgress(count):
         return lambda number, path: None
     start = time.monotonic()
 
-    def tell(number, path):
-        MainLogging.Tell("tavrel: file %d of %d after %.1f s: %s\n"
+    def report(number, path):
+        MainLogging.PrintToStderr("tavrel: file %d of %d after %.1f s: %s\n"
                          % (number, count, time.monotonic() - start, path))
-    return tell
+    return report
 
 
 def _endOf(path):
@@ -52,9 +52,9 @@ def Main(options, args):
         return
     MainSignals.StopInOrderOn("SIGTERM", "SIGINT")
     MainEnvironment.EndPhase("batch mode", isLast=True)
-    tell = _newProgress(len(args))
+    report = _newProgress(len(args))
     for number, path in enumerate(args, 1):
-        tell(number, path)
+        report(number, path)
         end = _endOf(path)
         if end is not None and _isFailure(end):
             raise end

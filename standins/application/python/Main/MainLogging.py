@@ -1,5 +1,5 @@
-"""Python's log records and warnings in the launcher's own log, what is said past it, and how an
-exception is reported."""
+"""Python's log records and warnings in the launcher's own log, text that goes to standard error
+instead, and the report of an exception."""
 
 import logging
 import os
@@ -40,8 +40,8 @@ class _LogHandler(logging.Handler):
             self.handleError(record)
 
 
-def Tell(text):
-    """Says something to whoever started the run, on standard error, wherever log.conf sends the log.
+def PrintToStderr(text):
+    """Writes to standard error, for the user who started the run, wherever log.conf sends the log.
     Dropped if that is full or gone: the run and its status matter more than the words."""
     _flushStandardError()
     try:
@@ -60,10 +60,10 @@ def ReportException(exceptionType, exception, tb):
     except SystemExit:
         raise
     except BaseException as failure:
-        Tell("Error in sys.excepthook:\n")
+        PrintToStderr("Error in sys.excepthook:\n")
         # Not by traceback, which an exception's own text can make fail.
         sys.__excepthook__(type(failure), failure, failure.__traceback__.tb_next)
-        Tell("\nOriginal exception was:\n")
+        PrintToStderr("\nOriginal exception was:\n")
         sys.__excepthook__(exceptionType, exception, tb)
         if isinstance(failure, KeyboardInterrupt):
             raise

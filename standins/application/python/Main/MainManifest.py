@@ -55,7 +55,7 @@ def Check(root):
             thread.start()
             threads.append(thread)
     except RuntimeError:
-        # A limit on threads is one of the things that a user wants to be told.
+        # A limit on threads is one of the things that a user wants to see.
         pass
     work()
     for thread in threads:

@@ -231,7 +231,7 @@ def GetOptions():
         _checkProfilingFolder(options)
     except OptionError as error:
         import MainLogging
-        MainLogging.Tell("tavrel: %s; tavrel --help lists all options\n" % error)
+        MainLogging.PrintToStderr("tavrel: %s; tavrel --help lists all options\n" % error)
         sys.exit(2)
     # Not for those who only want the words of this module.
     import MainEnvironment

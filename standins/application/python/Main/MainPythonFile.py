@@ -21,7 +21,7 @@ def _read(path):
             return source.read(), path
     except (OSError, ValueError) as error:
         reason = getattr(error, "strerror", None) or str(error)
-        MainLogging.Tell('tavrel: can\'t open the Python file "%s": %s\n' % (path, reason))
+        MainLogging.PrintToStderr('tavrel: can\'t open the Python file "%s": %s\n' % (path, reason))
         sys.exit(2)
 
 
@@ -38,7 +38,7 @@ def ReportException(exceptionType, exception, tb):
     while tb is not None and tb.tb_frame.f_globals.get("__name__") in _OWN_MODULES:
         tb = tb.tb_next
     if Log.file():
-        MainLogging.Tell("".join(traceback.format_exception(exceptionType, exception, tb)))
+        MainLogging.PrintToStderr("".join(traceback.format_exception(exceptionType, exception, tb)))
     if tb is None:
         # The text could not be compiled: all there is to see is in the exception.
         import logging
@@ -53,7 +53,7 @@ def _execute(source, name, namespace):
     try:
         exec(compile(source, name, "exec", dont_inherit=True), namespace)
     finally:
-        # Whoever empties sys.modules would take away what the report and the clean-up import.
+        # A script that empties sys.modules would take away what the report and the clean-up import.
         for item in modules.items():
             sys.modules.setdefault(*item)
 

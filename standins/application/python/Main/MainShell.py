@@ -16,7 +16,7 @@ _HISTORY_LINES = 2000
 
 
 class _Console(code.InteractiveConsole):
-    """Reports exceptions as the rest of the application does. Where nobody sits at the keyboard, the
+    """Reports exceptions as the rest of the application does. Where no user sits at the keyboard, the
     first one ends the run with status 1, or 130 for the KeyboardInterrupt of Ctrl-C."""
 
     def __init__(self, namespace):
@@ -28,7 +28,7 @@ class _Console(code.InteractiveConsole):
             sys.exit(status)
 
     def write(self, data):
-        MainLogging.Tell(data)
+        MainLogging.PrintToStderr(data)
 
     def push(self, text):
         """One line, or the several that a terminal hands over for one paste. True if more input is

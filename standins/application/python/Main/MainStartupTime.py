@@ -1,4 +1,4 @@
-"""What the phases of a start took, the launcher's first. Loaded only where somebody asks."""
+"""What the phases of a start took, the launcher's first. Loaded only on demand."""
 
 import time
 
@@ -25,6 +25,6 @@ def Print():
     phases = [(end - begin, name) for (begin, _), (end, name) in zip(_ends, _ends[1:])]
     if phases:
         phases.append((_ends[-1][0] - _ends[0][0], "in all"))
-    MainLogging.Tell("".join("tavrel: start: %8.2f ms  %s\n" % (seconds * 1e3, name)
+    MainLogging.PrintToStderr("".join("tavrel: start: %8.2f ms  %s\n" % (seconds * 1e3, name)
                              for seconds, name in phases))
     del _ends[1:]

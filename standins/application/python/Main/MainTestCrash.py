@@ -27,7 +27,7 @@ def Run(kind, isUi):
     import CrashAPI_cmodule
     import MainLogging
 
-    MainLogging.Tell("tavrel: test of %s in process %d; crash capture is %s\n" % (
+    MainLogging.PrintToStderr("tavrel: test of %s in process %d; crash capture is %s\n" % (
         kind, os.getpid(),
         "on" if _isCaptured(isUi) else "off, TAVREL_CRASH_HANDLING=1 switches it on"))
     {"segv": CrashAPI_cmodule.segv, "abort": CrashAPI_cmodule.abort,

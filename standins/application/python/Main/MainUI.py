@@ -10,7 +10,7 @@ import MainSignals
 
 
 def _close(root):
-    """Takes the window away. Whoever waits in a dialog for an answer waits no longer."""
+    """Takes the window away, with a dialog that waits for an answer."""
     try:
         root.destroy()
     except tkinter.TclError:
@@ -26,7 +26,7 @@ def Main(options, args):
     try:
         root = tkinter.Tk(className="Tavrel")
     except tkinter.TclError as error:
-        MainLogging.Tell("tavrel: can't open the window: %s; set DISPLAY to an X server, or use "
+        MainLogging.PrintToStderr("tavrel: can't open the window: %s; set DISPLAY to an X server, or use "
                          "--batch, --script or --shell\n" % error)
         sys.exit(1)
     MainEnvironment.EndPhase("display")

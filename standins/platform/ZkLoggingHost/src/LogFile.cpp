@@ -81,7 +81,8 @@ bool LogFile::isStillAtPath() const {
 }
 
 void LogFile::rotate() {
-    // Nobody waits: the one who holds the lock may be stopped. Who doesn't get it writes on.
+    // Without waiting: the process that holds the lock may be stopped. One that doesn't get it
+    // writes on.
     if (flock(descriptor_, LOCK_EX | LOCK_NB) != 0) {
         return;
     }

@@ -51,7 +51,7 @@ std::uint64_t parseNumber(const std::string& name, const std::string& text, bool
     return number << shift;
 }
 
-// Without HOME the user's entry in the password file tells, as for a shell.
+// Without HOME the user's entry in the password file counts, as for a shell.
 std::string homeFolder() {
     std::string home = Plexum3::ZkConfiguration::v1::Config().get("HOME");
     const passwd* const user = home.empty() ? getpwuid(getuid()) : nullptr;

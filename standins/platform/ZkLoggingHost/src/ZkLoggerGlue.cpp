@@ -89,7 +89,7 @@ class Destination {
         return "\"" + path + "\": " + error.message() + "; logging to standard error";
     }
 
-    // A file is shared and read later: each line tells when and from whom.
+    // A file is shared and read later: each line has its time and process.
     void chooseForms() {
         const std::string stamp = file_ ? stampPattern : "";
         native_ = lineFormatter(stamp + nativePattern);
@@ -104,7 +104,7 @@ class Destination {
             form->format(message, line);
             put({line.data(), line.size()});
         } catch (const std::exception&) {
-            // Want of memory must not end the application, and there is nobody else to tell.
+            // Want of memory must not end the application, and there is nowhere else to report it.
         }
     }
 
@@ -118,7 +118,7 @@ class Destination {
             complain(complaint);
         }
         if (!file_) {
-            // There is nobody left to tell of a standard error that takes no line.
+            // There is nowhere left to report a standard error that takes no line.
             static_cast<void>(internal::writeWhole(STDERR_FILENO, line));
         }
     }

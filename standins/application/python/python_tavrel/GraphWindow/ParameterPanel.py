@@ -17,7 +17,7 @@ def _value(text):
 
 
 class ParameterPanel(tkinter.Frame):
-    """attempt(function) is called for what may be refused, and tells the user about it."""
+    """attempt(function) is called for what may be refused, and shows the refusal."""
 
     def __init__(self, parent, attempt):
         tkinter.Frame.__init__(self, parent, name="parameters")

@@ -93,7 +93,7 @@ class Window(object):
             pass
 
     def _attempt(self, function):
-        """The function's result; None if it fails as a wish may, which the status line tells."""
+        """The function's result; None if it fails as a wish may, which the status line shows."""
         try:
             return function()
         except (MemoryError, NodegraphFile.GraphFileError, OSError, TypeError, ValueError) as error:

@@ -7,7 +7,7 @@ import sys
 
 import MainLogging
 
-# Nobody may ever process events in a long batch run: the oldest go.
+# A long batch run may never process events: the oldest go.
 _MOST_WAITING = 10000
 
 _waiting = collections.deque(maxlen=_MOST_WAITING)

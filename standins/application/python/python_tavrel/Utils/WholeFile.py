@@ -22,7 +22,7 @@ def Write(path, pieces):
     try:
         with file:
             if os.path.exists(path):
-                # What nobody else might read stays so.
+                # What no other user might read stays so.
                 os.fchmod(file.fileno(), stat.S_IMODE(os.stat(path).st_mode))
             file.writelines(pieces)
         os.replace(partial, path)
