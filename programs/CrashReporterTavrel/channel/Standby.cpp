@@ -48,6 +48,9 @@ int Standby::run() {
         waitForEvents();
         mindRequest();
     }
+    while (guardian_ && !guardian_->gone()) {
+        waitForEvents();
+    }
     return 0;
 }
 
@@ -84,8 +87,9 @@ int Standby::waitMs() const {
 
 void Standby::waitForEvents() {
     std::array<pollfd, 3> waits{{
-        // A request that waits must not spin the loop; the channel's end shows in any case.
-        {service_.channel.fd(), static_cast<short>(waiting_ ? 0 : POLLIN), 0},
+        // A request that waits must not spin the loop, nor the channel's end, which shows always.
+        {service_.channel.isShut() ? -1 : service_.channel.fd(),
+         static_cast<short>(waiting_ ? 0 : POLLIN), 0},
         {guardian_->fd(), POLLIN, 0},
         {signals_.get(), POLLIN, 0},
     }};

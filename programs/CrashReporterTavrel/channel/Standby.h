@@ -18,7 +18,8 @@ namespace Zendrik::Reporter {
 /// - When a request is older than `holdLimit`, it kills the worker that holds the process, and lets
 ///   the process go. For that it needs nobody else: the guardian may hang, or be held by a
 ///   debugger.
-/// - When the channel is shut, it ends. SIGTERM shuts it.
+/// - When the channel is shut, it ends after its guardian, which may have been stopped while it
+///   finishes a report. SIGTERM shuts it.
 ///
 /// When this process has died, its guardian takes its place and starts a guardian of its own. Only
 /// while both are dead or stopped a crash leaves the launcher waiting: it holds the channel itself,
@@ -33,8 +34,8 @@ class Standby {
   public:
     explicit Standby(const Service& service);
 
-    /// Stands by until the channel is shut. Should no guardian be startable, it shuts the channel:
-    /// crashes leave no dump then, but end.
+    /// Stands by until the channel is shut and the guardian has ended. Should no guardian be
+    /// startable, it shuts the channel: crashes leave no dump then, but end.
     /// @return the exit status of the process, 0
     int run();
 

@@ -159,6 +159,14 @@ class ReporterTest(CrashTest):
         # The next guardian serves the same crash, under the same name.
         self.assertEqual((crashed.ended.status, len(crashed.reports), crashed.others), (-signal.SIGSEGV, 1, []))
 
+    def test_guardian_is_woken_while_it_finishes_a_report(self):
+        tree = self.scratch_tree(recorder=False)
+        frames = tree.bin / "tavrelFrames"
+        frames.unlink()
+        frames.write_text("#!/bin/sh\nread -r _ _ _ guardian _ </proc/$PPID/stat\nkill -STOP $guardian\n")
+        frames.chmod(0o755)
+        self.assertEqual(len(self.crash(tree, "native").reports), 1)  # awaits the end of the reporter
+
     def test_nobody_reads_what_it_says(self):
         tree = self.scratch_tree(recorder=False)
         process, _, _ = self.start_waiting(tree, "after_go")
