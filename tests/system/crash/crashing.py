@@ -9,17 +9,24 @@ import mmap
 import os
 import shutil
 import signal
+import struct
 import sys
 import tempfile
 import threading
+import time
 
 LIBC = ctypes.CDLL(None)
-GETTID = 186
+GETTID, EXIT, SA_ONSTACK = 186, 60, 0x08000000
 PTRACE_CONT, PTRACE_SEIZE, WALL = 7, 0x4206, 0x40000000
 
 
 def announce():
     print(os.getpid(), LIBC.syscall(GETTID), flush=True)
+
+
+def read(path):
+    with open(path) as file:
+        return file.read()
 
 
 def crash_by_address(strlen=LIBC.strlen):
@@ -35,6 +42,16 @@ def in_handler():
     announce()
     handler = ctypes.CFUNCTYPE(None, ctypes.c_int)(lambda number: crash_by_address())
     LIBC.signal(signal.SIGUSR1, handler)
+    getattr(LIBC, "raise")(signal.SIGUSR1)
+
+
+def on_another_stack():
+    announce()
+    stack = ctypes.create_string_buffer(1 << 18)
+    LIBC.sigaltstack(struct.pack("PiP", ctypes.addressof(stack), 0, len(stack)), None)
+    handler = ctypes.CFUNCTYPE(None, ctypes.c_int)(lambda number: crash_by_address())
+    LIBC.sigaction(signal.SIGUSR1, struct.pack("P128xi4xP", ctypes.cast(handler, ctypes.c_void_p).value,
+                                               SA_ONSTACK, 0), None)
     getattr(LIBC, "raise")(signal.SIGUSR1)
 
 
@@ -55,6 +72,16 @@ def in_thread():
     thread.join()
 
 
+def without_first_thread():
+    def crash():
+        first = "/proc/self/task/%d/stat" % os.getpid()
+        while ") Z" not in read(first):
+            time.sleep(0.001)
+        native()
+    threading.Thread(target=crash).start()
+    LIBC.syscall(EXIT, 0)  # the thread alone
+
+
 def overflow():
     announce()
     sys.setrecursionlimit(1 << 30)
@@ -66,7 +93,12 @@ def overflow():
 
 def wide_overflow():
     announce()
-    ctypes.CDLL(os.environ["WIDE_FRAMES"]).enterWideFrames(0)
+    ctypes.CDLL(os.environ["WIDE_FRAMES"]).enterWideFrames(-1)
+
+
+def deep():
+    announce()
+    ctypes.CDLL(os.environ["WIDE_FRAMES"]).enterWideFrames(20)
 
 
 def abort():
@@ -86,6 +118,13 @@ def bus():
 def division():
     announce()
     LIBC.div(1, 0)
+
+
+def int3():
+    announce()
+    page = mmap.mmap(-1, mmap.PAGESIZE, prot=mmap.PROT_READ | mmap.PROT_WRITE | mmap.PROT_EXEC)
+    page.write(b"\xcc\xc3")
+    ctypes.CFUNCTYPE(None)(ctypes.addressof(ctypes.c_char.from_buffer(page)))()
 
 
 def in_python():

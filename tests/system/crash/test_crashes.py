@@ -5,6 +5,7 @@ import os
 import re
 import signal
 import stat
+import subprocess
 import tempfile
 import unittest
 
@@ -45,12 +46,24 @@ KINDS = [
     ("in_python", signal.SIGSEGV, True, r"  #0 +libpython3.7m.so.1.0  PyObject_Str .* in in_python\n"),
     ("finalising", signal.SIGSEGV, True, r" in crash_by_address\n[^\n]* in __del__\n"),
     ("two_threads", signal.SIGSEGV, False, r" in crash\n"),
+    ("int3", signal.SIGTRAP, True, r" in int3\n"),
+    ("deep", signal.SIGILL, True, r"( enterWideFrames [^\n]*\n[^\n]*){3}.* in deep\n"),
+    ("on_another_stack", signal.SIGSEGV, True, r" in <lambda>\n.* raise .* in on_another_stack\n"),
+]
+# What a launcher that dumps itself can't.
+KINDS_FROM_OUTSIDE = [
+    ("without_first_thread", signal.SIGSEGV, True, r" in native\n.*\nModules: .*/bin/tavrel\n"),
 ]
 
 
+def crashed_thread(text):
+    """The lines of the crashed thread's stack."""
+    return text.partition("\nCrashed thread ")[2].partition("\n\n")[0].splitlines()[1:]
+
+
 class CrashesTest(CrashTest):
-    def check(self, tree, reports):
-        for kind, number, named, story in KINDS:
+    def check(self, tree, kinds, reports):
+        for kind, number, named, story in kinds:
             if THREAD_SANITIZED and kind in ("in_handler", "under_faulthandler"):
                 continue
             with self.subTest(kind):
@@ -67,19 +80,22 @@ class CrashesTest(CrashTest):
                 for report in crashed.reports:
                     text = report.read_text()
                     self.assertIn(f"\nCrashed thread {thread}", text)
-                    self.assertRegex(text, f"(?s)\nSignal:      {number.name}.*{story}")
+                    self.assertRegex(text, f"(?s)\nRun mode:    script\n.*\nSignal:      {number.name}.*{story}")
+                    again = subprocess.run([tree.bin / "tavrelStack", crashed.dumps[0]], stdout=subprocess.PIPE,
+                                           check=True)
+                    self.assertEqual(crashed_thread(again.stdout.decode()), crashed_thread(text))
                     self.assertIn(f"CrashReporterTavrel: process {crashed.pid} has crashed; its dump is "
                                   f"{crashed.dumps[0]}, its report is {report}\n", crashed.ended.err)
                 for dump in crashed.dumps:
                     dump.unlink()
 
     def test_out_of_process(self):
-        self.check(self.scratch_tree(recorder=False), reports=1)
+        self.check(self.scratch_tree(recorder=False), KINDS + KINDS_FROM_OUTSIDE, reports=1)
 
     def test_in_process(self):
         tree = self.scratch_tree(recorder=False)
         (tree.bin / "CrashReporterTavrel").unlink()
-        self.check(tree, reports=0)
+        self.check(tree, KINDS, reports=0)
 
     def test_report_tells_what_was_running_and_where_it_stood(self):
         crashed = self.crash(self.scratch_tree(recorder=False), "in_thread")
