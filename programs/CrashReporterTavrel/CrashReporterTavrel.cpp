@@ -19,8 +19,8 @@
 
 #include "process/DescriptorIo.h"
 #include "process/StandardStreams.h"
-#include "programs/CrashReporterTavrel/channel/Standby.h"
-#include "programs/CrashReporterTavrel/report/Announcement.h"
+#include "programs/CrashReporterTavrel/Standby.h"
+#include "programs/CrashReporterTavrel/channel/Announcement.h"
 
 namespace {
 

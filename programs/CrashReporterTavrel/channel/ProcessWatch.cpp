@@ -10,7 +10,7 @@
 #include <string>
 
 #include "process/ProcessLife.h"
-#include "programs/CrashReporterTavrel/dump/ProcessSnapshot.h"
+#include "programs/CrashReporterTavrel/report/ProcessSnapshot.h"
 
 namespace Zendrik::Reporter {
 

@@ -14,7 +14,7 @@
 #include <string_view>
 
 #include "process/DescriptorIo.h"
-#include "programs/CrashReporterTavrel/dump/DumpFolder.h"
+#include "programs/CrashReporterTavrel/folder/DumpFolder.h"
 #include "programs/CrashReporterTavrel/report/SignalText.h"
 #include "stacks/PrintableText.h"
 #include "stacks/Registers.h"

@@ -10,7 +10,7 @@
 #include <ctime>
 #include <string>
 
-#include "programs/CrashReporterTavrel/dump/ProcessSnapshot.h"
+#include "programs/CrashReporterTavrel/report/ProcessSnapshot.h"
 #include "stacks/NativeFrames.h"
 #include "stacks/PythonStacks.h"
 #include "stacks/StackCapture.h"

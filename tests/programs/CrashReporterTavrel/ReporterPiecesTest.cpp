@@ -16,10 +16,10 @@
 #include <stdexcept>
 
 #include "process/ProcessLife.h"
-#include "programs/CrashReporterTavrel/dump/DumpFolder.h"
-#include "programs/CrashReporterTavrel/dump/ProcessSnapshot.h"
-#include "programs/CrashReporterTavrel/question/KeepPrompt.h"
+#include "programs/CrashReporterTavrel/folder/DumpFolder.h"
 #include "programs/CrashReporterTavrel/report/CrashReport.h"
+#include "programs/CrashReporterTavrel/report/KeepPrompt.h"
+#include "programs/CrashReporterTavrel/report/ProcessSnapshot.h"
 #include "programs/CrashReporterTavrel/report/SignalText.h"
 
 namespace Zendrik::Reporter {

@@ -1,4 +1,4 @@
-#include "programs/CrashReporterTavrel/question/KeepPrompt.h"
+#include "programs/CrashReporterTavrel/report/KeepPrompt.h"
 
 #include <fcntl.h>
 #include <signal.h>

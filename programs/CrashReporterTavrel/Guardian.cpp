@@ -1,4 +1,4 @@
-#include "programs/CrashReporterTavrel/channel/Guardian.h"
+#include "programs/CrashReporterTavrel/Guardian.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -13,8 +13,8 @@
 
 #include "process/DescriptorIo.h"
 #include "process/ProcessLife.h"
+#include "programs/CrashReporterTavrel/channel/Announcement.h"
 #include "programs/CrashReporterTavrel/channel/HandledSignals.h"
-#include "programs/CrashReporterTavrel/report/Announcement.h"
 
 namespace Zendrik::Reporter {
 

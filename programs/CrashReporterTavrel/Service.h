@@ -2,7 +2,7 @@
 
 #include "programs/CrashReporterTavrel/channel/ProcessWatch.h"
 #include "programs/CrashReporterTavrel/channel/ReportChannel.h"
-#include "programs/CrashReporterTavrel/dump/DumpFolder.h"
+#include "programs/CrashReporterTavrel/folder/DumpFolder.h"
 
 namespace Zendrik::Reporter {
 

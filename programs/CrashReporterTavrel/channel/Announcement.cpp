@@ -1,4 +1,4 @@
-#include "programs/CrashReporterTavrel/report/Announcement.h"
+#include "programs/CrashReporterTavrel/channel/Announcement.h"
 
 #include <fcntl.h>
 #include <limits.h>

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "programs/CrashReporterTavrel/channel/ReportChannel.h"
-#include "programs/CrashReporterTavrel/dump/DumpFolder.h"
+#include "programs/CrashReporterTavrel/folder/DumpFolder.h"
 #include "stacks/LiveCapture.h"
 
 namespace Zendrik::Reporter {

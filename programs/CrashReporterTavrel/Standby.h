@@ -6,7 +6,7 @@
 #include <optional>
 
 #include "process/ScopedFd.h"
-#include "programs/CrashReporterTavrel/channel/Service.h"
+#include "programs/CrashReporterTavrel/Service.h"
 
 namespace Zendrik::Reporter {
 

@@ -1,4 +1,4 @@
-#include "programs/CrashReporterTavrel/dump/ProcessSnapshot.h"
+#include "programs/CrashReporterTavrel/report/ProcessSnapshot.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "process/ScopedFd.h"
-#include "programs/CrashReporterTavrel/channel/Service.h"
-#include "programs/CrashReporterTavrel/dump/DumpFolder.h"
-#include "programs/CrashReporterTavrel/dump/DumpWorker.h"
+#include "programs/CrashReporterTavrel/Service.h"
+#include "programs/CrashReporterTavrel/Worker.h"
+#include "programs/CrashReporterTavrel/folder/DumpFolder.h"
 
 namespace Zendrik::Reporter {
 

@@ -1,4 +1,4 @@
-#include "programs/CrashReporterTavrel/dump/DumpFolder.h"
+#include "programs/CrashReporterTavrel/folder/DumpFolder.h"
 
 #include <fcntl.h>
 #include <google_breakpad/common/minidump_format.h>
@@ -22,7 +22,7 @@
 #include <vector>
 
 #include "process/DescriptorIo.h"
-#include "programs/CrashReporterTavrel/dump/FolderNames.h"
+#include "programs/CrashReporterTavrel/folder/FolderNames.h"
 
 namespace Zendrik::Reporter {
 

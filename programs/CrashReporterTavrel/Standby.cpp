@@ -1,4 +1,4 @@
-#include "programs/CrashReporterTavrel/channel/Standby.h"
+#include "programs/CrashReporterTavrel/Standby.h"
 
 #include <poll.h>
 #include <signal.h>
@@ -12,9 +12,9 @@
 #include <cstring>
 #include <string>
 
-#include "programs/CrashReporterTavrel/channel/Guardian.h"
+#include "programs/CrashReporterTavrel/Guardian.h"
+#include "programs/CrashReporterTavrel/channel/Announcement.h"
 #include "programs/CrashReporterTavrel/channel/HandledSignals.h"
-#include "programs/CrashReporterTavrel/report/Announcement.h"
 #include "stacks/ProcFiles.h"
 
 namespace Zendrik::Reporter {

@@ -1,4 +1,4 @@
-#include "programs/CrashReporterTavrel/dump/DumpWorker.h"
+#include "programs/CrashReporterTavrel/Worker.h"
 
 #include <client/linux/handler/exception_handler.h>
 #include <client/linux/minidump_writer/minidump_writer.h>
@@ -17,12 +17,12 @@
 #include <iterator>
 #include <utility>
 
+#include "programs/CrashReporterTavrel/channel/Announcement.h"
 #include "programs/CrashReporterTavrel/channel/HandledSignals.h"
 #include "programs/CrashReporterTavrel/dump/CrashDumper.h"
-#include "programs/CrashReporterTavrel/dump/ProcessSnapshot.h"
-#include "programs/CrashReporterTavrel/question/KeepPrompt.h"
-#include "programs/CrashReporterTavrel/report/Announcement.h"
 #include "programs/CrashReporterTavrel/report/CrashReport.h"
+#include "programs/CrashReporterTavrel/report/KeepPrompt.h"
+#include "programs/CrashReporterTavrel/report/ProcessSnapshot.h"
 #include "stacks/NativeFrames.h"
 #include "stacks/ProcFiles.h"
 #include "stacks/PythonStream.h"
