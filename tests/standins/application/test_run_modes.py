@@ -257,6 +257,13 @@ class RunModesTest(unittest.TestCase):
                                      env=self.environment, timeout=DEADLINE),
                          rb"tavrel: file 2 of 2 after \d+\.\d s: .*script.py")
 
+    def test_answers_that_can_not_be_written(self):
+        for option in ("--help", "--version", "--print=tree", "--system-info"):
+            with open("/dev/full", "w") as full:
+                status, _, errors = self.run_tavrel("--batch", option, stdout=full)
+            self.assertEqual((status, errors), (1, [
+                "tavrel: standard output could not be written: No space left on device"]), option)
+
     def test_reports(self):
         for mode, text, status, expected in REPORTS:
             with self.subTest(mode, text=text):

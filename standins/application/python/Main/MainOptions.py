@@ -176,6 +176,12 @@ def _printAndEnd(text, status=0):
         # The reader has seen enough. The interpreter would complain at its end, so it gets a
         # standard output that takes everything.
         sys.stdout = None
+    except OSError as error:
+        import MainLogging
+        # Else what is left would be tried, and complained of, once more at the end.
+        sys.stdout = sys.__stdout__ = None
+        MainLogging.PrintToStderr("tavrel: standard output could not be written: %s\n" % error.strerror)
+        status = 1
     sys.exit(status)
 
 
