@@ -58,7 +58,7 @@ install(DIRECTORY examples DESTINATION share/doc/tavrel COMPONENT words
 
 # Only a package that owns /usr may put these there, so a plain `cmake --install` leaves them out.
 file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/packaging)
-foreach(command tavrel tavrelStack)
+foreach(command tavrel tavrelStack tavrelInfo)
   file(CREATE_LINK /opt/tavrel/bin/${command} ${CMAKE_BINARY_DIR}/packaging/${command} SYMBOLIC)
   install(FILES ${CMAKE_BINARY_DIR}/packaging/${command} DESTINATION bin COMPONENT desktop
     EXCLUDE_FROM_ALL)

@@ -13,6 +13,7 @@
 #include "UTIL/src/PythonReference.h"
 #include "UTIL/src/PythonSearchPath.h"
 #include "UTIL/src/TavrelBootstrap.h"
+#include "base/TreeFolders.h"
 
 namespace UTIL {
 
@@ -44,17 +45,9 @@ TreeLayout::TreeLayout(const std::string& root) {
     home = binFolder + "python3.7";
     executable = home + "/bin/python" + version;
     sitePackages = library + "/site-packages";
-    folders = {home,
-               archive,
-               library,
-               library + "/lib-dynload",
-               sitePackages,
-               root + "/bin",
-               root + "/bin/python",
-               root + "/bin/python/python_tavrel",
-               root + "/bin/python/Main",
-               root + "/plugins/Resources/Core/Plugins",
-               root};
+    for (const char* const folder : Zendrik::Base::pythonFolders) {
+        folders.push_back(root + folder);
+    }
 }
 
 // Has this thread decode text beyond ASCII as UTF-8 while it lives. Before the interpreter has

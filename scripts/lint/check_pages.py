@@ -10,8 +10,8 @@ TOP = pathlib.Path(__file__).resolve().parents[2]
 PRODUCT = ("base", "crash", "process", "UTIL", "MAIN", "standins", "programs", "python")
 # Tables of what the interpreter and the loader read, not this project's code.
 FOREIGN_SECTIONS = ("Other people's settings", "The interpreter's own variables")
-# sysconf's names, X11's atoms, codes of signals
-NO_SETTINGS = re.compile(r"SC_|WM_|(SEGV|BUS|FPE|ILL|TRAP)_")
+# sysconf's names, X11's atoms, os-release's names, what makes the loader trace, codes of signals
+NO_SETTINGS = re.compile(r"SC_|WM_|PRETTY_|LD_(BIND|TRACE|WARN)|(SEGV|BUS|FPE|ILL|TRAP)_")
 
 NAME = r"(?:__)?[A-Z][A-Z0-9]*(?:_[A-Z0-9]+)*"
 IN_PRODUCT = (

@@ -1,0 +1,103 @@
+#include "programs/tavrelInfo/Child.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <system_error>
+
+#include "process/DescriptorIo.h"
+
+namespace Info {
+
+namespace {
+
+using Plexum3::Base::ScopedFd;
+
+constexpr int notExecuted = 127;
+
+[[noreturn]] void runAsChild(const std::function<int()>& work, int output, unsigned seconds) {
+    dup2(output, STDOUT_FILENO);
+    dup2(output, STDERR_FILENO);
+    // A disposition or mask that was handed down would keep the alarm away.
+    std::signal(SIGALRM, SIG_DFL);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    alarm(seconds);
+    const int status = work();
+    std::fflush(stdout);
+    _exit(status);
+}
+
+std::string readToEnd(int fd) {
+    std::string all;
+    char piece[4096];
+    boost::system::error_code error;
+    for (ssize_t count = 0;
+         (count = Plexum3::Base::readRetry(fd, piece, sizeof piece, &error)) > 0;) {
+        all.append(piece, static_cast<std::size_t>(count));
+    }
+    return all;
+}
+
+}  // namespace
+
+std::string ChildEnd::text() const {
+    if (status == -1) {
+        return "no process could be started";
+    }
+    return WIFSIGNALED(status) ? std::string("ended by signal: ") + strsignal(WTERMSIG(status))
+                               : "ended with status " + std::to_string(WEXITSTATUS(status));
+}
+
+ChildEnd inChild(const std::function<int()>& work, unsigned seconds) {
+    ScopedFd readEnd;
+    ScopedFd writeEnd;
+    ChildEnd end;
+    end.status = -1;
+    try {
+        Plexum3::Base::createPipe(readEnd, writeEnd);
+    } catch (const std::exception& error) {
+        end.output = error.what();
+        return end;
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        runAsChild(work, writeEnd.get(), seconds);
+    }
+    if (child < 0) {
+        end.output = std::strerror(errno);
+        return end;
+    }
+    writeEnd.reset();
+    end.output = readToEnd(readEnd.get());
+    while (waitpid(child, &end.status, 0) < 0 && errno == EINTR) {
+    }
+    return end;
+}
+
+ChildEnd runProgram(const std::vector<std::string>& words,
+                    const std::vector<std::pair<std::string, std::string>>& variables,
+                    unsigned seconds) {
+    const auto work = [&] {
+        for (const auto& [name, value] : variables) {
+            setenv(name.c_str(), value.c_str(), /*overwrite=*/1);
+        }
+        std::vector<char*> arguments;
+        for (const std::string& word : words) {
+            arguments.push_back(const_cast<char*>(word.c_str()));
+        }
+        arguments.push_back(nullptr);
+        execvp(arguments.front(), arguments.data());
+        std::printf("%s: %s\n", arguments.front(), std::strerror(errno));
+        return notExecuted;
+    };
+    return inChild(work, seconds);
+}
+
+}  // namespace Info

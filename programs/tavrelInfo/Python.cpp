@@ -1,0 +1,185 @@
+#include <boost/algorithm/string.hpp>
+#include <dlfcn.h>
+#include <glob.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <regex>
+
+#include "programs/tavrelInfo/Child.h"
+#include "programs/tavrelInfo/EntryScriptNeeds.h"
+#include "programs/tavrelInfo/Modules.h"
+#include "programs/tavrelInfo/Parts.h"
+
+namespace Info {
+
+namespace {
+
+std::string contentOf(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// The library's own word; it may be asked before it is initialised.
+void addVersion(const std::string& home, Findings& findings) {
+    const std::string file = home + "/lib/libpython3.7m.so.1.0";
+    const ChildEnd end = inChild([&] {
+        void* const library = dlopen(file.c_str(), RTLD_LAZY | RTLD_LOCAL);
+        void* const function = library == nullptr ? nullptr : dlsym(library, "Py_GetVersion");
+        if (function == nullptr) {
+            std::fputs(dlerror(), stdout);
+            return 1;
+        }
+        std::fputs(reinterpret_cast<const char* (*)()>(function)(), stdout);
+        return 0;
+    });
+    const std::string answer = end.output.empty() ? end.text() : end.output;
+    if (end.isSuccess() && boost::starts_with(answer, "3.7.")) {
+        findings.add("interpreter", "Python " + answer.substr(0, answer.find(' ')) + ", " + home);
+    } else {
+        findings.wrong("interpreter", "no Python 3.7: " + answer);
+    }
+}
+
+std::string compiledFile(const std::string& library) {
+    for (const char* const name : {"/os.pyc", "/__pycache__/os.cpython-37.pyc"}) {
+        if (access((library + name).c_str(), R_OK) == 0) {
+            return library + name;
+        }
+    }
+    return "";
+}
+
+void addByteCode(const std::string& library, Findings& findings) {
+    const std::string file = compiledFile(library);
+    std::uint32_t magic = 0;
+    const std::string content = contentOf(file).substr(0, sizeof magic);
+    if (content.size() != sizeof magic) {
+        findings.unsure("byte code", "not compared: no compiled os module in " + library);
+        return;
+    }
+    std::memcpy(&magic, content.data(), sizeof magic);
+    if (magic == byteCodeMagic) {
+        findings.add("byte code", "of the entry script's format");
+    } else {
+        findings.wrong("byte code", file + " is of another format than the entry script");
+    }
+}
+
+void addStandardLibrary(const std::string& home, Findings& findings) {
+    const std::string library = home + "/lib/python3.7";
+    if (access((library + "/os.py").c_str(), R_OK) != 0 &&
+        access((library + "/os.pyc").c_str(), R_OK) != 0) {
+        findings.wrong("standard library",
+                       "missing in " + library + "; without it no run starts (status 1)");
+    } else {
+        findings.add("standard library", library);
+    }
+    glob_t modules = {};
+    const bool isAny = glob((library + "/lib-dynload/*.so").c_str(), 0, nullptr, &modules) == 0;
+    const std::string count = std::to_string(modules.gl_pathc);
+    globfree(&modules);
+    if (isAny) {
+        findings.add("lib-dynload", count + " extension modules");
+    } else {
+        findings.wrong("lib-dynload", "no extension module in " + library + "/lib-dynload");
+    }
+    addByteCode(library, findings);
+}
+
+bool isWordIn(const std::string& word, const std::string& content) {
+    const auto isLetter = [&](std::size_t place) {
+        return place < content.size() &&
+               (std::isalnum(static_cast<unsigned char>(content[place])) != 0 ||
+                content[place] == '_');
+    };
+    for (std::size_t at = content.find(word); at != std::string::npos;
+         at = content.find(word, at + 1)) {
+        if (!isLetter(at - 1) && !isLetter(at + word.size())) {
+            return true;
+        }
+    }
+    return false;
+}
+
+enum class Presence { There, Missing, Unsure };
+
+/// Whether a module's file gives a name. Source can be read; byte code and extensions hold the name
+/// as a word at least. Names may also come from elsewhere, which only an import would show.
+Presence presenceOf(const std::string& name, const std::string& file) {
+    const std::string content = contentOf(file);
+    if (!boost::ends_with(file, ".py")) {
+        return isWordIn(name, content) ? Presence::There : Presence::Missing;
+    }
+    static const std::regex elsewhere(R"(import\s*\*|\b(__getattr__|globals|setattr)\b)");
+    const std::regex definition("\\b(def|class|import|as)\\s+" + name + "\\b|\\b" + name +
+                                R"(\s*(,[\w\s,]*)?(:[^=\n]*)?=[^=]|import[^\n]*\b)" + name + "\\b");
+    if (std::regex_search(content, definition)) {
+        return Presence::There;
+    }
+    return isWordIn(name, content) || std::regex_search(content, elsewhere) ? Presence::Unsure
+                                                                            : Presence::Missing;
+}
+
+/// Of "a.b" of a package, a is a module in it, or a name; b is looked for where a was found.
+Presence presenceOfUse(const std::string& root, const NeededModule& module, const std::string& use,
+                       const std::string& file) {
+    const std::string first = use.substr(0, use.find('.'));
+    const std::string inner = findModule(root, module.name + "." + first);
+    if (use.size() == first.size()) {
+        return inner.empty() ? presenceOf(first, file) : Presence::There;
+    }
+    const std::string last = use.substr(use.rfind('.') + 1);
+    const Presence found = presenceOf(last, inner.empty() ? file : inner);
+    return found == Presence::Missing && inner.empty() && !isExtension(file) ? Presence::Unsure
+                                                                             : found;
+}
+
+void addNames(const std::string& root, const NeededModule& module, const std::string& file,
+              const std::string& from, Findings& findings) {
+    std::string unsure;
+    bool isWhole = true;
+    for (const std::string& use : module.uses) {
+        const Presence found = presenceOfUse(root, module, use, file);
+        if (found == Presence::Missing) {
+            findings.wrong(module.name + "." + use, "not in " + file + from);
+            isWhole = false;
+        } else if (found == Presence::Unsure) {
+            unsure += " " + use;
+        }
+    }
+    if (!unsure.empty()) {
+        findings.unsure(module.name,
+                        file + "; without importing it can't be said whether it has" + unsure);
+    } else if (isWhole) {
+        findings.add(module.name, file);
+    }
+}
+
+}  // namespace
+
+void lookAtPython(const std::string& root, Findings& findings) {
+    findings.section("Python");
+    const std::string home = root + "/bin/python3.7";
+    addVersion(home, findings);
+    addStandardLibrary(home, findings);
+    const bool hasArchive = access((home + "/lib/python37.zip").c_str(), F_OK) == 0;
+    for (const NeededModule& module : neededModules()) {
+        const std::string from = module.importedIn.empty()
+                                     ? "; every run needs it"
+                                     : "; " + module.importedIn + "() of the entry script needs it";
+        const std::string file = findModule(root, module.name);
+        if (file.empty() && hasArchive) {
+            findings.unsure(module.name, "not found, but python37.zip isn't looked into");
+        } else if (file.empty()) {
+            findings.wrong(module.name, "no such module" + from);
+        } else if (!module.isOfLibrary) {
+            addNames(root, module, file, from, findings);
+        }
+    }
+}
+
+}  // namespace Info
