@@ -148,28 +148,21 @@ class ModulesTest(unittest.TestCase):
             WholeFile.Write(path + ".pipe", [b"text"])
             self.assertEqual(pipe.read(), b"text")
 
-    def test_system_info_holds_the_tree_against_its_manifest(self):
+    def test_system_info_adds_the_run_to_what_is_found_of_the_tree(self):
         root, home = self.folder + "/tree", self.folder + "/home"
-        self.put("tree/good\udce9", "text")
-        self.put("tree/bad", "texts")
-        os.symlink(TREE + "/bin", root + "/bin")
+        os.makedirs(root + "/bin")
         os.symlink(self.folder, home)
         Configuration.set("TAVREL_ROOT", root)
         Configuration.set("TAVREL_TMPDIR", home)
-        for names, isComplete, found in (
-                ([], True, "not checked"), (["good\udce9"], True, "all 1 as they were installed"),
-                (["bad", "good\udce9", "no", "\0"], False, "3 of 4 are not as they were installed\n"
-                 "  ?: embedded null byte\n  bad: changed\n  no: No such file or directory\n")):
-            if names:
-                self.put("tree/MANIFEST", "".join(
-                    "982d9e3eb996f559e633f4d194def3761d909f5a3b647d1a851fead67c32c9d1  %s\n" % name
-                    for name in names))
-            with mock.patch.dict(os.environ, HOME=home):
+        for status in (0, 1):
+            with open(root + "/bin/tavrelInfo", "w") as program:
+                program.write("#!/bin/sh\necho '  tree  %s'\nexit %d\n" % (root, status))
+            os.chmod(root + "/bin/tavrelInfo", 0o755)
+            with mock.patch.dict(os.environ, HOME=home, SHOW="the launcher's"):
                 text, complete = MainSystemInfo.Report()
-            self.assertIn(found, text)
-            self.assertIn("\ntree           ~/tree\n", text)
-            self.assertEqual((complete, self.folder in text, "~/home" in text),
-                             (isComplete, False, False), text)
+            self.assertIn("  tree  ~/tree\nthis run\n  version ", text)
+            self.assertEqual((complete, self.folder in text, "launcher's" in text),
+                             (status == 0, False, False), text)
 
     def test_manifests_of_plugins_are_found_in_the_order_of_their_paths(self):
         Configuration.set("TAVREL_ROOT", self.folder)
