@@ -1,6 +1,5 @@
 #include "programs/CrashReporterTavrel/channel/ProcessWatch.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -10,7 +9,7 @@
 #include <string>
 
 #include "process/ProcessLife.h"
-#include "programs/CrashReporterTavrel/report/ProcessSnapshot.h"
+#include "stacks/ProcFiles.h"
 
 namespace Zendrik::Reporter {
 
@@ -25,8 +24,7 @@ int openPidfd(pid_t pid) {
 
 // 'T' in proc(5): stopped by a signal. A tracer's stop is 't'.
 bool isStopped(pid_t pid) {
-    constexpr std::size_t limit = 1024;
-    const std::string stat = readText(AT_FDCWD, "/proc/" + std::to_string(pid) + "/stat", limit);
+    const std::string stat = Stacks::readProcFile(pid, "stat");
     const std::size_t nameEnd = stat.rfind(')');
     return nameEnd != std::string::npos && stat.compare(nameEnd, 3, ") T") == 0;
 }

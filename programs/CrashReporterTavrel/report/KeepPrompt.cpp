@@ -1,17 +1,18 @@
 #include "programs/CrashReporterTavrel/report/KeepPrompt.h"
 
 #include <fcntl.h>
-#include <signal.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
+#include <poll.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <algorithm>
+#include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <sstream>
 #include <vector>
 
-#include "base/ExecPointers.h"
+#include "process/Subprocess.h"
+#include "programs/CrashReporterTavrel/channel/ProcessWatch.h"
 
 namespace Zendrik::Reporter {
 
@@ -72,74 +73,37 @@ std::string filledIn(std::string argument, const std::string& text, int seconds)
     return argument;
 }
 
-[[noreturn]] void childRun(const std::string& program, const std::vector<std::string>& arguments) {
-    // The caller has one thread, so the child may use the heap.
-    for (const int number :
-         {SIGINT, SIGQUIT, SIGHUP, SIGPIPE, SIGTERM, SIGTSTP, SIGTTIN, SIGTTOU, SIGXFSZ}) {
-        static_cast<void>(signal(number, SIG_DFL));  // fails for no signal of this list
-    }
-    sigset_t none;
-    sigemptyset(&none);
-    static_cast<void>(sigprocmask(SIG_SETMASK, &none, nullptr));
-    const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
-    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
-        if (dup2(null, fd) < 0) {
-            _exit(127);
-        }
-    }
-    // The launcher's files are not the dialog's. An old kernel leaves them open.
-    static_cast<void>(syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, 0));
-    std::vector<std::string> argv = {program};
-    argv.insert(argv.end(), arguments.begin(), arguments.end());
-    static_cast<void>(execv(program.c_str(), Base::execPointers(argv).data()));
-    _exit(127);
-}
-
-// Blocks SIGCHLD while it lives, so that the end of a child can be waited for with a time limit.
-class BlockedSigchld {
-  public:
-    BlockedSigchld() {
-        sigemptyset(&set_);
-        sigaddset(&set_, SIGCHLD);
-        static_cast<void>(sigprocmask(SIG_BLOCK, &set_, &before_));
-    }
-    ~BlockedSigchld() { static_cast<void>(sigprocmask(SIG_SETMASK, &before_, nullptr)); }
-    BlockedSigchld(const BlockedSigchld&) = delete;
-    BlockedSigchld& operator=(const BlockedSigchld&) = delete;
-
-    // False when `limit` seconds are over first.
-    bool await(int limit) const {
-        const timespec time{limit, 0};
-        int signal = 0;
-        do {
-            signal = sigtimedwait(&set_, nullptr, &time);
-        } while (signal < 0 && errno == EINTR);
-        return signal == SIGCHLD;
-    }
-
-  private:
-    sigset_t set_{};
-    sigset_t before_{};
-};
-
-// The exit status; -1 when the child did not exit by itself within the limit.
+// The exit status; -1 when the dialog did not exit by itself within the limit, or was not started.
 int runDialog(const std::string& program, const std::vector<std::string>& arguments,
               int limitSeconds) {
-    const BlockedSigchld sigchld;
-    const pid_t child = fork();
-    if (child == 0) {
-        childRun(program, arguments);
-    }
-    if (child < 0) {
+    using Plexum3::Base::Subprocess;
+    using std::chrono::milliseconds;
+    using std::chrono::steady_clock;
+    const Plexum3::Base::ScopedFd null(open("/dev/null", O_RDWR | O_CLOEXEC));
+    Plexum3::Base::SubprocessOptions options;
+    options.args = {program};
+    options.args.insert(options.args.end(), arguments.begin(), arguments.end());
+    options.closeOtherDescriptors = true;  // the launcher's files are not the dialog's
+    options.stdinFd = options.stdoutFd = options.stderrFd = null.get();
+    const auto deadline = steady_clock::now() + std::chrono::seconds(limitSeconds);
+    const auto msLeft = [deadline] {
+        return static_cast<int>(
+            std::chrono::ceil<milliseconds>(deadline - steady_clock::now()).count());
+    };
+    const Subprocess dialog = Subprocess::spawn(options);
+    if (dialog.pid() < 0) {
         return -1;
     }
-    if (!sigchld.await(limitSeconds)) {
-        static_cast<void>(kill(child, SIGKILL));  // not reaped yet, so the pid is still the child's
+    // Not its pipe, which a helper that it has left behind keeps open.
+    const ProcessWatch end(dialog.pid());
+    for (int left = msLeft(); left > 0 && !end.gone(); left = msLeft()) {
+        pollfd wait{end.fd(), POLLIN, 0};
+        const int interval = end.pollIntervalMs();
+        static_cast<void>(poll(&wait, 1, interval < 0 ? left : std::min(interval, left)));
     }
-    int status = 0;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    dialog.sendSignal(SIGKILL);  // to one that has ended, it does nothing
+    dialog.wait();
+    return dialog.exitCode();
 }
 
 }  // namespace

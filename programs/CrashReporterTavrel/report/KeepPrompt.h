@@ -14,6 +14,7 @@ bool hasDisplay();
 /// means Keep: a closed window, no such program, its failure, `limitSeconds` over.
 /// Runs one child at a time and has reaped it on return; the child gets no descriptor but
 /// /dev/null on 0 to 2.
+/// @throw boost::system::system_error, std::bad_alloc when no child can be made ready
 Answer askWhetherToKeep(const std::string& reportPath, int limitSeconds);
 
 }  // namespace Zendrik::Reporter
