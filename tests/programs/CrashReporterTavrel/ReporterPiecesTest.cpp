@@ -1,10 +1,16 @@
 // The reporter's pieces that take text, files and folders. tests/system/crash runs it as a whole.
 
+#include <client/linux/handler/exception_handler.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <google_breakpad/common/minidump_format.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
@@ -16,6 +22,7 @@
 #include <stdexcept>
 
 #include "process/ProcessLife.h"
+#include "programs/CrashReporterTavrel/Guardian.h"
 #include "programs/CrashReporterTavrel/folder/DumpFolder.h"
 #include "programs/CrashReporterTavrel/report/CrashReport.h"
 #include "programs/CrashReporterTavrel/report/KeepPrompt.h"
@@ -103,6 +110,80 @@ TEST(ProcessSnapshot, ReadsNumbersWhateverTheProcessIsCalled) {
     EXPECT_EQ(numberBehind(status, "VmRSS"), 34);
     EXPECT_EQ(numberBehind(status, "Threads"), -1);
     EXPECT_EQ(numberBehind(status, "VmSize"), -1);
+}
+
+TEST(ProcessWatch, WakesAStoppedProcessWhateverItIsCalled) {
+    const pid_t child = fork();
+    if (child == 0) {
+        static_cast<void>(prctl(PR_SET_NAME, "a) S ("));
+        static_cast<void>(raise(SIGSTOP));
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, WUNTRACED), child);
+    const ProcessWatch watch(child);
+    watch.wakeIfStopped();
+    EXPECT_EQ(waitpid(child, &status, WCONTINUED | WNOHANG), child);
+    static_cast<void>(kill(child, SIGCONT));
+    waitpid(child, &status, 0);
+    EXPECT_TRUE(watch.gone());
+}
+
+// As Breakpad's client does it: waits until the last copy of the pipe's write end is closed.
+void awaitDump(int channel, const google_breakpad::ExceptionHandler::CrashContext& crash,
+               std::size_t size) {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    iovec data{const_cast<google_breakpad::ExceptionHandler::CrashContext*>(&crash), size};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof ends[1])] = {};
+    msghdr message{};
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    cmsghdr* const header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(sizeof ends[1]);
+    std::memcpy(CMSG_DATA(header), &ends[1], sizeof ends[1]);
+    EXPECT_EQ(sendmsg(channel, &message, 0), static_cast<ssize_t>(size));
+    close(ends[1]);
+    pollfd end{ends[0], POLLIN, 0};
+    EXPECT_EQ(poll(&end, 1, 20000), 1) << "the guardian doesn't let the process go";
+    close(ends[0]);
+}
+
+TEST(Guardian, ServesAProcessOnceAndLetsGoWhatIsNoCrash) {
+    const ScratchFolder scratch;
+    ASSERT_EQ(setenv("TAVREL_CRASH_DIR", scratch.path.c_str(), 1), 0);
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
+    const Service service{ReportChannel(ends[0]), ProcessWatch(getpid()), false, newNameSeed()};
+    ASSERT_EQ(service.channel.whatIsWrong(), nullptr);
+    const pid_t test = getpid();
+    const pid_t guardian = fork();
+    if (guardian == 0) {
+        _exit(Guardian(service, test).run() == Guardian::End::Served ? 0 : 1);
+    }
+    google_breakpad::ExceptionHandler::CrashContext crash{};
+    crash.tid = test;
+    for (const int number : {SIGBUS, SIGFPE}) {
+        awaitDump(ends[1], crash, sizeof crash - 1);
+        crash.siginfo.si_signo = number;
+        awaitDump(ends[1], crash, sizeof crash);
+    }
+    service.channel.shut();
+    int status = -1;
+    EXPECT_EQ(waitpid(guardian, &status, 0), guardian);
+    EXPECT_EQ(status, 0);
+    int reports = 0;
+    for (const std::string& name : scratch.names()) {
+        if (name.substr(name.size() - 4) == ".txt") {
+            ++reports;
+            EXPECT_THAT(contentOf(scratch / name), testing::HasSubstr("\nSignal:      SIGBUS"));
+        }
+    }
+    EXPECT_EQ(reports, 1);
 }
 
 TEST(CrashReport, SessionIsTheLastEntryOfTheEnvironment) {
@@ -207,6 +288,11 @@ TEST(DumpFolder, RemovesTheOldestOfItsOwnPairsOnly) {
     std::filesystem::remove(scratch / (guidNumbered(3) + ".txt"));
     std::filesystem::create_symlink(guidNumbered(10) + ".txt",
                                     scratch / (guidNumbered(3) + ".txt"));
+    writePair(scratch, 5, heading);  // another user's, where this one may give files away
+    const bool givesAway = chown((scratch / (guidNumbered(5) + ".txt")).c_str(), 65534, 65534) == 0;
+    if (!givesAway) {
+        std::filesystem::remove(scratch / (guidNumbered(5) + ".txt"));
+    }
     writeFile(scratch / "notes.txt", heading);
     ASSERT_EQ(mkfifo((scratch / (guidNumbered(4) + ".txt")).c_str(), 0600), 0);
     const std::size_t before = scratch.names().size();
@@ -218,7 +304,7 @@ TEST(DumpFolder, RemovesTheOldestOfItsOwnPairsOnly) {
     EXPECT_EQ(scratch.names().size(), before);
     folder.removeOldest(2);
     EXPECT_EQ(scratch.names().size(), before - 6);
-    for (const int kept : {1, 2, 3, 13, 14}) {
+    for (const int kept : {1, 2, 3, 5, 13, 14}) {
         EXPECT_TRUE(std::filesystem::exists(scratch / (guidNumbered(kept) + ".dmp"))) << kept;
     }
 }
