@@ -193,7 +193,7 @@ TEST(CrashReport, SessionIsTheLastEntryOfTheEnvironment) {
     EXPECT_EQ(sessionIdOf(environment + 3), "");
 }
 
-TEST(SignalText, TellsWhatTheKernelTold) {
+TEST(SignalText, SaysWhatTheKernelReported) {
     constexpr pid_t pid = 100;
     constexpr std::uint64_t wild = 0x6161616161616161;
     const struct {
@@ -261,6 +261,13 @@ TEST(CrashReport, TakesInThePythonStackLogOfThisRunAlone) {
     }
 }
 
+DumpFolder opened(const ScratchFolder& scratch) {
+    int error = -1;
+    DumpFolder folder = DumpFolder::open(scratch.path, &error);
+    EXPECT_EQ(error, 0);
+    return folder;
+}
+
 std::string guidNumbered(int number) {
     char guid[40];
     static_cast<void>(std::snprintf(guid, sizeof guid, "%08x-0000-0000-00000000-00000000", number));
@@ -297,9 +304,7 @@ TEST(DumpFolder, RemovesTheOldestOfItsOwnPairsOnly) {
     ASSERT_EQ(mkfifo((scratch / (guidNumbered(4) + ".txt")).c_str(), 0600), 0);
     const std::size_t before = scratch.names().size();
 
-    int error = -1;
-    const DumpFolder folder = DumpFolder::open(scratch.path, &error);
-    ASSERT_EQ(error, 0);
+    const DumpFolder folder = opened(scratch);
     folder.removeOldest(5);
     EXPECT_EQ(scratch.names().size(), before);
     folder.removeOldest(2);
@@ -327,8 +332,7 @@ TEST(DumpFolder, OfCrashesAtOnceTheFirstIsKept) {
     for (int number = 10; number < 16; ++number) {  // without reports
         writeDumpAt(number, std::chrono::seconds(3600 - number));
     }
-    int error = -1;
-    const DumpFolder folder = DumpFolder::open(scratch.path, &error);
+    const DumpFolder folder = opened(scratch);
     folder.removeOldest(3);
     std::set<std::string> kept;
     for (const int number : {1, 10, 14, 15}) {
@@ -362,16 +366,13 @@ TEST(DumpFolder, SweepsUnfinishedFilesOfLongAgoAndNothingElse) {
             left.insert(test.name);
         }
     }
-    int error = -1;
-    DumpFolder::open(scratch.path, &error).sweep();
+    opened(scratch).sweep();
     EXPECT_EQ(scratch.names(), left);
 }
 
 TEST(DumpFolder, FollowsNoLinkAndReplacesNoDump) {
     const ScratchFolder scratch;
-    int error = -1;
-    const DumpFolder folder = DumpFolder::open(scratch.path, &error);
-    ASSERT_EQ(error, 0);
+    const DumpFolder folder = opened(scratch);
     writeFile(scratch / "taken.dmp", "old");
     writeFile(scratch / ".taken.dmp.new", "new");
     writeFile(scratch / "elsewhere", "");

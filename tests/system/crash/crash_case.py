@@ -13,6 +13,7 @@ sys.path.insert(0, str(HERE.parent))
 from launch import SystemTest  # noqa: E402  (found only with the line above)
 
 BREAKPAD = Path(os.environ["TAVREL_BREAKPAD_BIN"])
+LIMIT_SECONDS = 25  # of a wait; only a hang takes so long
 IN_PROCESS_FOLDER = Path("/var/tmp")
 
 

@@ -152,13 +152,6 @@ def truncated():
     with_module(b"module.so", lambda file: file.truncate(mmap.PAGESIZE))
 
 
-def damaged():
-    def change(file):
-        file.seek(32)  # where the tables are
-        file.write(b"\x7f" * 16)
-    with_module(b"module.so", change)
-
-
 def traced():
     """A debugger, at once: each signal is passed on."""
     announce()

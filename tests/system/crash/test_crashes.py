@@ -53,6 +53,9 @@ KINDS = [
 # What a launcher that dumps itself can't.
 KINDS_FROM_OUTSIDE = [
     ("without_first_thread", signal.SIGSEGV, True, r" in native\n.*\nModules: .*/bin/tavrel\n"),
+    # Names and contents of files cost no dump.
+    ("latin1", signal.SIGSEGV, True, r" in latin1\n.*\nModules: .*/caf\\xe9[.]so\n"),
+    ("truncated", signal.SIGSEGV, True, r" in truncated\n.*\nModules: .*/module.so\n"),
 ]
 
 
