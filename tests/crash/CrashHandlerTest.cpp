@@ -171,6 +171,10 @@ const std::string served =
 const std::string inProcess = "M Breakpad exception handler is In Process\n";
 const std::string noMessage =
     "E Crash reporting child process failed to return a success message\n" + inProcess;
+const std::string refused =
+    " N N 1\nreporter: ZK_SESSION_ID=; 3 arguments; channel open; prompt 1\n"
+    "E Crash reporter indicated failure to start\n" +
+    inProcess + "running 2 1\n";
 
 TEST(CrashHandler, StartsItsReporterOrServesInProcess) {
     // What is done before, the log behind its first lines, the reporter's fate and how many
@@ -198,6 +202,10 @@ TEST(CrashHandler, StartsItsReporterOrServesInProcess) {
              " N N 1\nM execv has continued... this means it failed to launch the crash reporter: "
              "(13: Permission denied)\n" +
              noMessage + "255 3 1\n"},
+        {[](Parameters& parameters) { parameters.setReporterName("refusingReporter"); },
+         channel + launch + "refusingReporter" + refused},
+        {[](Parameters& parameters) { parameters.setReporterName("puzzlingReporter"); },
+         channel + launch + "puzzlingReporter" + refused},
         // A signal doesn't end the wait.
         {[](Parameters& parameters) {
              isSilent = true;

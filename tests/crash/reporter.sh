@@ -7,6 +7,8 @@ echo "reporter: $sessions; $# arguments; channel ${channel:-closed}; prompt $3" 
 stay() { exec tail --pid="$PPID" -f /dev/null; }
 case ${0##*/} in
 servingReporter) printf '\001' >"/proc/$$/fd/$2" && stay ;;
+refusingReporter) printf '\000' >"/proc/$$/fd/$2" && stay ;;
+puzzlingReporter) printf 1 >"/proc/$$/fd/$2" && stay ;;
 # Interrupts the launcher's wait once.
 silentReporter) kill -USR1 "$PPID" && stay ;;
 esac
