@@ -134,6 +134,11 @@ class CrashesTest(CrashTest):
         self.assertEqual(self.blamed(crashed.dumps[0]), ("SIGSEGV", crashed.thread))
         self.assertIn(f"\nProcess:     {crashed.pid}\n", crashed.reports[0].read_text())
 
+    def test_child_in_a_process_namespace_of_its_own(self):
+        crashed = self.crash(self.scratch_tree(recorder=False), "child_in_namespace")
+        self.assertEqual((crashed.ended.status, len(crashed.dumps), len(crashed.reports)), (0, 1, 1))
+        self.assertRegex(crashed.reports[0].read_text(), r"\n  #\d+ .* in native\n")
+
     @unittest.skipUnless(os.path.isdir("/dev/shm"), "no tmpfs: a disk writes the log out at each call")
     def test_python_stack_stands_in_the_report(self):
         with tempfile.TemporaryDirectory(dir="/dev/shm") as folder:
