@@ -1,10 +1,13 @@
 #include "base/Log.h"
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <iomanip>
@@ -47,10 +50,22 @@ State& state() {
     return theState;
 }
 
+/// A FIFO without a reader: to open it for writing waits for one.
+bool wouldBlock(const std::string& path) {
+    const int descriptor = open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    if (descriptor < 0) {
+        return errno == ENXIO;
+    }
+    close(descriptor);
+    return false;
+}
+
 /// Null, with a line on standard error, if the file can't be opened.
 std::unique_ptr<std::ofstream> openForAppending(const std::string& path) {
-    auto file = std::make_unique<std::ofstream>(path, std::ios::out | std::ios::app);
-    if (file->fail()) {
+    auto file = wouldBlock(path)
+                    ? nullptr
+                    : std::make_unique<std::ofstream>(path, std::ios::out | std::ios::app);
+    if (!file || file->fail()) {
         std::cerr << "Zendrik::Log Error cannot open " << path << " for writing " << std::endl;
         file.reset();
     }

@@ -110,6 +110,8 @@ TEST_F(LogTest, DestinationComesFromTheEnvironment) {
     const std::string bareHome = folder_;
     const std::string file = folder_ / "own.log";
     const std::string unwritable = folder_ / "none/own.log";
+    const std::string fifo = folder_ / "fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     const struct {
         const char* file;
         const char* home;
@@ -122,6 +124,7 @@ TEST_F(LogTest, DestinationComesFromTheEnvironment) {
         {nullptr, nullptr, "", "one\ntwo\n"},
         {nullptr, bareHome.c_str(), "", failure(bareHome + "/Desktop/zendrik.log") + "one\ntwo\n"},
         {unwritable.c_str(), nullptr, "", failure(unwritable) + "one\ntwo\n"},
+        {fifo.c_str(), nullptr, "", failure(fifo) + "one\ntwo\n"},
     };
     for (const auto& each : cases) {
         SCOPED_TRACE(each.standardError + each.created);

@@ -176,6 +176,10 @@ TEST_F(Logging, GoesWhereTheFileAsksOrSaysWhatIsWrongWithIt) {
         EXPECT_IN_CHILD(logAtEveryLevel(text.empty() ? conf : write("log.conf", text)),
                         Eq(expected));
     }
+    std::filesystem::remove(conf);
+    ASSERT_EQ(mkfifo(conf.c_str(), 0600), 0);
+    EXPECT_IN_CHILD(logAtEveryLevel(conf), Eq(wrong + "Not a regular file" + byDefault));
+    std::filesystem::remove(conf);
     // The line that didn't fit was made for the file.
     EXPECT_IN_CHILD(logAtEveryLevel(write("log.conf", "[log]\nlevel=error\ndestination=/dev/full")),
                     testing::AllOf(testing::StartsWith("001\n" + unusable +

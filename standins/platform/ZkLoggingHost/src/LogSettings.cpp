@@ -3,6 +3,7 @@
 #include <boost/property_tree/ini_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 #include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -110,6 +111,17 @@ LogSettings parse(std::istream& stream) {
     return settings;
 }
 
+// A FIFO waits for a writer, a device such as /dev/zero has no end. /dev/null is an empty file.
+bool mayBlockOrNotEnd(const std::string& path) {
+    struct stat status = {};
+    struct stat null = {};
+    if (stat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode) || S_ISDIR(status.st_mode)) {
+        return false;
+    }
+    return stat("/dev/null", &null) != 0 || status.st_rdev != null.st_rdev ||
+           !S_ISCHR(status.st_mode);
+}
+
 LogSettings defaultsBecause(const std::string& path, const std::string& reason) {
     LogSettings settings;
     settings.complaint =
@@ -120,6 +132,9 @@ LogSettings defaultsBecause(const std::string& path, const std::string& reason) 
 }  // namespace
 
 LogSettings readLogSettings(const std::string& path) {
+    if (mayBlockOrNotEnd(path)) {
+        return defaultsBecause(path, "Not a regular file");
+    }
     std::ifstream stream(path);
     if (!stream) {
         const int error = errno;
