@@ -89,6 +89,7 @@ ChildEnd runProgram(const std::vector<std::string>& words,
             setenv(name.c_str(), value.c_str(), /*overwrite=*/1);
         }
         std::vector<char*> arguments;
+        arguments.reserve(words.size() + 1);
         for (const std::string& word : words) {
             arguments.push_back(const_cast<char*>(word.c_str()));
         }

@@ -100,8 +100,9 @@ bool isAnyMissing(const Trace& trace) {
 
 void addSymbols(const Trace& trace, const std::string& consequence, Findings& findings) {
     for (const auto& [symbol, file] : trace.symbols) {
-        findings.wrong(symbol, "exported by no library: " + demangled(symbol) + ", which " + file +
-                                   " calls" + consequence);
+        std::string text = "exported by no library: ";
+        text.append(demangled(symbol)).append(", which ").append(file).append(" calls");
+        findings.wrong(symbol, text.append(consequence));
     }
     for (const std::string& complaint : trace.complaints) {
         findings.wrong("loader", complaint);

@@ -47,7 +47,8 @@ std::string moduleIn(const std::string& folder, const std::string& name) {
         ".abi3.so",     extensionSuffix, ".py",
         ".pyc"};
     for (const char* const ending : endings) {
-        if (std::string path = folder + '/' + name; isFile(path += ending)) {
+        std::string path = folder;
+        if (isFile(path.append("/").append(name).append(ending))) {
             return path;
         }
     }

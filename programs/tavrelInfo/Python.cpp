@@ -107,33 +107,44 @@ bool isWordIn(const std::string& word, const std::string& content) {
 
 enum class Presence { There, Missing, Unsure };
 
-/// Whether a module's file gives a name. Source can be read; byte code and extensions hold the name
-/// as a word at least. Names may also come from elsewhere, which only an import would show.
-Presence presenceOf(const std::string& name, const std::string& file) {
-    const std::string content = contentOf(file);
-    if (!boost::ends_with(file, ".py")) {
-        return isWordIn(name, content) ? Presence::There : Presence::Missing;
-    }
-    static const std::regex elsewhere(R"(import\s*\*|\b(__getattr__|globals|setattr)\b)");
-    const std::regex definition("\\b(def|class|import|as)\\s+" + name + "\\b|\\b" + name +
-                                R"(\s*(,[\w\s,]*)?(:[^=\n]*)?=[^=]|import[^\n]*\b)" + name + "\\b");
-    if (std::regex_search(content, definition)) {
+Presence presenceInSource(const std::string& name, const std::string& package,
+                          const std::string& content) {
+    const std::string word = "\\b" + name + "\\b";
+    if (std::regex_search(content, std::regex("\\b(def|class)\\s+" + word + "|" + word +
+                                              R"(\s*(,[\w\s,]*)?(:[^=\n]*)?=[^=])"))) {
         return Presence::There;
     }
+    // Of its own package only what is a file, and that was looked for.
+    if (std::regex_search(
+            content, std::regex("\\bfrom\\s+(\\.|" + package + ")\\s+import\\b[^\n]*" + word))) {
+        return Presence::Missing;
+    }
+    static const std::regex elsewhere(R"(import\s*\*|\b(__getattr__|globals|setattr)\b)");
     return isWordIn(name, content) || std::regex_search(content, elsewhere) ? Presence::Unsure
                                                                             : Presence::Missing;
 }
 
+/// Whether a module's file gives a name. Source can be read; byte code and extensions hold the name
+/// as a word at least. Names may also come from elsewhere, which only an import would show.
+Presence presenceOf(const std::string& name, const std::string& package, const std::string& file) {
+    const std::string content = contentOf(file);
+    if (boost::ends_with(file, ".py")) {
+        return presenceInSource(name, package, content);
+    }
+    return isWordIn(name, content) ? Presence::There : Presence::Missing;
+}
+
 /// Of "a.b" of a package, a is a module in it, or a name; b is looked for where a was found.
+/// @param file the module's; becomes the one that was looked into
 Presence presenceOfUse(const std::string& root, const NeededModule& module, const std::string& use,
-                       const std::string& file) {
+                       std::string& file) {
     const std::string first = use.substr(0, use.find('.'));
     const std::string inner = findModule(root, module.name + "." + first);
     if (use.size() == first.size()) {
-        return inner.empty() ? presenceOf(first, file) : Presence::There;
+        return inner.empty() ? presenceOf(first, module.name, file) : Presence::There;
     }
-    const std::string last = use.substr(use.rfind('.') + 1);
-    const Presence found = presenceOf(last, inner.empty() ? file : inner);
+    file = inner.empty() ? file : inner;
+    const Presence found = presenceOf(use.substr(use.rfind('.') + 1), module.name, file);
     return found == Presence::Missing && inner.empty() && !isExtension(file) ? Presence::Unsure
                                                                              : found;
 }
@@ -143,12 +154,13 @@ void addNames(const std::string& root, const NeededModule& module, const std::st
     std::string unsure;
     bool isWhole = true;
     for (const std::string& use : module.uses) {
-        const Presence found = presenceOfUse(root, module, use, file);
+        std::string lookedInto = file;
+        const Presence found = presenceOfUse(root, module, use, lookedInto);
         if (found == Presence::Missing) {
-            findings.wrong(module.name + "." + use, "not in " + file + from);
+            findings.wrong(module.name + "." + use, "not in " + lookedInto + from);
             isWhole = false;
         } else if (found == Presence::Unsure) {
-            unsure += " " + use;
+            unsure.append(" ").append(use);
         }
     }
     if (!unsure.empty()) {

@@ -15,8 +15,6 @@
 
 #include "programs/tavrelInfo/Parts.h"
 
-extern char** environ;
-
 namespace Info {
 
 namespace {
