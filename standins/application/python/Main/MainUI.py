@@ -26,8 +26,8 @@ def Main(options, args):
     try:
         root = tkinter.Tk(className="Tavrel")
     except tkinter.TclError as error:
-        MainLogging.PrintToStderr("tavrel: can't open the window: %s; set DISPLAY to an X server, or use "
-                         "--batch, --script or --shell\n" % error)
+        MainLogging.PrintToStderr("tavrel: can't open the window: %s; set DISPLAY to an X server, or "
+                                  "use --batch, --script or --shell\n" % error)
         sys.exit(1)
     MainEnvironment.EndPhase("display")
     MainSignals.StopInOrderOn("SIGINT", "SIGTERM", "SIGHUP", onStop=lambda: _close(root))
