@@ -35,5 +35,8 @@ clouds.connect(color)
 for frame in frames:
     clouds.setParameter("scale", 20 + frame)
     path = os.path.join(folder, "frame_%04d.ppm" % frame)
-    RenderingAPI.RenderToFile(clouds, path, 320, 180).wait()
+    try:
+        RenderingAPI.RenderToFile(clouds, path, 320, 180).wait()
+    except OSError as error:
+        sys.exit('frames.py: can\'t write "%s": %s' % (path, error.strerror))
     print("wrote %s" % path)

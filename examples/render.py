@@ -33,5 +33,8 @@ else:
 
 nodes = NodegraphAPI.GetAllNodes() or sys.exit("render.py: the graph has no nodes")
 start = time.monotonic()
-RenderingAPI.RenderToFile(nodes[-1], output, width, height).wait()
+try:
+    RenderingAPI.RenderToFile(nodes[-1], output, width, height).wait()
+except OSError as error:
+    sys.exit('render.py: can\'t write "%s": %s' % (output, error.strerror))
 print("%s: %dx%d pixels in %.2f s" % (output, width, height, time.monotonic() - start))

@@ -3,6 +3,7 @@
 The graph belongs to the main thread. Every change queues an event of Utils.EventModule.
 """
 
+import NodeTypes
 from Utils import EventModule
 
 _nodes = {}
@@ -51,6 +52,8 @@ class Node(object):
         return self._type
 
     def setParameter(self, name, value):
+        """ValueError for a value that a render could not use."""
+        NodeTypes.CheckParameter(name, value)
         self._parameters[name] = value
         EventModule.QueueEvent("parameter_set", node=self._name, parameter=name)
 
@@ -196,6 +199,11 @@ def ReplaceGraph(nodes, rootName):
         if name in made:
             raise ValueError('there are two nodes "%s"' % name)
         made[name] = Node(name, nodeType)
+        for parameter in parameters.items():
+            try:
+                NodeTypes.CheckParameter(*parameter)
+            except ValueError as error:
+                raise ValueError('node "%s": %s' % (name, error))
         made[name]._parameters.update(parameters)
     for name, _, _, inputs in nodes:
         for upstream in inputs:

@@ -3,6 +3,7 @@
 import json
 
 import NodegraphAPI
+import NodeTypes
 from Utils import WholeFile
 
 _FORMAT = "tavrel graph 1"
@@ -12,8 +13,12 @@ class GraphFileError(Exception):
     """Its text is one line for the user."""
 
 
-def Save(path):
-    """Writes the graph. GraphFileError if that fails; a file that was there is then unchanged."""
+class UnknownTypeError(GraphFileError):
+    """A node is of a type that no render understands."""
+
+
+def Text():
+    """The graph as a file has it. TypeError or ValueError for a parameter without a form in JSON."""
     root = NodegraphAPI.FindRootNode()
     graph = {
         "format": _FORMAT,
@@ -22,8 +27,13 @@ def Save(path):
                    "parameters": node.getOwnParameters(),
                    "inputs": [each.getName() for each in node.getInputs()]}
                   for node in NodegraphAPI.GetAllNodes()]}
+    return json.dumps(graph, indent=1, allow_nan=False) + "\n"
+
+
+def Save(path):
+    """Writes the graph. GraphFileError if that fails; a file that was there is then unchanged."""
     try:
-        text = json.dumps(graph, indent=1, allow_nan=False) + "\n"
+        text = Text()
         WholeFile.Write(path, [text.encode()])
     except OSError as error:
         raise GraphFileError('can\'t write the graph "%s": %s' % (path, error.strerror))
@@ -41,15 +51,26 @@ def _nodeOf(entry):
     return name, nodeType, parameters, inputs
 
 
-def Open(path):
+def Restore(text):
+    """Puts a graph that Text gave in the place of the present one."""
+    graph = json.loads(text)
+    NodegraphAPI.ReplaceGraph([_nodeOf(entry) for entry in graph["nodes"]], graph["root"])
+
+
+def Open(path, anyType=False):
     """Puts the graph of a file in the place of the present one. GraphFileError if the file holds
-    none; then nothing is changed."""
+    none, UnknownTypeError for a node of an unknown type unless `anyType`; then nothing is changed."""
     try:
         with open(path, "rb") as file:
-            graph = json.loads(file.read().decode())
+            text = file.read().decode()
+        graph = json.loads(text)
         if graph["format"] != _FORMAT:
             raise ValueError("its format is %r" % graph["format"])
-        NodegraphAPI.ReplaceGraph([_nodeOf(entry) for entry in graph["nodes"]], graph["root"])
+        for name, nodeType, _, _ in map(_nodeOf, graph["nodes"]):
+            if nodeType not in NodeTypes.NAMES and not anyType:
+                raise UnknownTypeError('"%s": the node "%s" is of the unknown type "%s"'
+                                       % (path, name, nodeType))
+        Restore(text)
     except OSError as error:
         raise GraphFileError('can\'t read the graph "%s": %s' % (path, error.strerror))
     except KeyError as error:

@@ -269,12 +269,14 @@ class ModulesTest(unittest.TestCase):
         NodegraphFile.Save(path)
         text = self.content(path).decode()
         NodegraphAPI.CreateNode("another")
-        NodegraphFile.Open(path)
+        self.assertRaisesRegex(NodegraphFile.UnknownTypeError, 'the node "node" is of the unknown type "node"',
+                               NodegraphFile.Open, path)
+        NodegraphFile.Open(path, anyType=True)
         second = NodegraphAPI.FindRootNode()
         self.assertEqual(repr(NodegraphAPI.GetAllNodes() + second.getInputs()),
                          "[<node node 'node'>, <node node 'node2'>, <node node 'node'>]")
         self.assertEqual(second.getParameters(), {"color": [1, 0.5, 0]})
-        second.setParameter("color", {1})
+        second.setParameter("a", {1})
         self.assertRaises(NodegraphFile.GraphFileError, NodegraphFile.Save, path)
         self.assertEqual(self.content(path).decode(), text)
         for bad, message in (
@@ -282,9 +284,10 @@ class ModulesTest(unittest.TestCase):
                 (text.replace("[]", '["node2"]'), "would close a circle"), ("3", "not as it"),
                 (text.replace("graph 1", "graph 2"), "its format is"),
                 (text.replace("[]", '["x"]'), '"x", an input of "node", is missing'),
-                (text.replace("node2", "node"), 'two nodes "node"')):
+                (text.replace("node2", "node"), 'two nodes "node"'),
+                (text.replace("0.5", "1.5"), 'node "node2": the parameter "color" takes three numbers')):
             self.assertRaisesRegex(NodegraphFile.GraphFileError, message, NodegraphFile.Open,
-                                   self.put("graph.json", bad))
+                                   self.put("graph.json", bad), anyType=True)
             self.assertIs(NodegraphAPI.FindRootNode(), second)
 
     def test_an_image_is_made_tile_by_tile(self):
@@ -297,8 +300,8 @@ class ModulesTest(unittest.TestCase):
         light, dark = b"\xff\x80\x00", b"\x7f\x40\x00"
         self.assertEqual(self.content(self.image), b"P6\n8 5\n255\n" +
                          (light * 4 + dark * 4) * 4 + dark * 4 + light * 4)
-        render = RenderingAPI.RenderToFile(self.second, self.image + "/x", 2, 2)
-        self.assertRaises(OSError, render.wait, 60)
+        for place in (self.image + "/x", self.folder, self.folder + "/none/x", "/proc/x"):
+            self.assertRaises(OSError, RenderingAPI.RenderToFile, self.second, place, 2, 2)
         self.assertEqual(os.listdir(self.folder), ["image.ppm"])
 
     def test_threads_and_room_do_not_change_the_image(self):

@@ -40,12 +40,14 @@ def RenderToPicture(node, width, height, onTile):
 def RenderToFile(node, path, width, height, renderType="disk"):
     """Starts to render a node into a PPM file and returns the render of Nodes2DAPI.
 
-    The file appears whole when the render is done, and not at all when it is cancelled.
+    The file appears whole when the render is done, and not at all when it is cancelled. OSError,
+    before anything is rendered, if it could not be written.
     """
     import Nodes2DAPI
     from RenderingAPI import Pictures
     from Utils import WholeFile
 
+    WholeFile.CheckPlace(path, 3 * width * height)
     _, renderer = _loadRenderer()
     parameters = node.getParameters()
     picture = Pictures.Picture(width, height)

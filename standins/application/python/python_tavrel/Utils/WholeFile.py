@@ -1,7 +1,24 @@
 """Files that appear whole or not at all."""
 
+import errno
 import os
 import stat
+
+
+def CheckPlace(path, size):
+    """OSError if Write could not put so many bytes there: to be asked before the bytes are made."""
+    folder = os.path.dirname(os.path.realpath(path))
+    if os.path.isdir(path):
+        raise IsADirectoryError(errno.EISDIR, os.strerror(errno.EISDIR), path)
+    if os.path.exists(path) and not os.path.isfile(path):
+        return
+    # statvfs fails for a folder that is missing, or none.
+    room = os.statvfs(os.path.join(folder, ""))
+    reason = (errno.EROFS if room.f_flag & os.ST_RDONLY
+              else errno.EACCES if not os.access(folder, os.W_OK | os.X_OK)
+              else errno.ENOSPC if room.f_bavail * room.f_frsize < size else 0)
+    if reason:
+        raise OSError(reason, os.strerror(reason), path)
 
 
 def Write(path, pieces):
