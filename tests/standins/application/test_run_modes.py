@@ -136,7 +136,7 @@ def hold(shade=DlRenderer.RenderTile):
     DlRenderer.RenderTile = shadeLate
 """
 # Drives the window by Tk's own events: each step is awaited, all of it has the test's deadline.
-WINDOW = HOLD + """import sys, tkinter, NodegraphAPI
+WINDOW = HOLD + """import sys, tkinter, tkinter.messagebox, NodegraphAPI
 from Utils import EventModule
 root = tkinter._default_root
 nodes = [NodegraphAPI.CreateNode('n') for _ in range(10000)]
@@ -158,6 +158,8 @@ def look():
     start = time.process_time()
     root.update()
     canvas = root.nametowidget('view.canvas')
+    while not any(canvas.type(item) == 'text' for item in canvas.find_all()):  # all are in view
+        canvas.event_generate('<Button-4>', x=canvas.winfo_width() // 2, y=0)
     shown = {canvas.itemcget(item, 'text'): [int(place) for place in canvas.coords(item)]
              for item in canvas.find_all() if canvas.type(item) == 'text'}
     def drag(name, other):
@@ -175,10 +177,18 @@ def look():
     EventModule.RegisterEventHandler(lambda name, arguments: {}[name])
     NodegraphAPI.DeleteNode(nodes[-1])
     until(lambda: text('status') == '9999 nodes')
+    root.focus_force()
+    root.event_generate('<Control-z>')
+    until(lambda: text('status') == '10000 nodes')
+    root.event_generate('<Control-Shift-Z>')
+    until(lambda: text('status') == '9999 nodes')
+    root.update()
+    for event in 'Button-1', 'ButtonRelease-1':
+        canvas.event_generate('<%s>' % event, x=shown['n3'][0], y=shown['n3'][1])
     press('preview.row.render')
     until(lambda: 'done' in text('side.preview.row.text'))
     print(root.tk.call('previewPicture', 'get', 319, 179))
-    nodes[2].setParameter('samples', 16)  # a picture that is kept already takes no tile
+    NodegraphAPI.GetNode('n3').setParameter('samples', 16)  # a picture that is kept already takes no tile
     hold()
     press('preview.row.render')
     press('preview.row.cancel')
@@ -187,6 +197,9 @@ def look():
     sys.excepthook = None
     root.after_idle(lambda: {}['no hook'])
     root.update()
+    tkinter.messagebox.askyesnocancel = lambda *words, **more: print(root.title())
+    root.tk.call(root.protocol('WM_DELETE_WINDOW'))
+    tkinter.messagebox.askyesnocancel = lambda *words, **more: False
     root.tk.call(root.protocol('WM_DELETE_WINDOW'))
 root.after(1, look)
 """
@@ -399,7 +412,7 @@ class RunModesTest(unittest.TestCase):
         status, output, errors = self.run_tavrel(self.write("window.py", WINDOW))
         self.assertEqual((status, output.splitlines()), (0, [
             'connecting "n2" to "n3" would close a circle', "n3, of type n",
-            "{'checker': 80, 'color': (1, 0.5, 0)}", "(127, 64, 0)", "True"]), errors)
+            "{'checker': 80, 'color': (1, 0.5, 0)}", "(127, 64, 0)", "True", "untitled (changed) - Tavrel"]), errors)
         raised = [line.split()[-1] for line in errors if line.startswith("[ERROR root] A KeyError")]
         self.assertEqual(raised[raised.index("'disconnected'"):][:2],
                          ["'disconnected'", "'node_deleted'"])

@@ -20,7 +20,8 @@ def _close(root):
 
 @MainSignals.EndedByInterrupt
 def Main(options, args):
-    """Runs the files, then shows the window until it is closed. Ends the run with one line and
+    """Runs the files, then shows the window until it is closed. A file that ends in ".json" is a
+    graph: the window opens the last one. Ends the run with one line and
     status 1 if no display can be opened. SIGINT, SIGTERM and SIGHUP end it in order, with 130, 143
     and 129."""
     try:
@@ -31,13 +32,15 @@ def Main(options, args):
         sys.exit(1)
     MainEnvironment.EndPhase("display")
     MainSignals.StopInOrderOn("SIGINT", "SIGTERM", "SIGHUP", onStop=lambda: _close(root))
+    graphs = [path for path in args if path.lower().endswith(".json")]
     try:
         for path in args:
-            MainPythonFile.Run([path])
+            if path not in graphs:
+                MainPythonFile.Run([path])
         if args:
             MainEnvironment.EndPhase("files of the user")
         import GraphWindow
-        GraphWindow.Window(root)
+        GraphWindow.Window(root, graphs[-1] if graphs else None)
         MainEnvironment.EndPhase("window", isLast=True)
         root.mainloop()
     finally:

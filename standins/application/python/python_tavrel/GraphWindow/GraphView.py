@@ -6,11 +6,20 @@ import tkinter.ttk
 from GraphWindow import Layout, Look
 
 _STEP = 40
+_ZOOM = 1.25
+_LEAST_SCALE = 0.02
+_MOST_SCALE = 2
+# Below it a node has no room for its name, which is cut to so many letters.
+_READABLE = 0.7
+_LETTERS = 15
+# What stays visible of a graph that is moved away, in pixels.
+_MARGIN = 40
 
 
 class GraphView(tkinter.Frame):
     """A click selects a node; dragging one node to another connects them; dragging the background
-    or with the middle button moves the view, as do wheel, bars and arrow keys.
+    or with the middle button moves the view, as do bars and arrow keys; the wheel and the keys +
+    and - zoom, F shows the whole graph.
 
     onSelect(node) and onConnect(upstream, node) say what the user wants.
     """
@@ -21,7 +30,11 @@ class GraphView(tkinter.Frame):
         self._onConnect = onConnect
         self._layout = Layout.Layout([])
         self._selected = None
+        # Pixels of the screen: of a unit of the layout, and where the canvas begins in the graph.
+        self._scale = 1
         self._left = self._top = 0
+        self._isFramed = True
+        self._outlines = {}
         self._grip = None
         self._source = None
         self._canvas = tkinter.Canvas(self, name="canvas", background=Look.FIELD,
@@ -37,15 +50,20 @@ class GraphView(tkinter.Frame):
 
     def _bind(self):
         bind = self._canvas.bind
-        bind("<Configure>", lambda event: self.draw())
+        bind("<Configure>", lambda event: self.frame() if self._isFramed else self.draw())
         bind("<Button-1>", self._press)
         bind("<B1-Motion>", self._drag)
         bind("<ButtonRelease-1>", self._release)
         bind("<Button-2>", self._grab)
         bind("<B2-Motion>", self._pan)
-        for event, x, y in (("Button-4", 0, -1), ("Button-5", 0, 1), ("Up", 0, -1), ("Down", 0, 1),
-                            ("Shift-Button-4", -1, 0), ("Shift-Button-5", 1, 0), ("Left", -1, 0),
-                            ("Right", 1, 0)):
+        bind("<Button-4>", lambda event: self._zoom(_ZOOM, event.x, event.y))
+        bind("<Button-5>", lambda event: self._zoom(1 / _ZOOM, event.x, event.y))
+        for key, by in (("plus", _ZOOM), ("minus", 1 / _ZOOM)):
+            bind("<%s>" % key, lambda event, by=by: self._zoom(
+                by, self._canvas.winfo_width() / 2, self._canvas.winfo_height() / 2))
+        bind("<f>", lambda event: self.frame())
+        for event, x, y in (("Up", 0, -1), ("Down", 0, 1), ("Shift-Button-4", -1, 0),
+                            ("Shift-Button-5", 1, 0), ("Left", -1, 0), ("Right", 1, 0)):
             bind("<%s>" % event, lambda event, x=x, y=y: self._moveBy(x * _STEP, y * _STEP))
 
     def bindKey(self, event, command):
@@ -56,17 +74,53 @@ class GraphView(tkinter.Frame):
         """Draws a graph anew."""
         self._layout = Layout.Layout(nodes)
         self._selected = selected
+        if self._isFramed:
+            self.frame()
+        else:
+            self.draw()
+
+    def select(self, selected, reveal=False):
+        """Marks a node, or none; with `reveal` the view moves to it."""
+        for node in (self._selected, selected):
+            if node in self._outlines:
+                self._canvas.itemconfigure(self._outlines[node], **self._outline(node is selected))
+        self._selected = selected
+        if reveal and selected in self._layout and not self._isVisible(selected):
+            x, y = self._layout.corner(selected)
+            self._left = int((x + Layout.NODE_WIDTH / 2) * self._scale) - self._canvas.winfo_width() // 2
+            self._top = int((y + Layout.NODE_HEIGHT / 2) * self._scale) - self._canvas.winfo_height() // 2
+            self._isFramed = False
+            self.draw()
+
+    def frame(self):
+        """Shows the whole graph, no larger than it is."""
+        width, height = self._canvas.winfo_width(), self._canvas.winfo_height()
+        self._scale = max(_LEAST_SCALE, min(1, width / self._layout.width, height / self._layout.height))
+        self._left = self._top = 0
+        self._isFramed = True
         self.draw()
 
-    def select(self, selected):
-        self._selected = selected
+    def _zoom(self, by, x, y):
+        """The point of the graph that is at (x, y) stays there."""
+        scale = min(_MOST_SCALE, max(_LEAST_SCALE, self._scale * by))
+        self._left = int((self._left + x) * scale / self._scale - x)
+        self._top = int((self._top + y) * scale / self._scale - y)
+        self._scale = scale
+        self._isFramed = False
         self.draw()
+
+    def _isVisible(self, node):
+        x, y = (place * self._scale for place in self._layout.corner(node))
+        return (self._left <= x and x + Layout.NODE_WIDTH * self._scale
+                <= self._left + self._canvas.winfo_width()
+                and self._top <= y and y + Layout.NODE_HEIGHT * self._scale
+                <= self._top + self._canvas.winfo_height())
 
     def _extent(self, axis):
-        """Length of the graph and of what is visible of it, across (0) or down (1)."""
+        """Length of the graph and of what is visible of it, across (0) or down (1), in pixels."""
         if axis == 0:
-            return self._layout.width, self._canvas.winfo_width()
-        return self._layout.height, self._canvas.winfo_height()
+            return int(self._layout.width * self._scale), self._canvas.winfo_width()
+        return int(self._layout.height * self._scale), self._canvas.winfo_height()
 
     def _scroll(self, axis, what, number, unit=""):
         """What a scroll bar asks for."""
@@ -81,11 +135,16 @@ class GraphView(tkinter.Frame):
     def _moveBy(self, x, y):
         self._left += x
         self._top += y
+        self._isFramed = False
         self.draw()
+
+    def _nodeAt(self, event):
+        return self._layout.nodeAt(int((event.x + self._left) / self._scale),
+                                   int((event.y + self._top) / self._scale))
 
     def _press(self, event):
         self._canvas.focus_set()
-        node = self._layout.nodeAt(event.x + self._left, event.y + self._top)
+        node = self._nodeAt(event)
         self._grab(event)
         self._source = node
         if node is not None:
@@ -111,25 +170,32 @@ class GraphView(tkinter.Frame):
     def _release(self, event):
         source, self._source = self._source, None
         self._canvas.delete("drag")
-        target = self._layout.nodeAt(event.x + self._left, event.y + self._top)
+        target = self._nodeAt(event)
         if source is not None and target is not None and target is not source:
             self._onConnect(source, target)
 
     def _clamp(self, position, axis):
         whole, visible = self._extent(axis)
-        if whole <= visible:
-            # A small graph stands in the middle, at the top.
+        if self._isFramed:
+            # In the middle, at the top.
             return (whole - visible) // 2 if axis == 0 else 0
-        return min(max(0, position), whole - visible)
+        # Moved anywhere, but not out of sight.
+        return min(max(_MARGIN - visible, position), whole - _MARGIN)
 
     def draw(self):
         width, height = self._canvas.winfo_width(), self._canvas.winfo_height()
         self._left, self._top = self._clamp(self._left, 0), self._clamp(self._top, 1)
         for axis, first in enumerate((self._left, self._top)):
             whole, visible = self._extent(axis)
-            self._bars[axis].set(max(0, first / whole), min(1, (first + visible) / whole))
-        nodes = self._layout.nodesIn(self._left, self._top, self._left + width, self._top + height)
+            self._bars[axis].set(max(0, first / max(whole, 1)), min(1, (first + visible) / max(whole, 1)))
+        nodes = self._layout.nodesIn(
+            int(self._left / self._scale), int(self._top / self._scale),
+            int((self._left + width) / self._scale), int((self._top + height) / self._scale))
         self._canvas.delete("all")
+        self._outlines = {}
+        if not self._layout:
+            self._canvas.create_text(width // 2, height // 2, fill=Look.FAINT_TEXT, justify="center",
+                                     text="Make a node with the menu Nodes,\nor open a graph with Ctrl+O.")
         lines = {(upstream, node) for node in nodes for upstream in node.getInputs()}
         lines.update((node, downstream) for node in nodes for downstream in node.getOutputs())
         for upstream, node in lines:
@@ -139,20 +205,28 @@ class GraphView(tkinter.Frame):
         for node in nodes:
             self._drawNode(node)
 
-    def _drawLine(self, upstream, node):
-        fromX, fromY = self._layout.corner(upstream)
+    def _place(self, node, across, down):
+        """A point of a node, from its upper left corner on, in the canvas."""
         x, y = self._layout.corner(node)
+        return (x + across) * self._scale - self._left, (y + down) * self._scale - self._top
+
+    def _drawLine(self, upstream, node):
         middle = Layout.NODE_WIDTH // 2
-        self._canvas.create_line(fromX + middle - self._left,
-                                 fromY + Layout.NODE_HEIGHT - self._top,
-                                 x + middle - self._left, y - self._top, fill=Look.LINE, width=2)
+        self._canvas.create_line(*self._place(upstream, middle, Layout.NODE_HEIGHT),
+                                 *self._place(node, middle, 0), fill=Look.LINE,
+                                 width=2 if self._scale > _READABLE else 1)
+
+    @staticmethod
+    def _outline(isSelected):
+        return {"width": 2 if isSelected else 1,
+                "outline": Look.SELECTED if isSelected else Look.LINE}
 
     def _drawNode(self, node):
-        x, y = self._layout.corner(node)
-        x, y = x - self._left, y - self._top
-        isSelected = node is self._selected
-        self._canvas.create_rectangle(x, y, x + Layout.NODE_WIDTH, y + Layout.NODE_HEIGHT,
-                                      fill=Look.HIGHLIGHT, width=2 if isSelected else 1,
-                                      outline=Look.SELECTED if isSelected else Look.LINE)
-        self._canvas.create_text(x + Layout.NODE_WIDTH // 2, y + Layout.NODE_HEIGHT // 2,
-                                 text=node.getName(), fill="white")
+        self._outlines[node] = self._canvas.create_rectangle(
+            *self._place(node, 0, 0), *self._place(node, Layout.NODE_WIDTH, Layout.NODE_HEIGHT),
+            fill=Look.HIGHLIGHT, **self._outline(node is self._selected))
+        if self._scale > _READABLE:
+            name = node.getName()
+            self._canvas.create_text(
+                *self._place(node, Layout.NODE_WIDTH // 2, Layout.NODE_HEIGHT // 2), fill="white",
+                text=name if len(name) <= _LETTERS else name[:_LETTERS - 1] + "\u2026")

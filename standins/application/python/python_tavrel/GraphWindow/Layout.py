@@ -41,6 +41,9 @@ class Layout(object):
         self._places = {node: (column, number) for number, row in enumerate(self._rows)
                         for column, node in enumerate(row)}
 
+    def __len__(self):
+        return len(self._places)
+
     def __contains__(self, node):
         return node in self._places
 

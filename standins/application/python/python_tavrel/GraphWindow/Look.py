@@ -11,7 +11,7 @@ HIGHLIGHT = "#4a6a8a"
 LINE = "#c0c0c0"
 SELECTED = "#ffb347"
 
-PANEL_WIDTH = 336
+PANEL_WIDTH = 362
 
 
 def Apply(root):
@@ -20,11 +20,17 @@ def Apply(root):
                        highlightBackground=BACKGROUND)
     root.option_add("*Entry.background", FIELD)
     root.option_add("*Listbox.background", FIELD)
+    # Tk's own file dialog has a white list under the palette's text.
+    root.bind_class("TkFDialog", "<Map>", "catch {%%W.contents.icons.cHull.canvas configure -background %s}"
+                    % FIELD)
+    # As in other applications; Tk's own is the start of the line.
+    root.bind_class("Entry", "<Control-a>", "%W selection range 0 end; break")
     style = tkinter.ttk.Style(root)
     style.theme_use("clam")
     style.configure(".", background=BACKGROUND, foreground=TEXT, fieldbackground=FIELD,
                     bordercolor=BACKGROUND, troughcolor=FIELD, lightcolor=BACKGROUND,
                     darkcolor=BACKGROUND, arrowcolor=TEXT)
+    style.map(".", background=[("disabled", BACKGROUND)], foreground=[("disabled", FAINT_TEXT)])
     style.configure("Treeview", background=FIELD)
     style.map("TScrollbar", background=[("disabled", BACKGROUND), ("active", HIGHLIGHT)])
     style.configure("TScrollbar", background=SCROLLER)

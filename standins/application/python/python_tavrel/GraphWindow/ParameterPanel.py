@@ -90,7 +90,7 @@ class ParameterPanel(tkinter.Frame):
     def _set(self):
         name = self._name.get().strip()
         if self._node is not None and name:
-            self._node.setParameter(name, _value(self._setting.get()))
+            self._attempt(lambda: self._node.setParameter(name, _value(self._setting.get())))
 
     def _remove(self):
         name = self._name.get().strip()

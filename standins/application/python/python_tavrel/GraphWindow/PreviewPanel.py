@@ -10,6 +10,7 @@ from GraphWindow import Look
 
 _WIDTH = 320
 _HEIGHT = 180
+_OLD = " (old)"
 
 
 class PreviewPanel(tkinter.Frame):
@@ -37,6 +38,12 @@ class PreviewPanel(tkinter.Frame):
         self._cancel.pack(side=tkinter.LEFT)
         self._text = tkinter.Label(row, name="text", anchor="w", padx=6)
         self._text.pack(side=tkinter.LEFT, fill=tkinter.X, expand=True)
+
+    def markOld(self):
+        """The graph has changed since the picture was rendered."""
+        text = self._text.cget("text")
+        if text and self._render is None and not text.endswith(_OLD):
+            self._text.configure(text=text + _OLD)
 
     def renderPreview(self, node):
         tiles = collections.deque()
