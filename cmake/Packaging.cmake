@@ -65,6 +65,8 @@ foreach(command tavrel tavrelStack tavrelInfo)
 endforeach()
 install(FILES packaging/tavrel.desktop DESTINATION share/applications
   COMPONENT desktop EXCLUDE_FROM_ALL)
+install(FILES packaging/tavrel-graph.xml DESTINATION share/mime/packages
+  COMPONENT desktop EXCLUDE_FROM_ALL)
 install(FILES packaging/com.zendrik.tavrel.metainfo.xml DESTINATION share/metainfo
   COMPONENT desktop EXCLUDE_FROM_ALL)
 install(FILES packaging/tavrel.svg DESTINATION share/icons/hicolor/scalable/apps
