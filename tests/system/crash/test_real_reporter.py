@@ -163,7 +163,8 @@ class ReporterTest(CrashTest):
         tree = self.scratch_tree(recorder=False)
         frames = tree.bin / "tavrelFrames"
         frames.unlink()
-        frames.write_text("#!/bin/sh\nread -r _ _ _ guardian _ </proc/$PPID/stat\nkill -STOP $guardian\n")
+        # By then the launcher has ended, and with it the channel.
+        frames.write_text("#!/bin/sh\nread -r _ _ _ guardian _ </proc/$PPID/stat\nsleep 0.5\nkill -STOP $guardian\n")
         frames.chmod(0o755)
         self.assertEqual(len(self.crash(tree, "native").reports), 1)  # awaits the end of the reporter
 
