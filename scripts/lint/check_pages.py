@@ -4,6 +4,7 @@
 import json
 import pathlib
 import re
+import subprocess
 import sys
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
@@ -80,6 +81,41 @@ def settings():
         yield "%s is either in the help or in \"What a user may set\", not in both" % name
 
 
+def rows(page, section):
+    """Of the tables in a section: the cells of each row that begins with a word of code."""
+    text = read(page).partition("\n## %s\n" % section)[2].partition("\n## ")[0]
+    return [line.strip("| ").split(" | ") for line in text.splitlines() if line.startswith("| `")]
+
+
+def differences(what, on_page, in_sources):
+    for each in sorted(set(on_page) ^ set(in_sources)):
+        yield "%s: %s is %s" % (what, each, "not in the sources" if each in on_page else "not on the page")
+
+
+def application():
+    """The contract's tables against headers, entry script and main."""
+    page = "docs/application.md"
+    headers = "".join(re.sub(r"//.*", "", path.read_text()) for path in TOP.glob("platform/include/*/*.h"))
+    declared = [" ".join(each.split()) for each in re.split(r"[;{}]|\bpublic:|#.*", headers)]
+    declared = [each for each in declared if re.fullmatch(r"(?!explicit)[\w:&* ]+ \w+\(.*\)( const)?", each)]
+    yield from differences("Functions", [row[0].strip("`") for row in rows(page, "Functions of the closed libraries")],
+                           declared)
+    needs = subprocess.run([sys.executable, "-I", "cmake/entryScriptNeeds.py", "python/Main/Main.py", "/dev/stdout"],
+                           stdout=subprocess.PIPE, universal_newlines=True, check=True, cwd=TOP).stdout
+    used = re.findall(r'"(\w+)\\t\w*\\tapplication\\t([^"]*)\\n"', needs)
+    yield from differences("Modules", [(row[0].strip("`"), *re.findall("`(.+?)`", row[2]))
+                                       for row in rows(page, "Modules of the application")],
+                           [(name, *words.split()) for name, words in used])
+    main_function = read("MAIN/src/tavrel.cpp").partition("int main(")[2]
+    places = [main_function.find(row[0].strip("`") + "(") for row in rows(page, "The order of a start")]
+    if not places or -1 in places or places != sorted(places):
+        yield "The order of a start: not that of main"
+    known = set().union(*names_on_page().values())
+    for row in rows(page, "Keys and variables over the border"):
+        for name in set(re.findall("`(%s)`" % NAME, row[0])) - known:
+            yield "%s isn't in docs/environment.md" % name
+
+
 def anchors(path):
     titles = re.findall(r"^#+ (.*)$", read(path), re.MULTILINE)
     return {re.sub(r"[^\w -]", "", title.lower()).replace(" ", "-") for title in titles}
@@ -102,6 +138,7 @@ def leads(page, presets):
 def main():
     presets = {preset["name"] for preset in json.loads(read("CMakePresets.json"))["testPresets"]}
     found = ["docs/environment.md: " + text for text in settings()]
+    found += ["docs/application.md: " + text for text in application()]
     for page in sorted(TOP.glob("*.md")) + sorted(TOP.glob("docs/*.md")):
         found += ["%s: %s" % (page.relative_to(TOP), text) for text in leads(page, presets)]
     sys.exit("\n".join(found) or 0)
