@@ -1,13 +1,27 @@
 #include "crash/src/HandlerLog.h"
 
 #include <cstring>
-#include <ostream>
+#include <iostream>
 
 namespace Zendrik::Breakpad {
 
 namespace {
 
+// std::cerr flushes behind each piece of a line: the lines of several processes would mix. Without
+// that the standard stream below it, line-buffered by main, writes a line at its end.
+class WholeLines {
+  public:
+    WholeLines() : flags_(std::cerr.flags()) { std::cerr.unsetf(std::ios::unitbuf); }
+    ~WholeLines() { std::cerr.flags(flags_); }
+    WholeLines(const WholeLines&) = delete;
+    WholeLines& operator=(const WholeLines&) = delete;
+
+  private:
+    std::ios::fmtflags flags_;
+};
+
 void logLine(Log::Level level, const std::string& text) {
+    const WholeLines whole;
     if (Log::Entry(level, Log::Channel{})) {
         Log::stream() << text << std::endl;
     }

@@ -4,9 +4,9 @@
 
 #include "base/Log.h"
 
-/// The crash handler's lines in the file log, each flushed. A log file gets a line in one write;
-/// standard error, where the log goes without a file, gets it in pieces. Not in a crashing thread.
-/// One thread at a time, as the log itself.
+/// The crash handler's lines in the file log, each flushed, each in one write: also on standard
+/// error, where the log goes without a file, if that is line-buffered (setvbuf). Not in a crashing
+/// thread. One thread at a time, as the log itself.
 namespace Zendrik::Breakpad {
 
 void logMessage(const std::string& text);
