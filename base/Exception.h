@@ -20,7 +20,8 @@
 ///     catch (const Exception& caught) { caught.report(std::cerr); }
 ///
 /// Code that replaces a caught exception by its own calls rememberPrevious on the new one, so that
-/// the report shows both. Texts meant for a user may hold placeholders, "%%(" key ")%%", which are
+/// the report shows both; the launcher has no such place, native code of the application that links
+/// tavrel_base may. Texts meant for a user may hold placeholders, "%%(" key ")%%", which are
 /// filled from the other decorations.
 ///
 /// Nothing here derives from std::exception: a handler for that type does not catch these. An

@@ -13,13 +13,18 @@ namespace Zendrik {
 /// finds level and file by itself, from the environment variables ZENDRIK_LOG_LEVEL (quiet, error,
 /// warning, message, verbose or all; error by default) and ZENDRIK_LOG_FILE (else
 /// $HOME/Desktop/zendrik.log, whose folder is not created). A run that writes no line creates no
-/// file. A file that can't be opened costs one line on standard error, and all lines go there.
+/// file. A file that can't be opened costs one line on standard error, and all lines go there. When
+/// a write fails, on a full disk for example, that line and all that follow are lost without a
+/// word, until setFile or setStream names another destination.
 ///
 /// A line is written in three moves:
 ///
 ///     if (Log::Entry(Log::Level::error, Log::Channel{})) {
 ///         Log::stream() << "text" << std::endl;
 ///     }
+///
+/// The launcher's crash handler writes here. setFile, setStream, setApplicationName, the channels
+/// and their headers are for native code of the application, which links tavrel_base for them.
 ///
 /// All state is the process's; nothing but the channel names is locked, so one thread writes at a
 /// time. A forked child may go on writing to the same file, which is open in append mode.

@@ -5,12 +5,12 @@
 
 namespace Zendrik::Base {
 
-/// Quantities as short texts for a person to read, for messages that tell how long something took
+/// Quantities as short texts for a person to read, for messages about how long something took
 /// or how large it is: "12.50 ms", "3 min 7 s", "1.50 KB". A value on a threshold takes the larger
 /// unit. Any thread may call these; they throw only what allocation throws.
 ///
-/// They are for the application's own messages, which all read alike that way. Nothing of the
-/// launcher calls them.
+/// They are for messages of the application's native code, which links tavrel_base for them.
+/// Nothing of the launcher calls them.
 
 /// Two decimals in us, ms or s below a minute; above it whole minutes and seconds, the rest of a
 /// second dropped, seconds left out when they are 0, and no hours ("120 min"). A negative duration

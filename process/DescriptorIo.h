@@ -18,6 +18,9 @@
 ///   the system category on failure; `errorCode` may be null.
 ///
 /// Nothing here keeps state: every function may be called in any thread.
+///
+/// createSocketPair, setInheritable, isSocket, recvRetry and sendRetry are for native code of the
+/// application, which links tavrel_process for them. Nothing of the launcher calls them.
 
 #include <boost/system/error_code.hpp>
 #include <sys/types.h>
@@ -35,8 +38,8 @@ void createPipe(ScopedFd& readEnd, ScopedFd& writeEnd);
 /// A connected pair of AF_UNIX stream sockets. Unlike createPipe's, they are not close-on-exec.
 void createSocketPair(ScopedFd& first, ScopedFd& second);
 
-/// Adds or removes O_NONBLOCK. The flag belongs to the open file: everybody who shares it by dup or
-/// fork sees the change.
+/// Adds or removes O_NONBLOCK. The flag belongs to the open file: every descriptor that shares it
+/// by dup or fork sees the change.
 void setNonBlocking(int fd, bool enable);
 
 /// Inheritable means that the descriptor survives exec. Belongs to this descriptor alone.
@@ -59,14 +62,14 @@ ssize_t sendRetry(int fd, const void* buffer, std::size_t length, int flags,
 
 /// Waits until one of the `count` descriptors at `fds` is readable, at its end, in error or not
 /// open at all, and returns it. Which one, when several are, is drawn by lot with rand(), so that
-/// none starves; seeding is the caller's affair.
+/// none starves; the caller seeds it.
 ///
 /// `timeoutMs`: 0 looks once, a negative value waits for ever. Signals do not lengthen the wait.
 ///
 /// Returns -1 with
 /// - ETIMEDOUT in the generic category when the time is over,
 /// - errno in the system category when poll(2) fails,
-/// - no error when poll reported nothing but conditions that nobody asked for.
+/// - no error when poll reported nothing but conditions that were not asked for.
 /// @throw std::length_error for a negative `count`
 /// @throw std::bad_alloc
 int pollAny(const int* fds, int count, int timeoutMs, boost::system::error_code* errorCode);

@@ -1,7 +1,7 @@
 #pragma once
 
-/// Whether a process still lives, told without a doubt or not at all, where it has no descriptor to
-/// wait on. It is for programs that act on the end of a process and do harm if they are wrong.
+/// Whether a process still lives, with certainty or not at all, where it has no descriptor to wait
+/// on. It is for programs that act on the end of a process and do harm if they are wrong.
 ///
 /// getProcessCreationTime (ProcessTable.h) asks the same file; there a process names itself to
 /// others in a form that is settled, which a blank in a command name defeats. This reader copes
@@ -13,16 +13,17 @@
 
 namespace Plexum3::Base {
 
-/// What the process table tells about one process.
+/// What the process table says of one process.
 struct ProcessLife {
     enum class State {
-        Unknown,  ///< could not be told: to be taken for living
+        Unknown,  ///< could not be found out: to be taken for living
         Living,
         Ended,  ///< gone, or dead and only not reaped yet
     };
     State state = State::Unknown;
     /// When it was started, in clock ticks since the machine booted; 0 unless Living or a process
-    /// that is dead and not reaped. Together with the pid it names one process for good.
+    /// that is dead and not reaped. Together with the pid it names one process,
+    /// unless the pid is used again within the same clock tick (10 ms).
     std::uint64_t startTicks = 0;
 };
 

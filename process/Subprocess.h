@@ -41,8 +41,9 @@ struct SubprocessOptions {
     std::vector<std::string> args;
     /// Carried along, read by nothing.
     bool reservedFlag = false;
-    /// The child stops itself (SIGSTOP) just before exec; spawn returns only after somebody has
-    /// sent SIGCONT.
+    /// The child stops itself (SIGSTOP) just before exec; spawn returns only after it was sent
+    /// SIGCONT. Until then it holds copies of descriptors of other launches, unless
+    /// closeOtherDescriptors is set: a spawn in another thread meanwhile may wait as long.
     bool stopBeforeExec = false;
     /// The child leads a process group of its own, which sendSignal then reaches by default.
     bool ownProcessGroup = false;
@@ -106,7 +107,7 @@ class Subprocess {
     /// nothing blocked, descriptors 0 to 2 on /dev/null, none other open below the open-file limit,
     /// the environment as it is.
     ///
-    /// Returns once the daemon is on its way; nothing tells whether it could be executed, nor
+    /// Returns once the daemon is on its way. Nothing shows whether it could be executed, nor
     /// whether there was a process to spare for it. Costs the caller one fork and a wait for the
     /// second; both grow with the memory that the caller has in use.
     ///
@@ -116,10 +117,11 @@ class Subprocess {
     static void spawnDaemonized(const std::vector<std::string>& args);
 
     /// Starts options.args[0] and returns when the child has reached exec or failed on the way; the
-    /// handle is non-empty in either case. A child that is killed on the way counts as started:
-    /// wait() then tells. So does a launch for which no process could be forked: its pid() is -1,
-    /// and sendSignal with SignalScope::Process would reach every process of the user, wait() and
-    /// poll() any child.
+    /// handle is non-empty in either case. A child that is killed on the way counts as started, as
+    /// wait() then shows. So does a launch for which no process could be forked: its pid() is -1,
+    /// and before any other operation this has to be looked at. sendSignal, in its default scope
+    /// too, would reach every process that the user may signal (kill(-1)), and wait() and poll()
+    /// any child.
     ///
     /// The child has the write end of the termination pipe open in addition to what it was given.
     ///

@@ -1,14 +1,15 @@
 #pragma once
 
-/// What Linux tells about the machine and about this process: memory, processor time, input and
+/// What Linux reports about the machine and about this process: memory, processor time, input and
 /// output, threads, descriptors. Each function asks its source afresh and keeps nothing, so all of
 /// them may be called in any thread at any time. They open files or walk folders: fine for a status
 /// line, too slow for an inner loop.
 ///
-/// They are for code of the application that measures itself. No step of the start calls them.
+/// They are for native code of the application that measures itself, which links tavrel_process for
+/// them. Nothing of the launcher calls them.
 ///
 /// Unless said otherwise a failure gives zeros. A zero is also what a kernel gives that does not
-/// know the figure, or a machine without swap: the two can't be told apart.
+/// know the figure, or a machine without swap: the two can't be distinguished.
 ///
 /// Memory is in bytes, time in microseconds. Those that return a string or a vector, or read a file
 /// as a text, throw std::bad_alloc.
