@@ -157,7 +157,9 @@ void addNames(const std::string& root, const NeededModule& module, const std::st
         std::string lookedInto = file;
         const Presence found = presenceOfUse(root, module, use, lookedInto);
         if (found == Presence::Missing) {
-            findings.wrong(module.name + "." + use, "not in " + lookedInto + from);
+            std::string name = module.name;
+            std::string text = "not in ";
+            findings.wrong(name.append(".").append(use), text.append(lookedInto).append(from));
             isWhole = false;
         } else if (found == Presence::Unsure) {
             unsure.append(" ").append(use);

@@ -22,8 +22,9 @@ import sys
 
 INTERPRETER = "bin/python3.7/bin/python3.7"
 WORDS = ("man/man1/tavrel.1", "man/man8/tavrelCleanup.8", "man/man8/CrashReporterTavrel.8",
-         "man/man8/tavrelFrames.8", "man/man1/tavrelStack.1",
+         "man/man8/tavrelFrames.8", "man/man1/tavrelStack.1", "man/man1/tavrelInfo.1",
          "bash-completion/completions/tavrel", "bash-completion/completions/tavrelStack",
+         "bash-completion/completions/tavrelInfo",
          "zsh/vendor-completions/_tavrel", "fish/vendor_completions.d/tavrel.fish",
          "doc/tavrel/THIRD-PARTY.md")
 # What the text of every compilation of shipped code has to hold.
