@@ -136,9 +136,9 @@ std::string traceOf(const std::function<void()>& role) {
 /// The reporter's exit status, "running" or "none"; and that it may trace this process.
 std::string reporterFate(bool waits) {
     int status = 0;
-    pid_t reporter = 0;
-    std::ifstream("/proc/thread-self/children") >> reporter;
     if (namedTracer != 0) {
+        pid_t reporter = 0;
+        std::ifstream("/proc/thread-self/children") >> reporter;
         return namedTracer == reporter ? "running, may trace" : "another may trace";
     }
     const pid_t child = waitpid(-1, &status, waits ? 0 : WNOHANG);
