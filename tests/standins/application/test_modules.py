@@ -290,6 +290,25 @@ class ModulesTest(unittest.TestCase):
                                    self.put("graph.json", bad), anyType=True)
             self.assertIs(NodegraphAPI.FindRootNode(), second)
 
+    def test_edits_of_a_run_that_crashed_are_found(self):
+        from GraphWindow import Autosave
+        os.environ["XDG_STATE_HOME"] = self.folder
+        self.addCleanup(os.environ.pop, "XDG_STATE_HOME")
+        kept = Autosave.Autosave()
+        self.assertIsNone(Autosave.Find())
+        kept.save("graph")
+        self.assertIsNone(Autosave.Find())  # its run goes on
+        child = os.fork()
+        if child == 0:
+            Autosave.Autosave().save("left")
+            os._exit(0)
+        os.waitpid(child, 0)
+        path = Autosave.Find()
+        self.assertEqual(self.content(path + ".json"), b"left")
+        Autosave.Remove(path)
+        kept.forget()
+        self.assertEqual(os.listdir(os.path.join(self.folder, "tavrel/autosave")), [])
+
     def test_an_image_is_made_tile_by_tile(self):
         names = RenderingAPI.RenderPlugins.GetRendererPluginNames
         self.assertEqual((names(), names(includeViewer=True)), (["dl"], ["dl", "viewer"]))

@@ -34,6 +34,8 @@ GROUPS = (
         Option("version", "print the version and end"),
         Option("verbose", "how much to say: -1 warnings only, 0 little, 1 as usual, 2 everything",
                short="V", metavar="N", isLaunchers=True),
+        Option("safe", "without the user's settings: variables of the application, module and plug-in "
+               "folders outside of the tree, history, graphs of a crash"),
         Option("render-threads", "render on N threads instead of one for each processor",
                metavar="N"),
     )),
@@ -82,7 +84,7 @@ ENVIRONMENT = (
     ("TAVREL_USD_PLUGINS_DISABLED", "1: leave the tree's USD plug-ins out"),
     ("ZKPXR_PLUGINPATH", "folders to search for USD plug-in resources"),
     ("QT_PLUGIN_PATH", "folders to search for Qt plug-ins"),
-    ("XDG_STATE_HOME", "folder that holds tavrel/shell_history (~/.local/state)"),
+    ("XDG_STATE_HOME", "folder that holds tavrel/shell_history and tavrel/autosave (~/.local/state)"),
 )
 
 EXIT_STATUSES = (

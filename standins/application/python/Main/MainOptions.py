@@ -226,6 +226,23 @@ def _checkProfilingFolder(options):
         raise OptionError("no profile can be written to the folder %r" % folder)
 
 
+def _leaveOutUserSettings():
+    import ConfigurationAPI_cmodule as Configuration
+
+    for name in ("DEFAULT_RENDERER", "TAVREL_RENDER_TILE_SIZE", "TAVREL_SPEC_CACHE_ENABLED",
+                 "TAVREL_RENDER_DEBUG", "TAVREL_RENDER_LOGFILE", "TAVREL_EVENT_DEBUG",
+                 "ARNOLD_RENDER_TERMINATION_SIGNAL", "QT_PLUGIN_PATH"):
+        os.environ.pop(name, None)
+        Configuration.set(name, "")
+    root = os.path.join(Configuration.get("TAVREL_ROOT"), "")
+
+    def ofTree(entries):
+        return [entry for entry in entries if os.path.abspath(entry).startswith(root)]
+    sys.path[:] = ofTree(sys.path)
+    plugins = Configuration.get("ZKPXR_PLUGINPATH").split(os.pathsep)
+    Configuration.set("ZKPXR_PLUGINPATH", os.pathsep.join(ofTree(plugins)))
+
+
 def GetOptions():
     """(options, args) of this run. Answers the options of _ANSWERS itself and ends the run; ends it
     with 2 and one line for a bad command line."""
@@ -235,6 +252,8 @@ def GetOptions():
             if name in options:
                 answer(options)
         _checkProfilingFolder(options)
+        if "safe" in options:
+            _leaveOutUserSettings()
     except OptionError as error:
         import MainLogging
         MainLogging.PrintToStderr("tavrel: %s; tavrel --help lists all options\n" % error)

@@ -11,6 +11,7 @@ import MainEnvironment
 import MainLogging
 import MainPythonFile
 import MainSignals
+from Utils import StateFolder
 
 _HISTORY_LINES = 2000
 
@@ -86,14 +87,6 @@ class _Console(code.InteractiveConsole):
         self._fail(1)
 
 
-def HistoryFile():
-    """Where the console's history is kept. A relative XDG_STATE_HOME counts as unset."""
-    base = os.environ.get("XDG_STATE_HOME", "")
-    if not os.path.isabs(base):
-        base = os.path.expanduser("~/.local/state")
-    return os.path.join(base, "tavrel", "shell_history")
-
-
 def _loadHistory(readline, path):
     """Makes the file if need be, for its owner only, and returns how many lines it brought."""
     if not os.path.isabs(path):
@@ -113,16 +106,16 @@ def _warnOfHistory(path, error):
     logging.getLogger("Shell").warning('The history "%s" is not kept: %s.', path, error.strerror)
 
 
-def _withReadline(interact, namespace):
+def _withReadline(interact, namespace, hasHistory):
     """Line editing, completion and history around the console; a terminal only."""
     import readline
     import rlcompleter
 
     readline.set_completer(rlcompleter.Completer(namespace).complete)
     readline.parse_and_bind("tab: complete")
-    path = HistoryFile()
+    path = StateFolder.Path("shell_history") if hasHistory else None
     try:
-        linesBefore = _loadHistory(readline, path)
+        linesBefore = _loadHistory(readline, path) if hasHistory else 0
     except OSError as error:
         _warnOfHistory(path, error)
         path = None
@@ -178,7 +171,8 @@ def Main(options, args):
         sys.argv = [""]
         console = _Console(module.__dict__)
         if sys.stdin.isatty() and sys.stdout.isatty():
-            _withReadline(lambda: console.interact(_banner(), exitmsg=""), module.__dict__)
+            _withReadline(lambda: console.interact(_banner(), exitmsg=""), module.__dict__,
+                          hasHistory="safe" not in options)
         else:
             console.interactWithPipe()
     finally:

@@ -40,7 +40,9 @@ def Main(options, args):
         if args:
             MainEnvironment.EndPhase("files of the user")
         import GraphWindow
-        GraphWindow.Window(root, graphs[-1] if graphs else None)
+        window = GraphWindow.Window(root, graphs[-1] if graphs else None)
+        if "safe" not in options:
+            root.after_idle(window.offerAutosave)
         MainEnvironment.EndPhase("window", isLast=True)
         root.mainloop()
     finally:

@@ -8,13 +8,14 @@ import tkinter.messagebox
 import MainLogging
 import NodegraphAPI
 import NodegraphFile
-from GraphWindow import Look
+from GraphWindow import Autosave, Look
 from GraphWindow.GraphView import GraphView
 from GraphWindow.ParameterPanel import ParameterPanel
 from GraphWindow.PreviewPanel import PreviewPanel
 from Utils import EventModule
 
 _TICK_MS = 50
+_AUTOSAVE_MS = 10000
 _FILE_SIZE = 1920, 1080
 # What a new node of each type begins with.
 _NODE_TYPES = (
@@ -41,6 +42,7 @@ class Window(object):
         # The graph as it is, was when it was last saved, and was before and behind each edit.
         self._now = self._saved = NodegraphFile.Text()
         self._undone, self._done = [], []
+        self._autosave, self._timer = Autosave.Autosave(), None
         root.geometry("1024x640")
         root.minsize(720, 480)
         root.protocol("WM_DELETE_WINDOW", self._quit)
@@ -141,7 +143,32 @@ class Window(object):
             self._done.append(self._now)
             self._undone.clear()
             self._now = text
-            self._showTitle()
+            self._noteChange()
+
+    def offerAutosave(self):
+        """Asks for the graph that a run has left which crashed."""
+        path = Autosave.Find()
+        if path is None:
+            return
+        if tkinter.messagebox.askyesno("Tavrel", "tavrel ended before a graph was saved. Open it?",
+                                       parent=self._root):
+            self._attempt(lambda: self._openFile(path + ".json"))
+            # It has no file of the user's yet.
+            self._path, self._saved = None, ""
+            self._noteChange()
+        Autosave.Remove(path)
+
+    def _noteChange(self):
+        self._showTitle()
+        if self._now == self._saved:
+            self._autosave.forget()
+        elif self._timer is None:
+            self._timer = self._root.after(_AUTOSAVE_MS, self._keep)
+
+    def _keep(self):
+        self._timer = None
+        if self._now != self._saved:
+            self._autosave.save(self._now)
 
     def _step(self, fromSteps, toSteps):
         """Takes the last edit back, or makes it again."""
@@ -149,7 +176,7 @@ class Window(object):
             toSteps.append(self._now)
             self._now = fromSteps.pop()
             NodegraphFile.Restore(self._now)
-            self._showTitle()
+            self._noteChange()
 
     def _showTitle(self):
         name = os.path.basename(self._path) if self._path else "untitled"
@@ -164,6 +191,8 @@ class Window(object):
             "Tavrel", "Save the changes of the graph?", parent=self._root)
         if answer:
             self._save()
+        if answer is False:
+            self._autosave.forget()
         return self._now == self._saved or answer is False
 
     def _quit(self):
@@ -252,7 +281,7 @@ class Window(object):
         self._path = path
         self._now = self._saved = NodegraphFile.Text()
         self._undone.clear()
-        self._showTitle()
+        self._noteChange()
 
     def _save(self):
         if self._path is None:
