@@ -38,11 +38,11 @@ window=$!
 
 # Fails as long as the window isn't shown: asked for one that isn't there, import waits for a click.
 capture() {
-  DISPLAY=":$display" xwininfo -name Tavrel 2>/dev/null | grep -q IsViewable &&
-    DISPLAY=":$display" timeout 20 import -window Tavrel -strip -define png:exclude-chunks=date,time "$1" 2>/dev/null
+  DISPLAY=":$display" xwininfo -name 'untitled - Tavrel' 2>/dev/null | grep -q IsViewable &&
+    DISPLAY=":$display" timeout 20 import -window 'untitled - Tavrel' -strip -define png:exclude-chunks=date,time "$1" 2>/dev/null
 }
 # A server without a window manager gives no window the keyboard.
-render() { DISPLAY=":$display" xdotool search --name '^Tavrel$' windowfocus --sync key ctrl+r; }
+render() { DISPLAY=":$display" xdotool search --name ' - Tavrel$' windowfocus --sync key ctrl+r; }
 deadline=$((SECONDS + 60))
 go_on() {
   kill -0 "$window" 2>/dev/null || { cat "$scratch/tavrel.log" >&2; die "the launcher ended"; }
