@@ -10,8 +10,8 @@
 #include <map>
 #include <utility>
 
-#include "stacks/PythonStream.h"
-#include "stacks/Registers.h"
+#include "stacks/python/PythonStream.h"
+#include "stacks/record/Registers.h"
 
 namespace Zendrik::Stacks {
 

@@ -11,8 +11,8 @@
 #include <istream>
 #include <optional>
 
-#include "stacks/PythonStacks.h"
-#include "stacks/StackCapture.h"
+#include "stacks/record/PythonStacks.h"
+#include "stacks/record/StackCapture.h"
 
 namespace Zendrik::Stacks {
 

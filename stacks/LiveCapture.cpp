@@ -6,11 +6,11 @@
 #include <thread>
 #include <utility>
 
-#include "stacks/HeldThreads.h"
-#include "stacks/MappedFiles.h"
-#include "stacks/ProcFiles.h"
-#include "stacks/PythonReader.h"
-#include "stacks/StackMemory.h"
+#include "process/ProcFiles.h"
+#include "stacks/memory/HeldThreads.h"
+#include "stacks/memory/MappedFiles.h"
+#include "stacks/memory/StackMemory.h"
+#include "stacks/python/PythonReader.h"
 
 namespace Zendrik::Stacks {
 

@@ -12,9 +12,9 @@
 #include <string>
 #include <vector>
 
-#include "stacks/HeldThreads.h"
-#include "stacks/PythonStacks.h"
-#include "stacks/StackCapture.h"
+#include "stacks/memory/HeldThreads.h"
+#include "stacks/record/PythonStacks.h"
+#include "stacks/record/StackCapture.h"
 
 namespace Zendrik::Stacks {
 

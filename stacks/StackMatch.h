@@ -3,8 +3,8 @@
 #include <map>
 #include <vector>
 
-#include "stacks/NativeFrames.h"
-#include "stacks/PythonStacks.h"
+#include "stacks/native/NativeFrames.h"
+#include "stacks/record/PythonStacks.h"
 
 namespace Zendrik::Stacks {
 

@@ -6,9 +6,9 @@
 #include <utility>
 #include <vector>
 
-#include "stacks/FrameLines.h"
-#include "stacks/PrintableText.h"
+#include "base/PrintableText.h"
 #include "stacks/StackMatch.h"
+#include "stacks/native/FrameLines.h"
 
 namespace Zendrik::Stacks {
 

@@ -13,9 +13,9 @@
 
 #include <string>
 
-#include "stacks/NativeFrames.h"
-#include "stacks/PythonStacks.h"
-#include "stacks/StackCapture.h"
+#include "stacks/native/NativeFrames.h"
+#include "stacks/record/PythonStacks.h"
+#include "stacks/record/StackCapture.h"
 
 namespace Zendrik::Stacks {
 

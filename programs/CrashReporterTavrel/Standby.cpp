@@ -12,10 +12,10 @@
 #include <cstring>
 #include <string>
 
+#include "process/ProcFiles.h"
 #include "programs/CrashReporterTavrel/Guardian.h"
 #include "programs/CrashReporterTavrel/channel/Announcement.h"
 #include "programs/CrashReporterTavrel/channel/HandledSignals.h"
-#include "stacks/ProcFiles.h"
 
 namespace Zendrik::Reporter {
 

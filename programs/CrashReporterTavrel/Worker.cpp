@@ -17,16 +17,16 @@
 #include <iterator>
 #include <utility>
 
+#include "process/ProcFiles.h"
 #include "programs/CrashReporterTavrel/channel/Announcement.h"
 #include "programs/CrashReporterTavrel/channel/HandledSignals.h"
 #include "programs/CrashReporterTavrel/dump/CrashDumper.h"
 #include "programs/CrashReporterTavrel/report/CrashReport.h"
 #include "programs/CrashReporterTavrel/report/KeepPrompt.h"
 #include "programs/CrashReporterTavrel/report/ProcessSnapshot.h"
-#include "stacks/NativeFrames.h"
-#include "stacks/ProcFiles.h"
-#include "stacks/PythonStream.h"
-#include "stacks/Registers.h"
+#include "stacks/native/NativeFrames.h"
+#include "stacks/python/PythonStream.h"
+#include "stacks/record/Registers.h"
 
 namespace Zendrik::Reporter {
 

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <optional>
 
-#include "stacks/StackGuess.h"
+#include "stacks/native/StackGuess.h"
 
 namespace Zendrik::Frames {
 

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "programs/tavrelFrames/ModuleFiles.h"
-#include "stacks/StackCapture.h"
+#include "stacks/record/StackCapture.h"
 
 namespace Zendrik::Frames {
 

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "programs/tavrelFrames/ModuleFiles.h"
-#include "stacks/NativeFrames.h"
+#include "stacks/native/NativeFrames.h"
 
 namespace Zendrik::Frames {
 

@@ -13,8 +13,8 @@
 #include <utility>
 
 #include "process/DescriptorIo.h"
-#include "stacks/FrameLines.h"
-#include "stacks/StackGuess.h"
+#include "stacks/native/FrameLines.h"
+#include "stacks/native/StackGuess.h"
 
 namespace Zendrik::Frames {
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "stacks/StackCapture.h"
+#include "stacks/record/StackCapture.h"
 
 namespace Zendrik::Frames {
 

@@ -24,7 +24,7 @@
 #include "process/DescriptorIo.h"
 #include "programs/tavrelFrames/CallFrames.h"
 #include "programs/tavrelFrames/FrameNames.h"
-#include "stacks/FrameLines.h"
+#include "stacks/native/FrameLines.h"
 
 namespace {
 

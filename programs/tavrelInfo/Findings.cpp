@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <sstream>
 
-#include "stacks/PrintableText.h"
+#include "base/PrintableText.h"
 
 namespace Info {
 

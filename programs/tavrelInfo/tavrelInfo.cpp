@@ -9,9 +9,9 @@
 #include <string>
 
 #include "base/ExecutablePath.h"
+#include "base/PrintableText.h"
 #include "process/StandardStreams.h"
 #include "programs/tavrelInfo/Parts.h"
-#include "stacks/PrintableText.h"
 
 namespace {
 

@@ -11,12 +11,12 @@
 #include <iostream>
 #include <string>
 
+#include "base/PrintableText.h"
 #include "programs/tavrelStack/Arguments.h"
 #include "stacks/DumpCapture.h"
 #include "stacks/LiveCapture.h"
-#include "stacks/NativeFrames.h"
-#include "stacks/PrintableText.h"
 #include "stacks/StackText.h"
+#include "stacks/native/NativeFrames.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include "programs/CrashReporterTavrel/report/CrashReport.h"
 #include "stacks/DumpCapture.h"
-#include "stacks/FrameLines.h"
+#include "stacks/native/FrameLines.h"
 
 // A dump may be damaged, what tells the native frames may have gone mad: a report comes of it, or
 // none, and nothing else happens. The input is a dump, then, behind a line of its own, frames.

@@ -8,9 +8,9 @@
 #include <map>
 #include <vector>
 
-#include "stacks/MappedFiles.h"
-#include "stacks/PythonReader.h"
-#include "stacks/PythonStream.h"
+#include "stacks/memory/MappedFiles.h"
+#include "stacks/python/PythonReader.h"
+#include "stacks/python/PythonStream.h"
 
 namespace {
 

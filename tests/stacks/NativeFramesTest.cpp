@@ -16,10 +16,10 @@
 #include <functional>
 #include <random>
 
-#include "stacks/MappedFiles.h"
-#include "stacks/NativeFrames.h"
-#include "stacks/ProcessMemory.h"
 #include "stacks/StackText.h"
+#include "stacks/memory/MappedFiles.h"
+#include "stacks/memory/ProcessMemory.h"
+#include "stacks/native/NativeFrames.h"
 
 #ifdef __SANITIZE_THREAD__
 // The handler here may allocate: raise enters it, and interrupts nothing.

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "stacks/MappedFiles.h"
-#include "stacks/PythonReader.h"
+#include "stacks/memory/MappedFiles.h"
+#include "stacks/python/PythonReader.h"
 
 /// The interpreter keeps memory for the whole process on purpose.
 // NOLINTNEXTLINE(bugprone-reserved-identifier): the sanitizer's own name

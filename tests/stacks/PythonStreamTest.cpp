@@ -12,7 +12,7 @@
 #include <string>
 
 #include "process/DescriptorIo.h"
-#include "stacks/PythonStream.h"
+#include "stacks/python/PythonStream.h"
 #include "tests/ForkedRole.h"
 
 namespace Zendrik::Stacks {

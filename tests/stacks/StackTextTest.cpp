@@ -3,7 +3,7 @@
 
 #include <sstream>
 
-#include "stacks/PrintableText.h"
+#include "base/PrintableText.h"
 #include "stacks/StackMatch.h"
 #include "stacks/StackText.h"
 

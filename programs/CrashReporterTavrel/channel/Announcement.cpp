@@ -9,9 +9,9 @@
 #include <cstdio>
 #include <string>
 
+#include "base/PrintableText.h"
 #include "process/ScopedFd.h"
 #include "process/WholeLine.h"
-#include "stacks/PrintableText.h"
 
 namespace Zendrik::Reporter {
 

@@ -8,8 +8,8 @@
 
 #include <string>
 
+#include "process/ProcFiles.h"
 #include "process/ProcessLife.h"
-#include "stacks/ProcFiles.h"
 
 namespace Zendrik::Reporter {
 

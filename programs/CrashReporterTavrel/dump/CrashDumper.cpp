@@ -8,8 +8,8 @@
 #include <set>
 #include <string>
 
-#include "stacks/FrameLines.h"
-#include "stacks/Registers.h"
+#include "stacks/native/FrameLines.h"
+#include "stacks/record/Registers.h"
 
 namespace Zendrik::Reporter {
 

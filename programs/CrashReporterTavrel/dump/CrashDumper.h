@@ -4,8 +4,8 @@
 #include <client/linux/minidump_writer/linux_ptrace_dumper.h>
 #include <client/linux/minidump_writer/minidump_writer.h>
 
-#include "stacks/ProcessMemory.h"
-#include "stacks/StackCapture.h"
+#include "stacks/memory/ProcessMemory.h"
+#include "stacks/record/StackCapture.h"
 
 namespace Zendrik::Reporter {
 

@@ -13,12 +13,12 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/PrintableText.h"
 #include "process/DescriptorIo.h"
 #include "programs/CrashReporterTavrel/folder/DumpFolder.h"
 #include "programs/CrashReporterTavrel/report/SignalText.h"
-#include "stacks/PrintableText.h"
-#include "stacks/Registers.h"
 #include "stacks/StackText.h"
+#include "stacks/record/Registers.h"
 
 namespace Zendrik::Reporter {
 

@@ -11,9 +11,9 @@
 #include <string>
 
 #include "programs/CrashReporterTavrel/report/ProcessSnapshot.h"
-#include "stacks/NativeFrames.h"
-#include "stacks/PythonStacks.h"
-#include "stacks/StackCapture.h"
+#include "stacks/native/NativeFrames.h"
+#include "stacks/record/PythonStacks.h"
+#include "stacks/record/StackCapture.h"
 
 namespace Zendrik::Reporter {
 

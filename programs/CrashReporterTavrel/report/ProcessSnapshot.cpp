@@ -10,8 +10,8 @@
 #include <sstream>
 
 #include "process/DescriptorIo.h"
+#include "process/ProcFiles.h"
 #include "process/ProcessLife.h"
-#include "stacks/ProcFiles.h"
 
 namespace Zendrik::Reporter {
 

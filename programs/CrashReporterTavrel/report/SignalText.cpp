@@ -3,8 +3,8 @@
 #include <csignal>
 #include <cstring>
 
-#include "stacks/PrintableText.h"
-#include "stacks/Registers.h"
+#include "base/PrintableText.h"
+#include "stacks/record/Registers.h"
 
 namespace Zendrik::Reporter {
 

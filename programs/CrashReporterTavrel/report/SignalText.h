@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "stacks/StackCapture.h"
+#include "stacks/record/StackCapture.h"
 
 namespace Zendrik::Reporter {
 
