@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
-"""Checks the include rules between folders, as the table in docs/architecture.md gives them, and the sizes
-that CONTRIBUTING.md allows. Functions of C++ are measured by clang-tidy."""
+"""Checks the include rules between folders, as the table in docs/architecture.md gives them, that
+includes between the sub-folders of one go one way, and the sizes that CONTRIBUTING.md allows.
+Functions of C++ are measured by clang-tidy."""
 
 import ast
 import os
@@ -12,7 +13,7 @@ MOST_LINES_OF_A_FILE, MOST_LINES_OF_A_FUNCTION = 300, 60
 PLATFORM = "platform/include"  # its headers are included as <ZkConfiguration/...>
 
 
-def arrows():
+def include_rules():
     """Folder: the folders that it may include from, itself among them."""
     allowed = {}
     with open("docs/architecture.md") as page:
@@ -27,6 +28,22 @@ def arrows():
 def folder_of(path, folders):
     return PLATFORM if path.startswith("Zk") else next(
         (folder for folder in folders if path.startswith(folder + "/")), None)
+
+
+def circle_in(uses):
+    """Folders that include from each other in a circle, in its order; None if there is none."""
+    done = set()
+
+    def visit(folder, way):
+        if folder in way:
+            return way[way.index(folder):] + [folder]
+        if folder not in done:
+            for other in sorted(uses.get(folder, ())):
+                if circle := visit(other, way + [folder]):
+                    return circle
+            done.add(folder)
+        return None
+    return next(filter(None, (visit(folder, []) for folder in sorted(uses))), None)
 
 
 def objections(path, text, allowed):
@@ -46,13 +63,20 @@ def objections(path, text, allowed):
 
 def main():
     os.chdir(os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__)))))
-    allowed, found = arrows(), []
+    allowed, found, uses = include_rules(), [], {}
     listed = subprocess.run(["git", "ls-files", "--cached", "--others", "--exclude-standard",
                              "--deduplicate", "*.cpp", "*.h", "*.c", "*.py"],
                             stdout=subprocess.PIPE, check=True, universal_newlines=True).stdout
     for path in listed.splitlines():
         with open(path) as source:
-            found += objections(path, source.read(), allowed)
+            text = source.read()
+        found += objections(path, text, allowed)
+        own = folder_of(path, allowed)
+        for included in re.findall(r'^#include "([^"]+)', text, re.MULTILINE):
+            if own == folder_of(included, allowed) and os.path.dirname(path) != os.path.dirname(included):
+                uses.setdefault(os.path.dirname(path), set()).add(os.path.dirname(included))
+    if circle := circle_in(uses):
+        found.append("includes go in a circle: " + ", ".join(circle))
     sys.exit("\n".join(found) or 0)
 
 
