@@ -3,7 +3,7 @@
 #include <cinttypes>
 #include <cstdio>
 
-namespace Zendrik::Stacks {
+namespace Zendrik::Base {
 
 namespace {
 
@@ -73,4 +73,4 @@ std::string hexadecimal(std::uint64_t number) {
     return text;
 }
 
-}  // namespace Zendrik::Stacks
+}  // namespace Zendrik::Base

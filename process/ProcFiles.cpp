@@ -6,7 +6,7 @@
 #include <sstream>
 #include <system_error>
 
-namespace Zendrik::Stacks {
+namespace Plexum3::Base {
 
 std::string readProcFile(pid_t pid, const std::string& name) {
     const std::ifstream file("/proc/" + (pid == 0 ? "" : std::to_string(pid) + "/") + name);
@@ -47,4 +47,4 @@ std::vector<pid_t> listThreads(pid_t pid) {
     return threads;
 }
 
-}  // namespace Zendrik::Stacks
+}  // namespace Plexum3::Base

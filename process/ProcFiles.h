@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-namespace Zendrik::Stacks {
+namespace Plexum3::Base {
 
 /// The content of /proc/PID/`name`, or of /proc/`name` for the PID 0.
 std::string readProcFile(pid_t pid, const std::string& name);
@@ -23,4 +23,4 @@ std::string threadName(pid_t tid);
 /// The threads of a process, from /proc/PID/task.
 std::vector<pid_t> listThreads(pid_t pid);
 
-}  // namespace Zendrik::Stacks
+}  // namespace Plexum3::Base

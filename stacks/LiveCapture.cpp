@@ -16,6 +16,9 @@ namespace Zendrik::Stacks {
 
 namespace {
 
+using Plexum3::Base::readProcFile;
+using Plexum3::Base::statusField;
+using Plexum3::Base::threadName;
 using std::chrono::steady_clock;
 
 constexpr auto stopLimit = std::chrono::milliseconds(200);

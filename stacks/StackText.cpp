@@ -14,6 +14,9 @@ namespace Zendrik::Stacks {
 
 namespace {
 
+using Base::hexadecimal;
+using Base::printableText;
+
 // Lines of which a recursion may repeat one a thousand times.
 class FoldedLines {
   public:

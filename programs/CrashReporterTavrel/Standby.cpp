@@ -128,12 +128,12 @@ void Standby::mindRequest() {
 // too, and is left alone: workers are children of the guardian.
 void Standby::endWorkOn(const DumpRequest& request) const {
     const std::string guardian = std::to_string(guardian_->pid());
-    for (const pid_t tid : Stacks::listThreads(request.pid)) {
+    for (const pid_t tid : Plexum3::Base::listThreads(request.pid)) {
         const std::string field =
-            Stacks::statusField(Stacks::readProcFile(tid, "status"), "TracerPid");
+            Plexum3::Base::statusField(Plexum3::Base::readProcFile(tid, "status"), "TracerPid");
         const pid_t tracer = std::atoi(field.c_str());
-        if (tracer > 0 &&
-            Stacks::statusField(Stacks::readProcFile(tracer, "status"), "PPid") == guardian) {
+        if (tracer > 0 && Plexum3::Base::statusField(Plexum3::Base::readProcFile(tracer, "status"),
+                                                     "PPid") == guardian) {
             static_cast<void>(kill(tracer, SIGKILL));  // the guardian has not reaped it
         }
     }

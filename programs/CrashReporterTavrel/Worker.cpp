@@ -61,7 +61,7 @@ struct Evidence {
 CrashContext contextOf(const DumpRequest& request) {
     CrashContext crash{};
     std::memcpy(&crash, request.context.data(), sizeof crash);
-    const std::vector<pid_t> threads = Stacks::listThreads(request.pid);
+    const std::vector<pid_t> threads = Plexum3::Base::listThreads(request.pid);
     if (!threads.empty() && std::find(threads.begin(), threads.end(), crash.tid) == threads.end()) {
         crash.tid = request.pid;
     }

@@ -11,8 +11,8 @@
 namespace Info {
 
 void Findings::put(const char* state, const std::string& label, const std::string& text) {
-    findings_.push_back({section_, state, Zendrik::Stacks::printableText(label),
-                         Zendrik::Stacks::printableText(text)});
+    findings_.push_back(
+        {section_, state, Zendrik::Base::printableText(label), Zendrik::Base::printableText(text)});
 }
 
 bool Findings::areGood() const {

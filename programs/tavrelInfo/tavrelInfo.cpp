@@ -31,7 +31,7 @@ constexpr char helpText[] =
     "Exit status: 0 nothing that a run needs is missing, 1 something is, 2 bad command line.\n";
 
 ExitStatus complain(const std::string& what, ExitStatus status) {
-    std::cerr << "tavrelInfo: " << Zendrik::Stacks::printableText(what) << '\n';
+    std::cerr << "tavrelInfo: " << Zendrik::Base::printableText(what) << '\n';
     return status;
 }
 

@@ -22,6 +22,7 @@ namespace {
 
 using namespace Zendrik::Stacks;
 using StackTool::Arguments;
+using Zendrik::Base::printableText;
 
 enum ExitStatus { Done = 0, CannotDo = 1, BadArguments = 2 };
 

@@ -18,6 +18,7 @@ namespace Zendrik::Stacks {
 
 namespace {
 
+using Plexum3::Base::listThreads;
 using std::chrono::steady_clock;
 
 Registers registersFrom(const user_regs_struct& raw) {

@@ -8,6 +8,12 @@
 
 namespace Zendrik::Stacks {
 
+namespace {
+
+using Plexum3::Base::readProcFile;
+
+}  // namespace
+
 std::vector<Mapping> parseMappings(const std::string& maps) {
     std::vector<Mapping> mappings;
     std::istringstream lines(maps);

@@ -11,6 +11,14 @@
 
 namespace Zendrik::Stacks {
 
+namespace {
+
+using Plexum3::Base::listThreads;
+using Plexum3::Base::readProcFile;
+using Plexum3::Base::statusField;
+
+}  // namespace
+
 std::string whyGone(pid_t pid) {
     const std::string status = readProcFile(pid, "status");
     if (status.empty()) {

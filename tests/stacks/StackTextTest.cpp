@@ -10,6 +10,8 @@
 namespace Zendrik::Stacks {
 namespace {
 
+using Base::printableText;
+
 using testing::HasSubstr;
 
 constexpr std::uint64_t threadPointer = 0x1000;

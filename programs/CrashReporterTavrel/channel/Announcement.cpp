@@ -30,7 +30,7 @@ void announce(const char* format, ...) {
     va_start(arguments, format);
     static_cast<void>(std::vsnprintf(text, sizeof text, format, arguments));  // too long: cut off
     va_end(arguments);
-    std::string line = "CrashReporterTavrel: " + Stacks::printableText(text);
+    std::string line = "CrashReporterTavrel: " + Zendrik::Base::printableText(text);
     constexpr std::size_t most = PIPE_BUF - 1;  // what a pipe takes in whole or not at all
     line.resize(std::min(line.size(), most));
     Plexum3::Base::writeWholeLineOrDrop(STDERR_FILENO, line + "\n", momentMs);

@@ -24,7 +24,7 @@ int openPidfd(pid_t pid) {
 
 // 'T' in proc(5): stopped by a signal. A tracer's stop is 't'.
 bool isStopped(pid_t pid) {
-    const std::string stat = Stacks::readProcFile(pid, "stat");
+    const std::string stat = Plexum3::Base::readProcFile(pid, "stat");
     const std::size_t nameEnd = stat.rfind(')');
     return nameEnd != std::string::npos && stat.compare(nameEnd, 3, ") T") == 0;
 }

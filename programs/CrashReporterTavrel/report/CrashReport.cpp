@@ -24,7 +24,7 @@ namespace Zendrik::Reporter {
 
 namespace {
 
-using Stacks::printableText;
+using Zendrik::Base::printableText;
 
 // What the launcher's Python hook writes, in its working directory.
 constexpr char pythonStackLog[] = "PythonStackLog.txt";

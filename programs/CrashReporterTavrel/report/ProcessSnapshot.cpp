@@ -69,7 +69,7 @@ std::string readText(int folder, const std::string& path, std::size_t limit, int
 }
 
 std::int64_t numberBehind(const std::string& text, const std::string& name) {
-    const std::string field = Stacks::statusField(text, name);
+    const std::string field = Plexum3::Base::statusField(text, name);
     char* end = nullptr;
     const std::int64_t value = std::strtoll(field.c_str(), &end, 10);
     return end == field.c_str() ? -1 : value;

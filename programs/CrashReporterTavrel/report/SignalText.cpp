@@ -11,7 +11,7 @@ namespace Zendrik::Reporter {
 namespace {
 
 using Stacks::CapturedSignal;
-using Stacks::hexadecimal;
+using Zendrik::Base::hexadecimal;
 
 struct Code {
     int signal;
