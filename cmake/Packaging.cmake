@@ -1,5 +1,5 @@
 # Two packages from one set of install rules: a TGZ with the tree as it is, under tavrel-VERSION, and
-# a DEB with the tree under /opt/tavrel and what a desktop and a shell look for under /usr. Whoever
+# a DEB with the tree under /opt/tavrel and what a desktop and a shell look for under /usr. Who
 # wants the same bytes twice sets SOURCE_DATE_EPOCH, as scripts/package.sh does.
 
 # What tavrel_in_tree() was called for, one line each: type and path in the tree.

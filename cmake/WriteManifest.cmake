@@ -1,5 +1,5 @@
 # Run at the end of the tree's installation: writes MANIFEST, the SHA-256 of every file of the tree in
-# the format of sha256sum, so that both `tavrel --system-info` and `sha256sum -c MANIFEST` can tell
+# the format of sha256sum, so that both `tavrel --system-info` and `sha256sum -c MANIFEST` can check
 # whether a tree is whole. Only what was installed is listed, for a prefix may hold other things.
 # log.conf is left out: it is there to be edited, and dpkg doesn't list such files either.
 set(prefix ${CMAKE_INSTALL_PREFIX})

@@ -1,6 +1,6 @@
 #pragma once
 
-/// What the kernel's process table tells about a process. A PID alone is given out again after its
+/// What the kernel's process table says of a process. A PID alone is given out again after its
 /// process has gone; a PID and the creation time together name one process for as long as the
 /// machine is up:
 ///
@@ -8,7 +8,7 @@
 ///     ...
 ///     const bool stillTheSame = getProcessCreationTime(pid, &error) == created;
 ///
-/// The splitting of the kernel's text is part of what launchers tell each other by, a blank in a
+/// The splitting of the kernel's text is part of how launchers identify each other, a blank in a
 /// command name included. A program that must not be deceived by a name asks ProcessLife.h.
 
 #include <boost/chrono/duration.hpp>

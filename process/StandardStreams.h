@@ -6,7 +6,7 @@
 ///         openClosedStandardStreams();
 ///         ...
 ///
-/// Whatever a program opens next would get such a number otherwise, and a line that somebody prints
+/// Whatever a program opens next would get such a number otherwise, and a line that is printed
 /// would go into it: into a user's picture, or into a socket. Needs the C library alone.
 
 namespace Plexum3::Base {

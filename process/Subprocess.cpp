@@ -163,7 +163,7 @@ void Subprocess::spawnDaemonized(const std::vector<std::string>& args) {
 Subprocess Subprocess::spawn(const SubprocessOptions& options) {
     LaunchPipes pipes;
     const PreparedLaunch launch(options, pipes);
-    // Built now: an allocation that failed after the fork would leave a child that nobody knows.
+    // Built now: an allocation that failed after the fork would leave a child without a record.
     const auto impl = boost::make_shared<SubprocessImpl>(options);
 
     pid_t child = -1;

@@ -20,7 +20,7 @@ constexpr int lastSignal = 64;
 constexpr int statusSetupFailed = 1;
 constexpr int statusExecFailed = 127;
 
-// Nothing is left to tell a failure to.
+// There is nowhere left to report a failure.
 void childWrite(int fd, const void* data, std::size_t length) {
     static_cast<void>(!write(fd, data, length));
 }

@@ -85,7 +85,8 @@ ProcessIo getProcessIo();
 /// Spent by this process in all its threads, from getrusage.
 ProcessCpuTime getProcessCpuTime();
 
-/// From /proc/stat, told apart by sched_getaffinity. Processors from 1024 upward count as allowed.
+/// From /proc/stat, distinguished by sched_getaffinity. Processors from 1024 upward count as
+/// allowed.
 CpuTimes getCpuTimes();
 
 /// Size of the calling thread's stack and how much of it is in use at this call, from

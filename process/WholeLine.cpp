@@ -40,7 +40,7 @@ void writeWholeLineOrDrop(int fd, std::string_view line, int momentMs) {
     if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) {
         writeOnce(fd, line);
     } else if (hasRoom(fd, momentMs)) {
-        // Somebody else may fill what room there is now.
+        // Another process may fill what room there is now.
         if (S_ISSOCK(status.st_mode)) {
             static_cast<void>(send(fd, line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL));
         } else {

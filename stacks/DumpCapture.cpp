@@ -19,7 +19,7 @@ namespace {
 
 using google_breakpad::Minidump;
 
-// Breakpad tells these streams what it finds odd in a dump.
+// Breakpad writes to these streams what it finds odd in a dump.
 class Silence {
   public:
     Silence() : log_(std::clog.rdbuf(nullptr)), error_(std::cerr.rdbuf(nullptr)) {}

@@ -1,10 +1,10 @@
 #pragma once
 
-// A minidump read back: what stacks can be told from, long after the process has gone.
+// A minidump read back: what stacks can be found from, long after the process has gone.
 //
 //     const std::optional<DumpContents> contents = readDump(file);
 //
-// A dump may be damaged, or made by somebody with intent: what can't be read is left out.
+// A dump may be damaged, or made so with intent: what can't be read is left out.
 // While it is read, std::clog and std::cerr say nothing: not for a process with other threads that
 // do.
 

@@ -4,7 +4,7 @@
 //
 //     const LiveCapture live = captureProcess(4711);
 //     if (!live.failure.empty()) ...       // "process 4711 " + failure
-//     findNativeFrames(live.capture, ...); // from here on nobody waits
+//     findNativeFrames(live.capture, ...); // from here on nothing waits
 
 #include <sys/types.h>
 
@@ -29,7 +29,7 @@ struct LiveCapture {
     std::chrono::microseconds held{};
 };
 
-/// Holds all threads of a process, copies what their stacks can be told from, and lets them go.
+/// Holds all threads of a process, copies what their stacks can be found from, and lets them go.
 /// Stopped processes stay stopped, no signal is lost, and should this process die meanwhile the
 /// other one goes on.
 ///

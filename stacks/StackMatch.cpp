@@ -39,7 +39,7 @@ bool isCallMachinery(const NativeFrame& frame) {
 }
 
 bool waitsForLock(const ThreadFrames& native) {
-    // The first function of the interpreter's tells.
+    // The first function of the interpreter's decides.
     const auto first =
         std::find_if(native.frames.begin(), native.frames.end(),
                      [](const NativeFrame& frame) { return !interpreterFunction(frame).empty(); });

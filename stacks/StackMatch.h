@@ -25,7 +25,7 @@ StackMatch matchFrames(const ThreadFrames& native, const PythonThread& python);
 /// Whether the frame is one of the interpreter's own ways to call a function.
 bool isCallMachinery(const NativeFrame& frame);
 
-/// What the interpreter's own frames tell of a thread.
+/// What the interpreter's own frames say of a thread.
 bool waitsForLock(const ThreadFrames& native);
 bool collectsGarbage(const ThreadFrames& native);
 

@@ -161,7 +161,7 @@ std::string framesOf(const ThreadFrames& native, const std::vector<const PythonT
                  [](const PythonThread* thread) {
                      return !thread->frames.empty() || !thread->cutShort.empty();
                  });
-    // With the functions of two interpreters nothing tells which is whose.
+    // With the functions of two interpreters nothing shows which is whose.
     const StackMatch match =
         running.size() == 1 ? matchFrames(native, *running.front()) : StackMatch();
     std::string text = mixedFrames(native, match, allFrames);

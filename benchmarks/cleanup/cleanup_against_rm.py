@@ -51,7 +51,7 @@ def main():
     if not os.path.isdir(base) or file_system(base) != "tmpfs":
         sys.exit(f"{base} is no tmpfs: name one in SCRATCH")
     rm = shutil.which("rm")
-    # Not reaped before the end, so that nobody else gets the id.
+    # Not reaped before the end, so that no other process gets the id.
     with tempfile.TemporaryDirectory(dir=base) as scratch, subprocess.Popen(["true"]) as dead:
         os.waitid(os.P_PID, dead.pid, os.WEXITED | os.WNOWAIT)
         tree = scratch + "/tree"
@@ -59,7 +59,7 @@ def main():
         for name, shape in SHAPES.items():
             times = ([], [])
             for run in range(runs):
-                # Whoever is first meets other caches.
+                # The first one meets other caches.
                 for side in ((0, 1) if run % 2 == 0 else (1, 0)):
                     times[side].append(measure(commands[side], tree, shape))
             (ours, our_work), (floor, floor_work) = ([statistics.median(f) for f in zip(*side)] for side in times)

@@ -1,4 +1,4 @@
-// A launcher that arms crash capture and crashes, and tells what that took.
+// A launcher that arms crash capture and crashes, and prints what that took.
 //
 //     CrashTimes ours|bare out|in THREADS
 //

@@ -42,7 +42,7 @@ def read_number(process, word):
 
 
 def settle(dumps, wanted):
-    """Waits until the reporter is through with its report, so that it works beside nobody's turn."""
+    """Waits until the reporter is through with its report, so that it disturbs no other turn."""
     deadline = time.monotonic() + DEADLINE_SECONDS
     while len(list(dumps.glob("*.txt"))) < wanted:
         if time.monotonic() > deadline:
@@ -93,7 +93,7 @@ def wait_for_end(pid):
 def compare(folder, runs, mode, threads):
     sides = {"ours": [], "bare": []}
     for run in range(runs):
-        # Whoever is first meets other caches.
+        # The first one meets other caches.
         for side in sorted(sides, reverse=run % 2 == 0):
             sides[side].append(measure(folder, side, mode, threads))
     return ([statistics.median(figures) for figures in zip(*sides[side])] for side in ("ours", "bare"))

@@ -93,7 +93,7 @@ void logPythonFunctionCall(const char* path, PyFrameObject* frame) {
 }
 
 void writePythonStack(const char* path, const char* label, PyFrameObject* frame) {
-    // Paths and names of a production are nobody else's affair. The buffer owns the descriptor.
+    // Paths and names of a production are for no other user. The buffer owns the descriptor.
     constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
     __gnu_cxx::stdio_filebuf<char> file(open(path, flags, S_IRUSR | S_IWUSR), std::ios::out);
     std::ostream stream(&file);

@@ -16,7 +16,7 @@
 /// the function's first line again), the function and the file, each followed by a blank.
 ///
 /// The price is high: every call of every function pays for an open, a truncation and a write per
-/// frame. docs/python-stack-log.md tells how much that is.
+/// frame. docs/python-stack-log.md says how much that is.
 ///
 /// All functions need the interpreter lock and report nothing: what can't be written is left out.
 /// Threads write the same file; it shows the last writer.

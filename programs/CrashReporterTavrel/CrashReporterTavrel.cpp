@@ -71,8 +71,7 @@ void ignoreTheTerminal() {
          {SIGINT, SIGQUIT, SIGHUP, SIGPIPE, SIGTSTP, SIGTTIN, SIGTTOU, SIGXFSZ}) {
         static_cast<void>(signal(number, SIG_IGN));  // fails for no signal of this list
     }
-    static_cast<void>(
-        signal(SIGCHLD, SIG_DFL));  // ignored by whoever started the launcher, it reaps
+    static_cast<void>(signal(SIGCHLD, SIG_DFL));  // ignored by the launcher's parent, it reaps
 }
 
 // A launcher that was started with its streams closed hands over a descriptor of its own under
@@ -81,7 +80,7 @@ int aboveStandardStreams(int fd) {
     return fd > STDERR_FILENO ? fd : fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
 }
 
-// Whoever reads the launcher's output to its end waits for the launcher, not for this process.
+// A reader of the launcher's output to its end waits for the launcher, not for this process.
 // Standard error stays, unless it is an end of the report channel: the one line of each crash goes
 // there.
 void settleStandardStreams(const Arguments& arguments) {
@@ -123,7 +122,7 @@ int main(int argc, char** argv) {
     const Service service{channel, ProcessWatch(launcherOf(channel.fd())), arguments->prompt,
                           Zendrik::Reporter::newNameSeed()};
     if (!answer(handshake, true)) {
-        return refused;  // nobody reads it any more: the launcher has gone
+        return refused;  // it isn't read any more: the launcher has gone
     }
     handshake.reset();
     return Standby(service).run();

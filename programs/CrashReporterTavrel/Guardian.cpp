@@ -159,7 +159,7 @@ void Guardian::serveNextRequest() {
 }
 
 // Two threads that crash together ask twice: when the second is heard, the first has brought the
-// process down already or is about to. What can't be looked at is told apart by nothing, and is
+// process down already or is about to. What can't be looked at can't be distinguished, and is
 // served: what comes of it says why it can't be.
 bool Guardian::wasServed(pid_t client) {
     using Plexum3::Base::ProcessLife;

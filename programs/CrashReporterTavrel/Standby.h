@@ -16,7 +16,7 @@ namespace Zendrik::Reporter {
 ///   the queue, and is served anew.
 /// - When the guardian has been stopped, it sends SIGCONT.
 /// - When a request is older than `holdLimit`, it kills the worker that holds the process, and lets
-///   the process go. For that it needs nobody else: the guardian may hang, or be held by a
+///   the process go. For that it needs no other process: the guardian may hang, or be held by a
 ///   debugger.
 /// - When the channel is shut, it ends after its guardian, which may have been stopped while it
 ///   finishes a report. SIGTERM shuts it.

@@ -8,7 +8,7 @@
 
 namespace Cleanup {
 
-/// What the program was told: whom to outlive, and what to delete then.
+/// What the program was given: whom to outlive, and what to delete then.
 struct Arguments {
     pid_t pid = 0;
     /// The folder as it was given, for messages.

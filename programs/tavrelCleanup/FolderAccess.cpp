@@ -15,9 +15,9 @@ namespace {
 
 using Plexum3::Base::ScopedFd;
 
-// The number of the mount in the kernel's list; it tells two mounts of one file system apart.
+// The number of the mount in the kernel's list; it distinguishes two mounts of one file system.
 std::optional<int> mountIdOf(int fd) {
-    // Without room for a handle the call fails, but not before it has told the mount.
+    // Without room for a handle the call fails, but not before it has given the mount.
     file_handle none = {};
     int id = 0;
     if (name_to_handle_at(fd, "", &none, &id, AT_EMPTY_PATH) == 0 || errno == EOVERFLOW) {

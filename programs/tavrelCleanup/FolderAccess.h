@@ -13,18 +13,19 @@ namespace Cleanup {
 /// returns a descriptor that the caller owns, or an empty one with `errno` set; ENOTDIR or ELOOP
 /// says that something else than a folder stands there.
 
-/// A mount as far as it can be told from others: by the number of its device, and where the kernel
-/// has no openat2(2) by its own number, too.
+/// A mount as far as it can be distinguished from others: by the number of its device, and where
+/// the kernel has no openat2(2) by its own number, too.
 struct Mount {
     dev_t device;
-    std::optional<int> id;  ///< none where neither name_to_handle_at(2) nor /proc tells
+    std::optional<int> id;  ///< none where neither name_to_handle_at(2) nor /proc has it
 };
 
 /// The mount of an open folder; nothing, with `errno`, if it can't be asked.
 std::optional<Mount> mountOf(int folderFd);
 
 /// Opens the folder `name` (one component) in `parentFd` if it is on `mount`; fails with EXDEV if
-/// it is on another one, and with EOPNOTSUPP if nothing tells. `access` is O_RDONLY or O_PATH.
+/// it is on another one, and with EOPNOTSUPP if that can't be found out. `access` is O_RDONLY or
+/// O_PATH.
 Plexum3::Base::ScopedFd openSubfolder(int parentFd, const char* name, int access,
                                       const Mount& mount);
 

@@ -9,7 +9,7 @@
 namespace Cleanup {
 
 /// The end of a process that is not a child of this one. Construct it at once, since from then on
-/// the process is known for what it is, whoever gets its id later; then `await` it. A process that
+/// the process is known for what it is, whatever gets its id later; then `await` it. A process that
 /// has died counts as ended also before it has been reaped.
 ///
 /// Takes a process descriptor (pidfd_open(2)). Where there is none, because the kernel is older

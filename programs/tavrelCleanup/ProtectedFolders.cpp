@@ -88,7 +88,7 @@ Answer isOrHoldsHome(const struct stat& folder) {
     return user->pw_dir[0] == '/' ? isAtOrAbove(folder, user->pw_dir) : Answer::No;
 }
 
-// The folder that this program stands in; empty with `errno` if nothing tells.
+// The folder that this program stands in; empty with `errno` if that can't be found out.
 std::string programFolder() {
     char path[PATH_MAX];
     const ssize_t length = readlink("/proc/self/exe", path, sizeof path);

@@ -3,13 +3,13 @@
 namespace Cleanup {
 
 /// When to try again, and after what pause. Writers outlive the application by a moment, and a file
-/// server says that a file is busy as long as somebody still has it open: a second try a little
+/// server says that a file is busy as long as it is still open somewhere: a second try a little
 /// later deletes what the first one had to leave.
 
 /// Tries that leave something before the rest stays for good.
 constexpr int maxPasses = 10;
 
-/// Whether an errno tells of something that passes: what others do to the tree at the same time, a
+/// Whether an errno means something that passes: what others do to the tree at the same time, a
 /// file that is still open somewhere, a shortage.
 bool isPassing(int error);
 

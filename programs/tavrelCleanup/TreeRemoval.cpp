@@ -92,7 +92,7 @@ bool TreeRemoval::nextEntry() {
     for (;;) {
         if (level.next >= level.length) {
             const ssize_t length = getdents64(level.fd.get(), level.entries, entriesBytes);
-            // ENOENT: the folder itself has been deleted by somebody else.
+            // ENOENT: the folder itself has been deleted by another process.
             if (length < 0 && errno != ENOENT) {
                 addObstacle(depth_ - 1, errno);
             }
@@ -113,7 +113,7 @@ bool TreeRemoval::nextEntry() {
 
 void TreeRemoval::removeEntry() {
     Fate fate = Fate::Stays;
-    // What the folder tells of the kind of an entry may be missing, or out of date.
+    // What the folder says of the kind of an entry may be missing, or out of date.
     bool isFolder = current().entry->d_type == DT_DIR;
     if (!isFolder) {
         fate = removeName(0);
@@ -179,7 +179,7 @@ TreeRemoval::Fate TreeRemoval::enter() {
 
 ScopedFd TreeRemoval::openDespiteMode() {
     Level& level = current();
-    static_cast<void>(grantAccess(level));  // the next call tells whether it helped
+    static_cast<void>(grantAccess(level));  // the next call shows whether it helped
     const ScopedFd path = openSubfolder(level.fd.get(), level.entry->d_name, O_PATH, mount_);
     return path.isOpen() ? openForReading(path.get()) : ScopedFd();
 }

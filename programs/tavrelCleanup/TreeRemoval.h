@@ -16,7 +16,7 @@ namespace Cleanup {
 ///
 /// A folder is entered only by its name in a folder that is held open, without following links, and
 /// left only by closing it: there is no way back over "..", which would lead out of a folder that
-/// somebody has moved. A walk holds at most `maxLevels` folders open. What lies deeper, or what
+/// that was moved. A walk holds at most `maxLevels` folders open. What lies deeper, or what
 /// there is no free descriptor for, is moved up into the top folder and met there later:
 ///
 ///     levels_[0]   top ──┬── a file            removeName
@@ -45,12 +45,12 @@ class TreeRemoval {
     static constexpr std::size_t walkBudget = std::size_t{1} << 20;
     static constexpr std::size_t totalBudget = 32 * walkBudget;
 
-    /// `top` is the folder, open for reading, on `mount`; `parentFd` and `name` tell where it
+    /// `top` is the folder, open for reading, on `mount`; `parentFd` and `name` say where it
     /// stands, and have to outlive this object.
     /// @throw std::bad_alloc
     TreeRemoval(int parentFd, const char* name, Plexum3::Base::ScopedFd top, const Mount& mount);
 
-    /// True when nothing is left, the folder itself included. Otherwise the fields below tell what
+    /// True when nothing is left, the folder itself included. Otherwise the fields below say what
     /// the last walk met.
     bool run();
 
@@ -77,7 +77,7 @@ class TreeRemoval {
 
     /// What became of an entry. Stays leaves its reason in `errno`.
     enum class Fate {
-        Gone,     ///< deleted, here or by somebody else
+        Gone,     ///< deleted, here or by another process
         Entered,  ///< a folder, and the current level now
         Hoisted,  ///< a folder, and in the top folder now
         Stays,

@@ -47,7 +47,7 @@ const Dwfl_Thread_Callbacks CallFrames::callbacks = {
     nullptr,
     nullptr};
 
-// A file of this program's own tells the library which machine it is about; a module of the capture
+// A file of this program's own shows the library which machine it is about; a module of the capture
 // may be damaged.
 CallFrames::CallFrames(const Stacks::StackCapture& capture, ModuleFiles& files)
     : capture_(capture),

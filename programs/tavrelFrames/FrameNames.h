@@ -19,7 +19,7 @@ class FrameNames {
     explicit FrameNames(ModuleFiles& files) : files_(files) {}
 
     /// What stands at `pc`: the functions inlined there, innermost first, then the one that has the
-    /// frame. Never empty; what nothing tells stays empty in it.
+    /// frame. Never empty; what is not known stays empty in it.
     /// @param isCall `pc` is where a call returns to: the call is the instruction in front of it,
     ///               which may be the last of its function
     const std::vector<Stacks::NativeFrame>& at(std::uint64_t pc, bool isCall);

@@ -14,7 +14,7 @@
 
 namespace Zendrik::Frames {
 
-/// Writes a line to standard output; the end of this process if nobody reads it.
+/// Writes a line to standard output; the end of this process if it isn't read.
 void say(const std::string& line);
 
 /// A session of libdwfl with the files of a capture as its modules. A file is opened once something

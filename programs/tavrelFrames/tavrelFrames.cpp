@@ -1,4 +1,4 @@
-// Tells the native frames of the threads of a capture:
+// Finds the native frames of the threads of a capture:
 //
 //     tavrelFrames [FILE...] <CAPTURE >LINES
 //
@@ -41,7 +41,7 @@ void limitTo(int resource, rlim_t most) {
     }
 }
 
-// A damaged module may cost this process its life, and nobody else memory, time or a core file.
+// A damaged module may cost this process its life, and no other memory, time or a core file.
 void bound() {
     constexpr rlim_t mostSeconds = 60;
 #ifndef TAVREL_SANITIZED  // their shadow of the address space takes terabytes

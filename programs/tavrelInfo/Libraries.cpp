@@ -136,7 +136,7 @@ void lookAtLibraries(const std::string& root, Findings& findings) {
     findings.section("libraries");
     const std::string launcher = root + "/bin/tavrel";
     if (access(launcher.c_str(), X_OK) != 0) {
-        return;  // is told with the files
+        return;  // is reported with the files
     }
     const Trace trace = traceOf(launcher, "");
     addLibraries(root, trace, findings);

@@ -97,7 +97,7 @@ std::optional<MappedSymbol> MappedSymbols::find(std::string_view name) const {
         if (!link) {
             return std::nullopt;
         }
-        // The last bit tells the end of the chain only.
+        // The last bit marks the end of the chain only.
         if ((*link | 1) == (hash | 1)) {
             const auto symbol = readValue<Elf64_Sym>(memory_, symbols_ + index * sizeof(Elf64_Sym));
             if (symbol && symbol->st_shndx != SHN_UNDEF && hasName(*symbol, name)) {

@@ -14,7 +14,7 @@ namespace Zendrik::Stacks {
 /// lists connect is often near in memory, too.
 ///
 /// It has a budget, so that rubbish can neither hold the process for long nor fill the memory of
-/// whoever looks: 16,000 pages, 64 MiB.
+/// the reader: 16,000 pages, 64 MiB.
 class PagedMemory {
   public:
     /// @param memory is kept by reference

@@ -17,8 +17,8 @@ namespace Zendrik::Stacks {
 /// read; `buffer` may have been written to then.
 using MemoryReader = std::function<bool(std::uint64_t address, void* buffer, std::size_t size)>;
 
-/// Reads by process_vm_readv(2): for whoever may trace the process, traced or not. Nothing is kept
-/// open; a process that has gone, and one that may not be read, fail every read.
+/// Reads by process_vm_readv(2): for a process that may trace the other, traced or not. Nothing is
+/// kept open; a process that has gone, and one that may not be read, fail every read.
 /// @param tid any thread of the process that has not ended
 MemoryReader processMemory(pid_t tid);
 

@@ -132,7 +132,7 @@ void FrameLinesReader::takeFrame(const std::vector<std::string>& fields) {
     current->frames.push_back(std::move(frame));
 }
 
-// The thread that the next frame belongs to; null when the program tells of more than there are.
+// The thread that the next frame belongs to; null when the program reports more than there are.
 ThreadFrames* FrameLinesReader::thread() {
     if (threadEnded_) {
         if (threads_.size() == capture_.threads.size()) {

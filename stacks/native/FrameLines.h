@@ -23,7 +23,7 @@ std::optional<std::size_t> fileAt(const StackCapture& capture, std::uint64_t add
 // The lines, each with its line end.
 std::string moduleLine(std::size_t file);
 std::string noteLine(const std::string& note);
-/// Everything of a frame but what its pc tells: module and moduleOffset.
+/// Everything of a frame but what follows from its pc: module and moduleOffset.
 std::string frameLine(const NativeFrame& frame);
 /// Of a thread whose frames all came. They stand in front, in the order of the capture.
 std::string threadEndLine(bool whole);

@@ -64,7 +64,8 @@ int millisecondsUntil(Clock::time_point deadline) {
     return static_cast<int>(std::max<std::int64_t>(left.count(), 0));
 }
 
-// False when the deadline comes before the end of the stream, or more than any process has to tell.
+// False when the deadline comes before the end of the stream, or more than any process has to
+// print.
 bool readLines(int fd, Clock::time_point deadline, FrameLinesReader& reader) {
     constexpr std::size_t mostBytes = std::size_t{64} * 1024 * 1024;
     std::string rest;
@@ -141,7 +142,7 @@ Attempt attempt(const StackCapture& capture, const std::string& bytes, const std
     return result;
 }
 
-// What stands in the modules' files, where there is nobody else to ask.
+// What stands in the modules' files, where there is nothing else to ask.
 class FileCode {
   public:
     explicit FileCode(const StackCapture& capture) : capture_(capture) {}
@@ -214,8 +215,8 @@ std::string blame(const StackCapture& capture, const Attempt& failed) {
         failed.overdue ? " takes too long to read" : " can't be read, it is damaged";
     return failed.lastFile
                ? capture.files[*failed.lastFile].path + what + "; its functions have no names here."
-           : failed.overdue ? "The stacks took too long to tell."
-                            : "The stacks could not all be told.";
+           : failed.overdue ? "The stacks took too long to find."
+                            : "The stacks could not all be found.";
 }
 
 NativeStacks runProgram(const StackCapture& capture, const std::string& program,
@@ -268,7 +269,7 @@ NativeStacks findNativeFrames(const StackCapture& capture, const std::string& pr
     try {
         stacks = runProgram(capture, program, limit);
     } catch (const boost::system::system_error& error) {
-        stacks.notes = {std::string("The stacks could not be told: ") + error.what() + "."};
+        stacks.notes = {std::string("The stacks could not be found: ") + error.what() + "."};
     }
     FileCode code(capture);
     stacks.threads.resize(capture.threads.size());

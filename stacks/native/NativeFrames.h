@@ -60,7 +60,7 @@ struct NativeStacks {
 /// The path of tavrelFrames beside the running program. Not for two threads at the same time.
 std::string framesProgram();
 
-/// The frames of all threads of `capture`. Never fails: what the program can't tell any more, or in
+/// The frames of all threads of `capture`. Never fails: what the program can't find any more, or in
 /// the time, is made of the capture alone (module and offset, along the frame pointers).
 /// @param program path of tavrelFrames
 /// @param limit for all threads together; the program is killed and reaped when it is over

@@ -1,6 +1,6 @@
 #pragma once
 
-// The way on where nothing tells it: a frame without call frame information, a pointer to nowhere
+// The way on where nothing shows it: a frame without call frame information, a pointer to nowhere
 // that was called. What is found this way, and all that rests on it, is a guess.
 
 #include <cstdint>

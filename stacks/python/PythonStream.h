@@ -1,7 +1,7 @@
 #pragma once
 
-// Python's stacks as a stream of a minidump, so that a dump can be told again later. Readers that
-// don't know the stream step over it.
+// Python's stacks as a stream of a minidump, so that a dump can be printed again later. Readers
+// that don't know the stream step over it.
 //
 //     appendPythonStream(dump.get(), capture.threads, stacks);
 //     ...
@@ -19,11 +19,11 @@
 
 namespace Zendrik::Stacks {
 
-/// Of the range that is left to whoever wants a stream of his own.
+/// Of the range that is left to streams of one's own.
 inline constexpr std::uint32_t pythonStreamType = 0x54560001;
 
 /// Appends the stream to a complete minidump; without an interpreter there is nothing to append.
-/// Whoever opens the dump meanwhile sees it whole, with the stream or without.
+/// A reader that opens the dump meanwhile sees it whole, with the stream or without.
 /// @param dump open for reading and writing; its position doesn't matter and stays
 /// @param threads of the same process: a dump doesn't have their thread pointers
 /// @return 0, or an errno value: the dump is as it was then. EINVAL: it is no minidump, EFBIG: its

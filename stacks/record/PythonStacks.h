@@ -1,7 +1,7 @@
 #pragma once
 
 // What the threads of a process were doing in Python: plain records, filled by PythonReader while
-// the threads stand still, or read back from a dump. They hold no values of variables, which nobody
+// the threads stand still, or read back from a dump. They hold no values of variables, which no one
 // would want to send.
 //
 // A Python thread belongs to the native one with the same thread pointer. It needn't be one to one:
@@ -17,7 +17,7 @@
 namespace Zendrik::Stacks {
 
 /// One function under way. The texts are UTF-8 and complete but for their length, which is bounded;
-/// control characters are as the script had them: whoever prints masks them.
+/// control characters are as the script had them: printing masks them.
 struct PythonFrame {
     std::string file;
     std::string function;

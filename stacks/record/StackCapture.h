@@ -1,8 +1,8 @@
 #pragma once
 
-// What is taken from a process while its threads stand still, so that their stacks can be told
+// What is taken from a process while its threads stand still, so that their stacks can be found
 // after it has been let go: registers, the memory that the stacks lie in, and which file stands
-// where. Plain records; whoever holds the process (a tracer) or its dump fills them in.
+// where. Plain records; the holder of the process (a tracer) or a reader of its dump fills them in.
 //
 //     const std::string bytes = serialise(capture);                    // for another process
 //     const std::optional<StackCapture> same = parse(bytes);
@@ -63,7 +63,7 @@ struct CapturedSignal {
 
 struct StackCapture {
     pid_t pid = 0;
-    /// The thread to tell first; 0: none.
+    /// The thread to show first; 0: none.
     pid_t crashedTid = 0;
     CapturedSignal signal;
     std::vector<CapturedThread> threads;

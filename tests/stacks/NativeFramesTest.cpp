@@ -1,4 +1,4 @@
-// Frames of this process, taken by itself and told by the real tavrelFrames.
+// Frames of this process, taken by itself and found by the real tavrelFrames.
 
 #include <dlfcn.h>
 #include <gmock/gmock.h>
@@ -210,7 +210,7 @@ TEST(NativeFrames, SurviveTheProgramThatTellsThem) {
         {blame + "kill -SEGV $$", module.path.string() + " can't be read"},
         {blame + "exec sleep 1000", module.path.string() + " takes too long to read"},
         {blame + "test $# = 0 && exit 1; echo end", module.path.string() + " can't be read"},
-        {"kill -SEGV $$", "could not all be told"},
+        {"kill -SEGV $$", "could not all be found"},
         {"exit 127", "install libdw1"},
         {"exec yes frame", "took too long"},
     };

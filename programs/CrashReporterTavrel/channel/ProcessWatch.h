@@ -8,8 +8,8 @@
 
 namespace Zendrik::Reporter {
 
-/// Tells when another process has ended, however it ended: exit, signal, exec failure; and wakes it
-/// when somebody has stopped it.
+/// Shows when another process has ended, however it ended: exit, signal, exec failure; and wakes it
+/// when it has been stopped.
 ///
 /// Make it while the process is surely there. A fork takes it along: it works in the child, too.
 class ProcessWatch {

@@ -96,7 +96,7 @@ std::optional<DumpRequest> ReportChannel::peek() const {
     // With MSG_TRUNC the result is the size of the whole datagram.
     const ssize_t size = receive(fd_, &message, MSG_PEEK | MSG_TRUNC);
     const std::optional<ucred> sender = recordIn<ucred>(message, SCM_CREDENTIALS);
-    // After a shutdown an empty queue reads as end of file: nothing, from nobody.
+    // After a shutdown an empty queue reads as end of file: nothing, without a sender.
     if (size < 0 || (size == 0 && !sender)) {
         return std::nullopt;
     }

@@ -14,7 +14,7 @@ struct DumpRequest {
     pid_t pid = -1;
     /// False for a datagram that Breakpad's client can't have sent.
     bool wellFormed = false;
-    /// For how long the process waits, by the kernel's word; 0 where the kernel doesn't tell.
+    /// For how long the process waits, by the kernel's word; 0 where the kernel doesn't say.
     std::chrono::milliseconds age{0};
     /// Breakpad's CrashContext; bytes without meaning unless well formed.
     std::vector<char> context;
@@ -31,7 +31,7 @@ struct DumpRequest {
 /// pipe until every copy of the write end is closed. So a request that is received and thrown away
 /// lets its process go on dying; one that stays queued holds it for ever.
 ///
-/// Nobody here ever takes the pipe out: a request is looked at where it is, and stays in the queue
+/// The pipe is never taken out: a request is looked at where it is, and stays in the queue
 /// until its process shall go on. So it is lost with no process that dies over it, and every
 /// process that holds this end can let it go, whatever became of the one that worked on it.
 class ReportChannel {
@@ -57,7 +57,7 @@ class ReportChannel {
     /// fails to send its request and dies at once, also when it holds a copy of this end itself.
     void shut() const;
 
-    /// Whether somebody has, or nobody is left who could send.
+    /// Whether it was shut, or no process is left that could send.
     bool isShut() const;
 
   private:

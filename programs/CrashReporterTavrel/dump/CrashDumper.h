@@ -16,7 +16,7 @@ namespace Zendrik::Reporter {
 ///         google_breakpad::WriteMinidump(path, {}, dumper.otherMemory(), &dumper);
 ///
 /// What differs from Breakpad's own dumper:
-/// - Whoever captured the process holds its threads, and lets them go afterwards.
+/// - The caller holds the process's threads, and lets them go afterwards.
 /// - A thread's stack is the captured one, whole. Where a stack was overflowed, what lies between
 ///   the stack pointer and the stack is zeros: readers look for a stack where the pointer is.
 /// - The crashed thread is where the signal met it, not in the signal handler.

@@ -63,7 +63,7 @@ std::string withHostName(std::string path) {
         path.replace(at, mark.size(), machine.nodename);
     }
     if (isMarked) {
-        static_cast<void>(mkdir(path.c_str(), S_IRWXU));  // where it fails, opening it tells why
+        static_cast<void>(mkdir(path.c_str(), S_IRWXU));  // where it fails, opening it says why
     }
     return path;
 }
@@ -320,7 +320,7 @@ void DumpFolder::removePair(const std::string& guid) const {
         if (fstatat(fd_.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
             isOwnRegularFile(status)) {
             static_cast<void>(
-                unlinkat(fd_.get(), name.c_str(), 0));  // somebody else may have been quicker
+                unlinkat(fd_.get(), name.c_str(), 0));  // another process may have been quicker
         }
     }
 }

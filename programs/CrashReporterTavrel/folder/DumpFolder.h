@@ -83,7 +83,7 @@ bool isGuid(const std::string& text);
 std::string adviceFor(int error);
 
 /// Writes into the header of an open dump that it is this product's: the upper half of the version,
-/// which the format leaves to whoever writes dumps. Other products name their dumps alike.
+/// which the format leaves to the writers of dumps. Other products name their dumps alike.
 void markDump(int dump);
 
 }  // namespace Zendrik::Reporter

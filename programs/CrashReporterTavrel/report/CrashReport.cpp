@@ -102,7 +102,7 @@ std::string shortened(const std::string& lines) {
     return lines.substr(0, end) + "       (all of them stand below)\n";
 }
 
-// Where somebody who helps the user looks first.
+// Where a helper of the user looks first.
 std::string crashedPythonText(const Stacks::StackCapture& capture,
                               const Stacks::PythonStacks& python) {
     std::string text;

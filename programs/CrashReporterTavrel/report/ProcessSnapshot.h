@@ -1,6 +1,6 @@
 #pragma once
 
-/// What the kernel tells about a process that has crashed and waits for its dump. Taken while the
+/// What the kernel reports about a process that has crashed and waits for its dump. Taken while the
 /// process is held, so it is kept short: a few files under /proc, nothing else.
 
 #include <sys/types.h>

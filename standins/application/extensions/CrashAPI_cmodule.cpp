@@ -24,7 +24,7 @@ PyObject* abortProcess(PyObject* /*module*/, PyObject* /*unused*/) {
 
 PyObject* throwException(PyObject* /*module*/, PyObject* /*unused*/) {
     // No handler up to main catches it.
-    throw std::runtime_error("test of an exception that nobody catches");
+    throw std::runtime_error("test of an uncaught exception");
 }
 
 PyMethodDef methods[] = {

@@ -114,7 +114,7 @@ class CrashesTest(CrashTest):
         tree = self.scratch_tree(recorder=False)
         frames = tree.bin / "tavrelFrames"
         for script, line in (("exit 127", "the library libdw.so.1 is missing; install libdw1"),
-                             ("kill -9 $$", "The stacks could not all be told."), (None, "tavrelFrames is missing")):
+                             ("kill -9 $$", "The stacks could not all be found."), (None, "tavrelFrames is missing")):
             with self.subTest(script):
                 frames.unlink()
                 frames.write_text(f"#!/bin/sh\n{script}\n")

@@ -71,7 +71,7 @@ def _isNew(label, text):
 
 
 def _withoutHome(text):
-    """The home folder, by any of its paths, as "~": who it is that asks is nobody's business."""
+    """The home folder, by any of its paths, as "~": the user's name stays out of what is sent."""
     homes = {os.environ.get("HOME", ""), os.path.expanduser("~")}
     homes |= {os.path.realpath(home) for home in homes if home}
     for home in sorted(homes, key=len, reverse=True):

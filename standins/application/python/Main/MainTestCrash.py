@@ -10,7 +10,7 @@ def _isCaptured(isUi):
 
 
 def _raise():
-    raise RuntimeError("test of an exception that nobody catches")
+    raise RuntimeError("test of an uncaught exception")
 
 
 def _hang():
