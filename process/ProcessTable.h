@@ -9,7 +9,7 @@
 ///     const bool stillTheSame = getProcessCreationTime(pid, &error) == created;
 ///
 /// The splitting of the kernel's text is part of how launchers identify each other, a blank in a
-/// command name included. A program that must not be deceived by a name asks ProcessLife.h.
+/// command name included. A program that must not be deceived by a name asks ProcessEnd.h.
 
 #include <boost/chrono/duration.hpp>
 #include <boost/system/error_code.hpp>

@@ -26,8 +26,6 @@ namespace {
 
 using Plexum3::Base::ScopedFd;
 using Zendrik::Reporter::announce;
-using Zendrik::Reporter::launcherOf;
-using Zendrik::Reporter::ProcessWatch;
 using Zendrik::Reporter::ReportChannel;
 using Zendrik::Reporter::Service;
 using Zendrik::Reporter::Standby;
@@ -119,7 +117,7 @@ int main(int argc, char** argv) {
         return refused;
     }
     // The launcher waits for the answer, so it is there.
-    const Service service{channel, ProcessWatch(launcherOf(channel.fd())), arguments->prompt,
+    const Service service{channel, Plexum3::Base::ProcessEnd(channel.maker()), arguments->prompt,
                           Zendrik::Reporter::newNameSeed()};
     if (!answer(handshake, true)) {
         return refused;  // it isn't read any more: the launcher has gone

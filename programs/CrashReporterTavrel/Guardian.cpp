@@ -12,7 +12,7 @@
 #include <cstring>
 
 #include "process/DescriptorIo.h"
-#include "process/ProcessLife.h"
+#include "process/ProcessEnd.h"
 #include "programs/CrashReporterTavrel/channel/Announcement.h"
 #include "programs/CrashReporterTavrel/channel/HandledSignals.h"
 
@@ -61,7 +61,7 @@ Guardian::End Guardian::run() {
     }
     folder.sweep();
     while (!ending_) {
-        if (!isBusy() && standby_.gone()) {
+        if (!isBusy() && standby_.hasEnded()) {
             return End::Orphaned;
         }
         waitForEvents();
@@ -122,7 +122,7 @@ void Guardian::waitForEvents() {
     workers_.remove_if([](const Worker& worker) { return worker.pid < 0; });
     const TakenSignals taken = takeSignals(signals_.get());
     lookAfterWorkers(taken.child);
-    launcherGone_ = launcherGone_ || service_.launcher.gone();
+    launcherGone_ = launcherGone_ || service_.launcher.hasEnded();
     // What waits when the launcher has ended is served all the same: a child of its, or itself.
     ending_ = ending_ || taken.terminate || service_.channel.isShut() ||
               (launcherGone_ && !service_.channel.peek());

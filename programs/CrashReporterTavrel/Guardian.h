@@ -97,7 +97,7 @@ class Guardian {
     static std::string lastLine(const Worker& worker, const std::string& why);
 
     const Service& service_;
-    ProcessWatch standby_;
+    Plexum3::Base::ProcessEnd standby_;
     Plexum3::Base::ScopedFd signals_;  ///< signalfd of SIGTERM and SIGCHLD
     bool ending_ = false;
     bool launcherGone_ = false;

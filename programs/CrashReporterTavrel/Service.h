@@ -1,6 +1,6 @@
 #pragma once
 
-#include "programs/CrashReporterTavrel/channel/ProcessWatch.h"
+#include "process/ProcessEnd.h"
 #include "programs/CrashReporterTavrel/channel/ReportChannel.h"
 #include "programs/CrashReporterTavrel/folder/DumpFolder.h"
 
@@ -9,7 +9,7 @@ namespace Zendrik::Reporter {
 /// What the launcher has asked for: the same for every process of the reporter, for its whole run.
 struct Service {
     ReportChannel channel;
-    ProcessWatch launcher;
+    Plexum3::Base::ProcessEnd launcher;
     bool prompt;        ///< ask the user about each report
     NameSeed nameSeed;  ///< a guardian that serves a request anew gives it the name that it had
 };

@@ -38,7 +38,7 @@ Standby::Standby(const Service& service)
 
 int Standby::run() {
     while (!service_.channel.isShut()) {
-        if ((!guardian_ || guardian_->gone()) && !startGuardian()) {
+        if ((!guardian_ || guardian_->hasEnded()) && !startGuardian()) {
             const int error = errno;
             service_.channel.shut();
             announce("no crash reports: the process that serves them can't be kept running (%s)",
@@ -48,7 +48,7 @@ int Standby::run() {
         waitForEvents();
         mindRequest();
     }
-    while (guardian_ && !guardian_->gone()) {
+    while (guardian_ && !guardian_->hasEnded()) {
         waitForEvents();
     }
     return 0;

@@ -54,7 +54,7 @@ class Standby {
     void endWorkOn(const DumpRequest& request) const;
 
     const Service& service_;
-    std::optional<ProcessWatch> guardian_;
+    std::optional<Plexum3::Base::ProcessEnd> guardian_;
     Clock::time_point guardianStarted_;
     int earlyEnds_ = 0;                ///< guardians in a row that ended as soon as they began
     Plexum3::Base::ScopedFd signals_;  ///< signalfd of SIGTERM and SIGCHLD

@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <string_view>
 
-#include "process/ProcessLife.h"
+#include "process/ProcessEnd.h"
 #include "programs/tavrelCleanup/Arguments.h"
 
 namespace Cleanup {

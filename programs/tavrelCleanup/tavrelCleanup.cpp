@@ -14,12 +14,12 @@
 #include <string>
 #include <utility>
 
+#include "process/ProcessEnd.h"
 #include "process/ScopedFd.h"
 #include "process/StandardStreams.h"
 #include "programs/tavrelCleanup/Arguments.h"
 #include "programs/tavrelCleanup/FolderAccess.h"
 #include "programs/tavrelCleanup/FolderOwner.h"
-#include "programs/tavrelCleanup/ProcessEnd.h"
 #include "programs/tavrelCleanup/ProtectedFolders.h"
 #include "programs/tavrelCleanup/Repetition.h"
 #include "programs/tavrelCleanup/Report.h"
@@ -167,7 +167,7 @@ ExitStatus deleteFolder(const Arguments& arguments, int startFd) {
 }
 
 ExitStatus runCleanup(const Arguments& arguments) {
-    const Cleanup::ProcessEnd end(arguments.pid);
+    const Plexum3::Base::ProcessEnd end(arguments.pid);
     ScopedFd start;
     if (arguments.isRelative()) {
         start = openWorkingDirectory(arguments.pid);

@@ -2,8 +2,10 @@
 
 #include <client/linux/handler/exception_handler.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -78,6 +80,13 @@ const char* ReportChannel::whatIsWrong() const {
     // Without it a request's age counts from when it is first seen.
     static_cast<void>(setsockopt(fd_, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on));
     return nullptr;
+}
+
+pid_t ReportChannel::maker() const {
+    ucred maker{};
+    socklen_t size = sizeof maker;
+    const bool isKnown = getsockopt(fd_, SOL_SOCKET, SO_PEERCRED, &maker, &size) == 0;
+    return isKnown && maker.pid > 0 && kill(maker.pid, 0) == 0 ? maker.pid : getppid();
 }
 
 std::optional<DumpRequest> ReportChannel::peek() const {

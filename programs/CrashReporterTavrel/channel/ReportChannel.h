@@ -46,6 +46,12 @@ class ReportChannel {
 
     int fd() const { return fd_; }
 
+    /// The process that made the channel (SO_PEERCRED): the launcher. That is this process's
+    /// parent, unless a program that runs another (strace, a script) was put in the reporter's
+    /// place, which waits for the reporter. Where the maker can't be seen, the parent stands for
+    /// it.
+    pid_t maker() const;
+
     /// The first request in the queue, which stays there; none when the queue is empty.
     std::optional<DumpRequest> peek() const;
 

@@ -11,8 +11,8 @@
 #include <sstream>
 #include <vector>
 
+#include "process/ProcessEnd.h"
 #include "process/Subprocess.h"
-#include "programs/CrashReporterTavrel/channel/ProcessWatch.h"
 
 namespace Zendrik::Reporter {
 
@@ -95,8 +95,8 @@ int runDialog(const std::string& program, const std::vector<std::string>& argume
         return -1;
     }
     // Not its pipe, which a helper that it has left behind keeps open.
-    const ProcessWatch end(dialog.pid());
-    for (int left = msLeft(); left > 0 && !end.gone(); left = msLeft()) {
+    const Plexum3::Base::ProcessEnd end(dialog.pid());
+    for (int left = msLeft(); left > 0 && !end.hasEnded(); left = msLeft()) {
         pollfd wait{end.fd(), POLLIN, 0};
         const int interval = end.pollIntervalMs();
         static_cast<void>(poll(&wait, 1, interval < 0 ? left : std::min(interval, left)));

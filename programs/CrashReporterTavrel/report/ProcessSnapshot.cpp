@@ -11,7 +11,7 @@
 
 #include "process/DescriptorIo.h"
 #include "process/ProcFiles.h"
-#include "process/ProcessLife.h"
+#include "process/ProcessEnd.h"
 
 namespace Zendrik::Reporter {
 

@@ -21,7 +21,7 @@
 #include <set>
 #include <stdexcept>
 
-#include "process/ProcessLife.h"
+#include "process/ProcessEnd.h"
 #include "programs/CrashReporterTavrel/Guardian.h"
 #include "programs/CrashReporterTavrel/folder/DumpFolder.h"
 #include "programs/CrashReporterTavrel/report/CrashReport.h"
@@ -88,45 +88,12 @@ TEST(ProcessSnapshot, ReadsRunModeAsTheLauncherChoosesIt) {
     }
 }
 
-TEST(ProcessSnapshot, ReadsNumbersWhateverTheProcessIsCalled) {
-    using Plexum3::Base::ProcessLife;
-    const std::string between = " 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 ";
-    const struct {
-        std::string start;
-        std::string threads;
-        ProcessLife::State state;
-    } cases[] = {{"1 (plain) S", "1", ProcessLife::State::Living},
-                 {"1 (a b) c) R", "1", ProcessLife::State::Living},
-                 {"1 (first thread ended) Z", "2", ProcessLife::State::Living},
-                 {"1 (all ended) Z", "1", ProcessLife::State::Ended}};
-    for (const auto& test : cases) {
-        const std::string text = test.start + between + test.threads + " 18 4711 20 21";
-        const ProcessLife life = Plexum3::Base::parseProcessLife(text.c_str());
-        EXPECT_EQ(life.state, test.state) << test.start;
-        EXPECT_EQ(life.startTicks, 4711) << test.start;
-    }
+TEST(ProcessSnapshot, ReadsNumbersBehindTheirOwnNames) {
     const std::string status =
         "Name:\tVmRSS: 9\nVmHWM:\t  12 kB\nVmRSS:\t  34 kB\nThreads:\tmany\n";
     EXPECT_EQ(numberBehind(status, "VmRSS"), 34);
     EXPECT_EQ(numberBehind(status, "Threads"), -1);
     EXPECT_EQ(numberBehind(status, "VmSize"), -1);
-}
-
-TEST(ProcessWatch, WakesAStoppedProcessWhateverItIsCalled) {
-    const pid_t child = fork();
-    if (child == 0) {
-        static_cast<void>(prctl(PR_SET_NAME, "a) S ("));
-        static_cast<void>(raise(SIGSTOP));
-        _exit(0);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, WUNTRACED), child);
-    const ProcessWatch watch(child);
-    watch.wakeIfStopped();
-    EXPECT_EQ(waitpid(child, &status, WCONTINUED | WNOHANG), child);
-    static_cast<void>(kill(child, SIGCONT));
-    waitpid(child, &status, 0);
-    EXPECT_TRUE(watch.gone());
 }
 
 // As Breakpad's client does it: waits until the last copy of the pipe's write end is closed.
@@ -158,7 +125,8 @@ TEST(Guardian, ServesAProcessOnceAndLetsGoWhatIsNoCrash) {
     ASSERT_EQ(setenv("TAVREL_CRASH_DIR", scratch.path.c_str(), 1), 0);
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
-    const Service service{ReportChannel(ends[0]), ProcessWatch(getpid()), false, newNameSeed()};
+    const Service service{ReportChannel(ends[0]), Plexum3::Base::ProcessEnd(getpid()), false,
+                          newNameSeed()};
     ASSERT_EQ(service.channel.whatIsWrong(), nullptr);
     const pid_t test = getpid();
     const pid_t guardian = fork();
