@@ -35,23 +35,6 @@ constexpr std::array optionalTexts = {
 
 }  // namespace
 
-template <typename T>
-ExceptionInfo<T>::ExceptionInfo(const char* name, T value)
-    : ExceptionInfoBase(name), value_(std::move(value)) {}
-
-template <typename T>
-std::unique_ptr<ExceptionInfoBase> ExceptionInfo<T>::clone() const {
-    return std::make_unique<ExceptionInfo<T>>(*this);
-}
-
-template <typename T>
-std::ostream& ExceptionInfo<T>::print(std::ostream& stream) const {
-    return stream << value_;
-}
-
-template class ExceptionInfo<std::string>;
-template class ExceptionInfo<int>;
-
 ExceptionDecoration::ExceptionDecoration(const ExceptionDecoration& other) {
     for (const auto& [key, info] : other.infos_) {
         infos_.emplace_hint(infos_.end(), key, info->clone());

@@ -1,13 +1,14 @@
 #pragma once
 
 #include <cstddef>
-#include <iosfwd>
 #include <list>
 #include <map>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <type_traits>
 #include <typeinfo>
+#include <utility>
 
 /// Exceptions as a bag of named, typed decorations instead of a fixed message. A subsystem derives
 /// a type of its own, which adds no fields and only chooses keys:
@@ -61,10 +62,12 @@ class ExceptionInfo : public ExceptionInfoBase {
 
   public:
     /// @param name the key, a literal or other text of static storage: only the pointer is kept
-    ExceptionInfo(const char* name, T value);
+    ExceptionInfo(const char* name, T value) : ExceptionInfoBase(name), value_(std::move(value)) {}
 
-    std::unique_ptr<ExceptionInfoBase> clone() const override;
-    std::ostream& print(std::ostream& stream) const override;
+    std::unique_ptr<ExceptionInfoBase> clone() const override {
+        return std::make_unique<ExceptionInfo>(*this);
+    }
+    std::ostream& print(std::ostream& stream) const override { return stream << value_; }
     const std::type_info& type() const override { return typeid(T); }
 
     const T& value() const { return value_; }
@@ -72,9 +75,6 @@ class ExceptionInfo : public ExceptionInfoBase {
   private:
     T value_;
 };
-
-extern template class ExceptionInfo<std::string>;
-extern template class ExceptionInfo<int>;
 
 /// A store of decorations, one a key, in byte order of the keys.
 class ExceptionDecoration {

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
@@ -274,18 +273,9 @@ bool Log::headerShown(const Channel& channel) {
 }
 
 Log::ChannelNames& Log::channelNames() {
-    static std::mutex creation;
-    static std::atomic<ChannelNames*> names = nullptr;
-    ChannelNames* existing = names.load(std::memory_order_acquire);
-    if (existing == nullptr) {
-        const std::lock_guard lock(creation);
-        existing = names.load(std::memory_order_relaxed);
-        if (existing == nullptr) {
-            existing = new ChannelNames;
-            names.store(existing, std::memory_order_release);
-        }
-    }
-    return *existing;
+    // Never destroyed: native code may still log while the process exits.
+    static ChannelNames& names = *new ChannelNames;
+    return names;
 }
 
 }  // namespace Zendrik

@@ -1,18 +1,33 @@
 #include "process/ProcFiles.h"
 
+#include <fcntl.h>
+
+#include <array>
+#include <cerrno>
 #include <charconv>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <system_error>
+
+#include "process/DescriptorIo.h"
+#include "process/SystemError.h"
 
 namespace Plexum3::Base {
 
+std::string readSmallFile(const std::string& path, boost::system::error_code* errorCode) {
+    const ScopedFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    std::string text;
+    std::array<char, 4096> chunk;
+    ssize_t got = -1;
+    while (file.isOpen() &&
+           (got = readRetry(file.get(), chunk.data(), chunk.size(), nullptr)) > 0) {
+        text.append(chunk.data(), static_cast<std::size_t>(got));
+    }
+    storeError(errorCode, got == 0 ? 0 : errno, boost::system::system_category());
+    return got == 0 ? text : std::string();
+}
+
 std::string readProcFile(pid_t pid, const std::string& name) {
-    const std::ifstream file("/proc/" + (pid == 0 ? "" : std::to_string(pid) + "/") + name);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
+    return readSmallFile("/proc/" + (pid == 0 ? "" : std::to_string(pid) + "/") + name);
 }
 
 std::string statusField(std::string_view status, std::string_view name) {

@@ -2,6 +2,7 @@
 
 // Small readers of /proc. What can't be read is empty: the process may end at any moment.
 
+#include <boost/system/error_code.hpp>
 #include <sys/types.h>
 
 #include <string>
@@ -9,6 +10,10 @@
 #include <vector>
 
 namespace Plexum3::Base {
+
+/// All of a file whose size can't be asked beforehand. Empty if it can't be opened or read, with
+/// errno, in the system category, in *errorCode, which may be null.
+std::string readSmallFile(const std::string& path, boost::system::error_code* errorCode = nullptr);
 
 /// The content of /proc/PID/`name`, or of /proc/`name` for the PID 0.
 std::string readProcFile(pid_t pid, const std::string& name);

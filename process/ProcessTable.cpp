@@ -2,18 +2,14 @@
 
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/split.hpp>
-#include <fcntl.h>
 #include <unistd.h>
 
-#include <array>
+#include <cerrno>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
-#include <optional>
-#include <utility>
 #include <vector>
 
-#include "process/DescriptorIo.h"
+#include "process/ProcFiles.h"
 #include "process/SystemError.h"
 
 namespace Plexum3::Base {
@@ -23,42 +19,24 @@ namespace {
 constexpr std::size_t stateField = 2;
 constexpr std::size_t startTimeField = 21;
 
-constexpr boost::chrono::microseconds failed{-1};
-
-// All of a file; nothing, with `error` set, if a read failed.
-std::optional<std::string> readWhole(int fd, boost::system::error_code& error) {
-    std::string text;
-    std::array<char, 4096> chunk;
-    ssize_t got = 0;
-    while ((got = readRetry(fd, chunk.data(), chunk.size(), &error)) > 0) {
-        text.append(chunk.data(), static_cast<std::size_t>(got));
-    }
-    return error ? std::nullopt : std::optional(std::move(text));
+boost::chrono::microseconds fail(boost::system::error_code* errorCode, int error) {
+    storeError(errorCode, error, boost::system::generic_category());
+    return boost::chrono::microseconds(-1);
 }
 
 }  // namespace
 
 boost::chrono::microseconds getProcessCreationTime(int pid, boost::system::error_code* errorCode) {
-    clearError(errorCode);
-    std::array<char, 4096> path;
-    std::snprintf(path.data(), path.size(), "/proc/%d/stat", pid);
-    const ScopedFd file(open(path.data(), O_RDONLY | O_CLOEXEC));
-    if (file.get() == -1) {
-        const int error = errno;
-        if (error == ENOENT) {
-            storeError(errorCode, ESRCH, boost::system::generic_category());
-        } else {
-            storeError(errorCode, error, boost::system::system_category());
-        }
-        return failed;
+    boost::system::error_code error;
+    const std::string text = readSmallFile("/proc/" + std::to_string(pid) + "/stat", &error);
+    if (error == boost::system::errc::no_such_file_or_directory) {
+        return fail(errorCode, ESRCH);
     }
-    boost::system::error_code readError;
-    const std::optional<std::string> text = readWhole(file.get(), readError);
-    if (!text) {
-        storeError(errorCode, readError.value(), readError.category());
-        return failed;
+    if (error) {
+        storeError(errorCode, error.value(), error.category());
+        return boost::chrono::microseconds(-1);
     }
-    return parseProcessCreationTime(*text, sysconf(_SC_CLK_TCK), errorCode);
+    return parseProcessCreationTime(text, sysconf(_SC_CLK_TCK), errorCode);
 }
 
 boost::chrono::microseconds parseProcessCreationTime(const std::string& stat, long ticksPerSecond,
@@ -69,13 +47,11 @@ boost::chrono::microseconds parseProcessCreationTime(const std::string& stat, lo
     boost::algorithm::split(fields, stat, boost::algorithm::is_any_of(" \t"),
                             boost::algorithm::token_compress_off);
     if (fields.size() <= startTimeField) {
-        storeError(errorCode, EOPNOTSUPP, boost::system::generic_category());
-        return failed;
+        return fail(errorCode, EOPNOTSUPP);
     }
     const std::string& state = fields[stateField];
     if (state == "Z" || state == "X" || state == "x") {
-        storeError(errorCode, ESRCH, boost::system::generic_category());
-        return failed;
+        return fail(errorCode, ESRCH);
     }
     const long long ticks = std::strtoll(fields[startTimeField].c_str(), nullptr, 10);
     std::int64_t microseconds = 0;

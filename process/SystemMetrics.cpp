@@ -13,12 +13,13 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <iterator>
-#include <memory>
 #include <optional>
+#include <sstream>
 #include <string>
+#include <string_view>
 
+#include "process/ProcFiles.h"
 #include "process/SystemMetricsText.h"
 
 namespace Plexum3::Base {
@@ -26,37 +27,12 @@ namespace {
 
 constexpr std::uint64_t microsecondsPerSecond = 1'000'000;
 
-struct FileCloser {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-struct Freer {
-    void operator()(char* memory) const { std::free(memory); }
-};
-
-// Calls `takeLine(text)` for each line of the file, without its newline, until that returns false.
-// A file that can't be opened has no lines.
+// Calls `takeLine(text)` for each line of the file until that returns false. A file that can't be
+// read has no lines.
 template <class TakeLine>
 void readLines(const char* path, TakeLine takeLine) {
-    // "e": not to be inherited by what another thread executes meanwhile.
-    const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path, "re"));
-    if (file == nullptr) {
-        return;
-    }
-    std::unique_ptr<char, Freer> buffer;
-    std::size_t capacity = 0;
-    for (;;) {
-        char* raw = buffer.release();
-        const ssize_t length = getline(&raw, &capacity, file.get());
-        buffer.reset(raw);
-        if (length == -1) {
-            return;
-        }
-        if (length > 0 && raw[length - 1] == '\n') {
-            raw[length - 1] = '\0';
-        }
-        if (!takeLine(static_cast<const char*>(raw))) {
-            return;
-        }
+    std::istringstream lines(readSmallFile(path));
+    for (std::string line; std::getline(lines, line) && takeLine(line.c_str());) {
     }
 }
 
@@ -71,20 +47,10 @@ Record readRecord(const char* path, ParseLine parseLine) {
     return record;
 }
 
-// All of a file that is short; empty if it can't be opened.
-std::string readText(const char* path) {
-    std::string text;
-    readLines(path, [&](const char* line) {
-        text.append(line).append(1, '\n');
-        return true;
-    });
-    return text;
-}
-
 // The value of a file that holds one number of kilohertz, in hertz.
 std::optional<std::int64_t> readKilohertz(const char* path) {
     long kilohertz = 0;
-    if (std::sscanf(readText(path).c_str(), "%ld", &kilohertz) != 1) {
+    if (std::sscanf(readSmallFile(path).c_str(), "%ld", &kilohertz) != 1) {
         return std::nullopt;
     }
     return kilohertz * std::int64_t{1000};
@@ -102,7 +68,102 @@ std::uint64_t inMicroseconds(const timeval& time) {
            static_cast<std::uint64_t>(time.tv_usec);
 }
 
+// Stores the number behind a label such as "MemFree: %ld", times 2 to the `shift`.
+void scanCount(const char* line, const char* format, unsigned shift, std::uint64_t& count) {
+    long value = 0;
+    if (std::sscanf(line, format, &value) == 1) {
+        count = static_cast<std::uint64_t>(value) << shift;
+    }
+}
+
+constexpr unsigned kibibytes = 10;
+constexpr unsigned bytes = 0;
+
+bool isAllowed(int cpu, const cpu_set_t& allowed) {
+    if (cpu >= CPU_SETSIZE) {
+        return true;
+    }
+    return cpu >= 0 && CPU_ISSET(cpu, &allowed);
+}
+
 }  // namespace
+
+void parseSystemMemoryLine(const char* line, SystemMemory& memory) {
+    scanCount(line, "MemTotal: %ld", kibibytes, memory.total);
+    scanCount(line, "MemFree: %ld", kibibytes, memory.free);
+    scanCount(line, "SwapTotal: %ld", kibibytes, memory.swapTotal);
+    scanCount(line, "SwapFree: %ld", kibibytes, memory.swapFree);
+}
+
+void parseProcessMemoryLine(const char* line, ProcessMemory& memory) {
+    scanCount(line, "VmRSS: %ld", kibibytes, memory.resident);
+    scanCount(line, "VmHWM: %ld", kibibytes, memory.peakResident);
+    scanCount(line, "VmSwap: %ld", kibibytes, memory.swap);
+}
+
+void parseProcessIoLine(const char* line, ProcessIo& io) {
+    scanCount(line, "rchar: %ld", bytes, io.bytesRead);
+    scanCount(line, "wchar: %ld", bytes, io.bytesWritten);
+}
+
+void parseCpuTimesLine(const char* line, const cpu_set_t& allowed, std::uint64_t tickMicroseconds,
+                       CpuTimes& times) {
+    int cpu = 0;
+    long user = 0;
+    long nice = 0;
+    long system = 0;
+    long idle = 0;
+    long iowait = 0;
+    long irq = 0;
+    long softirq = 0;
+    long steal = 0;
+    constexpr int columns = 9;
+    // The summary line "cpu  1 2 ..." would be taken for a processor of the number 1.
+    const bool isSummary = std::string_view(line).substr(0, 4) == "cpu ";
+    if (isSummary || std::sscanf(line, "cpu%d %ld %ld %ld %ld %ld %ld %ld %ld", &cpu, &user, &nice,
+                                 &system, &idle, &iowait, &irq, &softirq, &steal) != columns) {
+        return;
+    }
+    const auto inTime = [=](std::uint64_t ticks) { return ticks * tickMicroseconds; };
+    const std::uint64_t userTime = inTime(std::uint64_t(user) + nice);
+    const std::uint64_t systemTime = inTime(std::uint64_t(system) + irq + softirq + steal);
+    const std::uint64_t idleTime = inTime(std::uint64_t(idle) + iowait);
+    times.allUser += userTime;
+    times.allSystem += systemTime;
+    times.allIdle += idleTime;
+    if (isAllowed(cpu, allowed)) {
+        times.user += userTime;
+        times.system += systemTime;
+        times.idle += idleTime;
+    }
+}
+
+std::optional<std::int64_t> parseCpuInfoLine(const char* line) {
+    float megahertz = 0;
+    const int matched = std::sscanf(line, "cpu MHz : %f", &megahertz);
+    if (matched == 0) {
+        return std::nullopt;
+    }
+    // An empty line gives EOF: the block of the first processor is over, without a clock. The
+    // product is in single precision, and guarded: a conversion that does not fit is undefined.
+    const float value = megahertz * 1000.0F * 1000.0F;
+    constexpr float limit = 9.2e18F;
+    const bool fits = matched == 1 && value > -limit && value < limit;
+    return fits ? static_cast<std::int64_t>(value) : 0;
+}
+
+LoadCounts parseLoadCounts(const char* text) {
+    LoadCounts counts;
+    // Whatever did not match stays 0.
+    static_cast<void>(
+        std::sscanf(text, "%*f %*f %*f %d/%d", &counts.runnableTasks, &counts.totalTasks));
+    return counts;
+}
+
+char parseThreadState(const char* text) {
+    char state = 0;
+    return std::sscanf(text, "%*d %*s %c", &state) == 1 ? state : '\0';
+}
 
 std::int64_t getCpuFrequency() {
     std::optional<std::int64_t> hertz;
@@ -128,7 +189,7 @@ ProcessMemory getProcessMemory() {
 }
 
 LoadCounts getLoadCounts() {
-    return parseLoadCounts(readText("/proc/loadavg").c_str());
+    return parseLoadCounts(readSmallFile("/proc/loadavg").c_str());
 }
 
 ProcessIo getProcessIo() {
@@ -178,7 +239,8 @@ ThreadCounts getThreadCounts() {
     ThreadCounts counts;
     for (const auto& thread : boost::filesystem::directory_iterator("/proc/self/task")) {
         // No text and so no letter: the thread has gone meanwhile.
-        const char state = parseThreadState(readText((thread.path() / "stat").c_str()).c_str());
+        const char state =
+            parseThreadState(readSmallFile((thread.path() / "stat").string()).c_str());
         if (state != '\0') {
             ++counts.threads;
             counts.runningThreads += state == 'R' ? 1 : 0;
