@@ -21,34 +21,6 @@ pid_t waitRetry(pid_t pid, int* status, int flags) {
     return retryOnInterrupt([=] { return waitpid(pid, status, flags); });
 }
 
-// An environment as exec takes it: all entries in one block, and the pointers into it.
-class EnvironmentBlock {
-  public:
-    EnvironmentBlock() = default;
-    EnvironmentBlock(const EnvironmentBlock&) = delete;
-    EnvironmentBlock& operator=(const EnvironmentBlock&) = delete;
-
-    // Once; the pointers stay good as long as the object.
-    void assign(const std::map<std::string, std::string>& environment) {
-        std::vector<std::size_t> starts;
-        starts.reserve(environment.size());
-        for (const auto& [key, value] : environment) {
-            starts.push_back(block_.size());
-            block_.append(key).append(1, '=').append(value).append(1, '\0');
-        }
-        pointers_.reserve(starts.size() + 1);
-        for (const std::size_t start : starts) {
-            pointers_.push_back(block_.data() + start);
-        }
-        pointers_.push_back(nullptr);
-    }
-    char** pointers() { return pointers_.data(); }
-
-  private:
-    std::string block_;
-    std::vector<char*> pointers_;
-};
-
 std::vector<int> sortedUnique(std::vector<int> descriptors) {
     std::sort(descriptors.begin(), descriptors.end());
     descriptors.erase(std::unique(descriptors.begin(), descriptors.end()), descriptors.end());
@@ -69,32 +41,33 @@ struct LaunchPipes {
     ScopedFd statusWrite;
 };
 
-// Owns what a ChildPlan points to, but for what it borrows from the options.
+std::vector<std::string> environmentTexts(const std::map<std::string, std::string>& environment) {
+    std::vector<std::string> texts;
+    texts.reserve(environment.size());
+    for (const auto& [key, value] : environment) {
+        texts.push_back(std::string(key).append(1, '=').append(value));
+    }
+    return texts;
+}
+
+// Owns what a ChildPlan points to, but for the options.
 class PreparedLaunch {
   public:
     PreparedLaunch(const SubprocessOptions& options, const LaunchPipes& pipes)
-        : args_(options.args), kept_(options.keepDescriptors) {
+        : args_(options.args),
+          kept_(options.keepDescriptors),
+          environment_(environmentTexts(options.environment.empty() ? currentEnvironment()
+                                                                    : options.environment)) {
         kept_.push_back(pipes.terminationWrite.get());
         kept_.push_back(pipes.statusWrite.get());
         kept_ = sortedUnique(std::move(kept_));
-        plan_.descriptors = {kept_.data(), kept_.size(), sysconf(_SC_OPEN_MAX)};
-        argv_ = Zendrik::Base::execPointers(args_);
-        plan_.argv = argv_.data();
-        environment_.assign(options.environment.empty() ? currentEnvironment()
-                                                        : options.environment);
-        plan_.environment = environment_.pointers();
-        plan_.workingDirectory =
-            options.workingDirectory.empty() ? nullptr : options.workingDirectory.c_str();
-        plan_.signalMask = &options.signalMask;
-        plan_.terminationWriteEnd = pipes.terminationWrite.get();
-        plan_.statusReadEnd = pipes.statusRead.get();
-        plan_.statusWriteEnd = pipes.statusWrite.get();
-        plan_.stdinFd = options.stdinFd;
-        plan_.stdoutFd = options.stdoutFd;
-        plan_.stderrFd = options.stderrFd;
-        plan_.ownProcessGroup = options.ownProcessGroup;
-        plan_.closeOtherDescriptors = options.closeOtherDescriptors;
-        plan_.stopBeforeExec = options.stopBeforeExec;
+        plan_ = {&options,
+                 argv_.data(),
+                 environmentPointers_.data(),
+                 {kept_.data(), kept_.size(), sysconf(_SC_OPEN_MAX)},
+                 pipes.terminationWrite.get(),
+                 pipes.statusRead.get(),
+                 pipes.statusWrite.get()};
     }
     PreparedLaunch(const PreparedLaunch&) = delete;
     PreparedLaunch& operator=(const PreparedLaunch&) = delete;
@@ -104,8 +77,9 @@ class PreparedLaunch {
   private:
     std::vector<std::string> args_;
     std::vector<int> kept_;
-    std::vector<char*> argv_;
-    EnvironmentBlock environment_;
+    std::vector<std::string> environment_;
+    std::vector<char*> argv_ = Zendrik::Base::execPointers(args_);
+    std::vector<char*> environmentPointers_ = Zendrik::Base::execPointers(environment_);
     ChildPlan plan_{};
 };
 

@@ -144,9 +144,10 @@ bool childInstall(int fd, int target) {
     return fd == -1 || dup2(fd, target) != -1;
 }
 
-bool childInstallStandardStreams(const ChildPlan& plan) {
-    return childInstall(plan.stdoutFd, STDOUT_FILENO) &&
-           childInstall(plan.stderrFd, STDERR_FILENO) && childInstall(plan.stdinFd, STDIN_FILENO);
+bool childInstallStandardStreams(const SubprocessOptions& options) {
+    return childInstall(options.stdoutFd, STDOUT_FILENO) &&
+           childInstall(options.stderrFd, STDERR_FILENO) &&
+           childInstall(options.stdinFd, STDIN_FILENO);
 }
 
 // Returns if the program could not be executed.
@@ -195,25 +196,26 @@ void childBecomeDaemon(const DaemonPlan& plan) {
 }
 
 void childBecomeProgram(const ChildPlan& plan) {
+    const SubprocessOptions& options = *plan.options;
     close(plan.statusReadEnd);
     childResetSignalHandlers();
-    pthread_sigmask(SIG_SETMASK, plan.signalMask, nullptr);
+    pthread_sigmask(SIG_SETMASK, &options.signalMask, nullptr);
     if (!childKeepAcrossExec(plan.terminationWriteEnd)) {
         childFail(plan, "fcntl() failed\n", statusSetupFailed);
     }
-    if (!childInstallStandardStreams(plan)) {
+    if (!childInstallStandardStreams(options)) {
         childFail(plan, "dup2() failed\n", statusSetupFailed);
     }
-    if (plan.ownProcessGroup && setpgid(0, 0) == -1) {
+    if (options.ownProcessGroup && setpgid(0, 0) == -1) {
         childFail(plan, "setpgid() failed\n", statusSetupFailed);
     }
-    if (plan.closeOtherDescriptors) {
+    if (options.closeOtherDescriptors) {
         childCloseDescriptors(plan.descriptors);
     }
-    if (plan.workingDirectory != nullptr && chdir(plan.workingDirectory) == -1) {
+    if (!options.workingDirectory.empty() && chdir(options.workingDirectory.c_str()) == -1) {
         childFail(plan, "chdir() failed\n", statusSetupFailed);
     }
-    if (plan.stopBeforeExec && raise(SIGSTOP) != 0) {
+    if (options.stopBeforeExec && raise(SIGSTOP) != 0) {
         childFail(plan, "raise(SIGSTOP) failed\n", statusSetupFailed);
     }
     // Assigned rather than passed on: execvp looks the program up in the PATH of `environ`.

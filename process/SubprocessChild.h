@@ -7,9 +7,10 @@
 /// blocked on entry. They make system calls only: no heap, no lock, no return to the caller, out by
 /// exec or _exit. The exception is childCloseDescriptors, which returns.
 
-#include <csignal>
 #include <cstddef>
 #include <type_traits>
+
+#include "process/Subprocess.h"
 
 namespace Plexum3::Base {
 
@@ -28,20 +29,13 @@ struct DaemonPlan {
 
 /// What the child of a launch with a handle needs.
 struct ChildPlan {
-    char* const* argv;             ///< ends in a null pointer
-    char** environment;            ///< ends in a null pointer
-    const char* workingDirectory;  ///< null: stay
-    const sigset_t* signalMask;
+    const SubprocessOptions* options;  ///< but for what the next three make of it
+    char* const* argv;                 ///< ends in a null pointer
+    char** environment;                ///< ends in a null pointer
     ChildDescriptors descriptors;
     int terminationWriteEnd;
     int statusReadEnd;
     int statusWriteEnd;
-    int stdinFd;  ///< -1 here and in the next two: leave alone
-    int stdoutFd;
-    int stderrFd;
-    bool ownProcessGroup;
-    bool closeOtherDescriptors;
-    bool stopBeforeExec;
 };
 
 static_assert(std::is_trivially_destructible_v<DaemonPlan>, "the child leaves without destructors");
