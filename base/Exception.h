@@ -85,8 +85,8 @@ class ExceptionDecoration {
     /// Deep: every decoration is cloned.
     ExceptionDecoration(const ExceptionDecoration& other);
 
-    /// Merges and never clears: keys that are here already keep their value, the others are cloned
-    /// from @p other.
+    /// Merges and never clears: what was noted nearer to the throw keeps its value, keys that are
+    /// not here yet are cloned from @p other.
     ExceptionDecoration& operator=(const ExceptionDecoration& other);
 
     /// Stores a copy of @p info in place of one of the same key. Returns this object, so that calls

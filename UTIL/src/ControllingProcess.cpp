@@ -13,7 +13,7 @@
 #include "UTIL/src/TavrelBootstrap.h"
 #include "process/AllSignalsBlocked.h"
 #include "process/ProcessTable.h"
-#include "process/WholeLine.h"
+#include "process/StandardStreams.h"
 
 namespace UTIL {
 

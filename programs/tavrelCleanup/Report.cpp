@@ -12,7 +12,7 @@
 #include <cstring>
 
 #include "process/ScopedFd.h"
-#include "process/WholeLine.h"
+#include "process/StandardStreams.h"
 
 namespace Cleanup {
 namespace {

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -11,7 +12,6 @@
 #include <utility>
 
 #include "programs/tavrelCleanup/FolderAccess.h"
-#include "programs/tavrelCleanup/Repetition.h"
 
 namespace Cleanup {
 namespace {
@@ -25,6 +25,33 @@ void pauseBetweenWalks() {
 }
 
 }  // namespace
+
+bool isPassing(int error) {
+    switch (error) {
+        case ENOTEMPTY:
+        case EEXIST:
+        case ENOTDIR:
+        case EISDIR:
+        case ELOOP:
+        case EBUSY:
+        case ESTALE:
+        case EINTR:
+        case EAGAIN:
+        case ENOMEM:
+        case ENFILE:
+            return true;
+        default:
+            return false;
+    }
+}
+
+void pauseBeforePass(int pass) {
+    if (pass >= 2) {
+        const long milliseconds = std::min(10L << (pass - 2), 1000L);
+        const timespec pause = {milliseconds / 1000, milliseconds % 1000 * 1'000'000};
+        nanosleep(&pause, nullptr);
+    }
+}
 
 TreeRemoval::TreeRemoval(int parentFd, const char* name, ScopedFd top, const Mount& mount)
     : parentFd_(parentFd), name_(name), mount_(mount), levels_(new Level[maxLevels]) {

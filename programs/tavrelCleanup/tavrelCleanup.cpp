@@ -19,9 +19,7 @@
 #include "process/StandardStreams.h"
 #include "programs/tavrelCleanup/Arguments.h"
 #include "programs/tavrelCleanup/FolderAccess.h"
-#include "programs/tavrelCleanup/FolderOwner.h"
 #include "programs/tavrelCleanup/ProtectedFolders.h"
-#include "programs/tavrelCleanup/Repetition.h"
 #include "programs/tavrelCleanup/Report.h"
 #include "programs/tavrelCleanup/TreeRemoval.h"
 

@@ -11,7 +11,7 @@
 #include <stdexcept>
 
 #include "process/DescriptorIo.h"
-#include "process/WholeLine.h"
+#include "process/StandardStreams.h"
 #include "tests/process/ProcessFixture.h"
 
 namespace Plexum3::Base {

@@ -11,7 +11,7 @@
 
 #include "base/PrintableText.h"
 #include "process/ScopedFd.h"
-#include "process/WholeLine.h"
+#include "process/StandardStreams.h"
 
 namespace Zendrik::Reporter {
 
