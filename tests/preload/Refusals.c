@@ -1,11 +1,17 @@
 // Preloaded to make calls of libc fail: with TEST_REFUSE=";CALL ERRNO NTH" the NTH call of that
 // name and all later ones fail, counted along a chain of forks. Several such entries may follow one
-// another.
+// another. For the cleanup program: just before it opens the folder SWAP_AT, the paths SWAP_IN and
+// SWAP_OUT are swapped, as another process may do between two of its calls; with NO_TYPES folders
+// don't say which of their entries are folders, as on some file systems; DATABASE_HOME is the home
+// folder that the user data base gives.
 
 // NOLINTNEXTLINE(bugprone-reserved-identifier): the system's own name for its extensions
 #define _GNU_SOURCE
+#include <dirent.h>
+#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <pwd.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -28,15 +34,12 @@ static int refused(const char* call) {
     return 0;
 }
 
-#define REFUSABLE_AS(type, name, parameters, ...)                \
-    type name parameters {                                       \
-        return refused(#name) ? -1 : (type)syscall(__VA_ARGS__); \
+#define REFUSABLE(name, parameters, ...)                        \
+    int name parameters {                                       \
+        return refused(#name) ? -1 : (int)syscall(__VA_ARGS__); \
     }
-#define REFUSABLE(name, parameters, ...) REFUSABLE_AS(int, name, parameters, __VA_ARGS__)
 
 REFUSABLE(close_range, (unsigned a, unsigned b, int flags), SYS_close_range, a, b, flags)
-REFUSABLE_AS(ssize_t, getdents64, (int fd, void* buffer, size_t size), SYS_getdents64, fd, buffer,
-             size)
 REFUSABLE(setsid, (void), SYS_setsid)
 REFUSABLE(setpgid, (pid_t pid, pid_t group), SYS_setpgid, pid, group)
 REFUSABLE(chdir, (const char* path), SYS_chdir, path)
@@ -66,4 +69,43 @@ int fcntl(int fd, int command, ...) {
     va_end(rest);
     const int inherits = command == F_SETFD && (argument & FD_CLOEXEC) == 0;
     return inherits && refused("fcntl") ? -1 : (int)syscall(SYS_fcntl, fd, command, argument);
+}
+
+// The program's calls by number are pidfd_open and openat2, whose second argument is the name.
+long syscall(long number, ...) {
+    va_list rest;
+    va_start(rest, number);
+    const long first = va_arg(rest, long);
+    const long second = va_arg(rest, long);
+    const long third = va_arg(rest, long);
+    const long fourth = va_arg(rest, long);
+    const long fifth = va_arg(rest, long);
+    const long sixth = va_arg(rest, long);
+    va_end(rest);
+    const char* wanted = getenv("SWAP_AT");
+    if (number == SYS_openat2 && wanted != NULL && strcmp((const char*)second, wanted) == 0) {
+        unsetenv("SWAP_AT");
+        renameat2(AT_FDCWD, getenv("SWAP_IN"), AT_FDCWD, getenv("SWAP_OUT"), RENAME_EXCHANGE);
+    }
+    long (*next)(long, ...) = (long (*)(long, ...))dlsym(RTLD_NEXT, "syscall");
+    return next(number, first, second, third, fourth, fifth, sixth);
+}
+
+ssize_t getdents64(int fd, void* buffer, size_t size) {
+    const ssize_t length =
+        refused("getdents64") ? -1 : syscall(SYS_getdents64, fd, (long)buffer, (long)size);
+    for (ssize_t at = 0; getenv("NO_TYPES") != NULL && at < length;) {
+        struct dirent64* const entry = (struct dirent64*)((char*)buffer + at);
+        entry->d_type = DT_UNKNOWN;
+        at += entry->d_reclen;
+    }
+    return length;
+}
+
+struct passwd* getpwuid(uid_t user) {
+    static struct passwd told;
+    told.pw_uid = user;
+    told.pw_dir = getenv("DATABASE_HOME");
+    struct passwd* (*next)(uid_t) = (struct passwd * (*)(uid_t)) dlsym(RTLD_NEXT, "getpwuid");
+    return told.pw_dir != NULL ? &told : next(user);
 }

@@ -1,4 +1,7 @@
 #include <sys/prctl.h>
+#include <sys/resource.h>
+
+#include <climits>
 
 #include "process/ProcessEnd.h"
 #include "tests/process/ProcessFixture.h"
@@ -45,6 +48,16 @@ TEST_F(ProcessEndTest, StoppedProcessIsWokenAndItsEndIsSeen) {
     waitpid(child, &status, 0);
     EXPECT_TRUE(end.hasEnded());
     EXPECT_TRUE(ProcessEnd(child).hasEnded());
+}
+
+TEST_F(ProcessEndTest, WhatCannotBeLookedAtLivesUnlessItsIdIsUnknown) {
+    rlimit old{};
+    getrlimit(RLIMIT_NOFILE, &old);
+    const rlimit none{0, old.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_FALSE(ProcessEnd(getppid()).hasEnded());
+    EXPECT_TRUE(ProcessEnd(INT_MAX).hasEnded());
+    setrlimit(RLIMIT_NOFILE, &old);
 }
 
 }  // namespace

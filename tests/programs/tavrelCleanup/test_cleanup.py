@@ -17,9 +17,8 @@ import time
 import unittest
 import unittest.mock
 
-PEAK_MEMORY = os.environ["PEAK_MEMORY"]
 SYS_NAME_TO_HANDLE_AT, SYS_PIDFD_OPEN, SYS_OPENAT2 = 303, 434, 437
-HOOKED = {"LD_PRELOAD": os.environ["HOOKS"], "ASAN_OPTIONS": "verify_asan_link_order=0"}
+HOOKED = {"LD_PRELOAD": os.environ["TAVREL_PRELOAD"], "ASAN_OPTIONS": "verify_asan_link_order=0"}
 NOBODY = 65534
 TESTER = os.getuid() or NOBODY  # without the rights of root
 # In memory where possible: a disk takes a minute for the deepest tree.
@@ -68,13 +67,12 @@ def drop_privileges():
         os.setuid(NOBODY)
 
 
-def can_mount():
-    return subprocess.run(["unshare", "--mount", "true"], stderr=subprocess.DEVNULL).returncode == 0
+CAN_MOUNT = subprocess.run(["unshare", "--mount", "true"], stderr=subprocess.DEVNULL).returncode == 0
 
 
 def await_state(process, letter, executable):
     """Until the process runs its program and is in the state, as /proc/PID/stat gives it."""
-    deadline = time.monotonic() + 60
+    deadline = time.monotonic() + 20
     while time.monotonic() < deadline and process.poll() is None:
         with open(f"/proc/{process.pid}/stat") as file:
             state = file.read().rsplit(")", 1)[1].split()[0]
@@ -111,7 +109,7 @@ class CleanupCase(unittest.TestCase):
         """Status and standard error of a run whose process to wait for has ended."""
         environment = dict(os.environ, HOME=home or self.path("home"))
         result = subprocess.run([*prefix, self.program, self.dead_pid, path], env=environment,
-                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=60, **options)
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=20, **options)
         self.assertTrue(os.path.exists(self.path("outside/file")))
         return result.returncode, result.stderr.decode(errors="replace")
 
@@ -169,11 +167,6 @@ class CleanupTest(CleanupCase):
                 self.assertEqual(status, 1)
                 self.assert_one_line(text, name, "it is not a folder")
                 self.assertTrue(os.path.lexists(self.path(name.rstrip("/"))))
-        reader, writer = os.pipe()
-        os.close(reader)
-        nobody_listens = subprocess.run([self.program, self.dead_pid, self.path("link")], stderr=writer)
-        os.close(writer)
-        self.assertEqual(nobody_listens.returncode, 1)
 
     def test_home_and_install_tree_are_refused(self):
         home = self.path("users/me")
@@ -209,10 +202,8 @@ class CleanupTest(CleanupCase):
 
     def test_deletes_only_after_the_process_has_ended(self):
         rename_itself = "open('/proc/self/comm','w').write('a) Z 1 (b');print(flush=True);open(0).read()"
-        # A sanitizer looks for leaks by way of /proc.
-        hidden = {"hidden": hide_processes} if can_mount() and not os.environ.get("TAVREL_SANITIZER") else {}
-        for kernel, prepare in {**KERNELS, **hidden}.items():
-            for relative in (False, True)[:1 if kernel in hidden else 2]:
+        for kernel, prepare in KERNELS.items():
+            for relative in (False, True):
                 with self.subTest(kernel=kernel, relative=relative):
                     write(self.tree + "/file")
                     launcher = subprocess.Popen([sys.executable, "-Sc", rename_itself], cwd=self.scratch,
@@ -227,10 +218,8 @@ class CleanupTest(CleanupCase):
                     await_state(cleanup, "S", self.program)
                     self.assertTrue(os.path.exists(self.tree + "/file"))
                     launcher.stdin.close()
-                    if kernel in hidden:
-                        launcher.wait()
-                    # Not reaped yet: a zombie has ended. Where nobody can tell, it has when it is reaped.
-                    self.assertEqual(cleanup.wait(60), 0)
+                    # Not reaped yet: a zombie has ended.
+                    self.assertEqual(cleanup.wait(20), 0)
                     self.assertFalse(os.path.exists(self.tree))
                     launcher.stdout.close()
                     launcher.wait()
@@ -254,19 +243,22 @@ class CleanupTest(CleanupCase):
         write(self.path(f"tavrel_tmpdir_{dead_owner}/file"))
         self.assertEqual(self.delete(self.path(f"tavrel_tmpdir_{dead_owner}")), (0, ""))
 
+    def test_bad_arguments_are_refused_in_one_line(self):
+        table = [[], ["1"], ["1", "/a", "b"]]
+        table += [[pid, "/a"] for pid in ("", "0", "-1", "+1", " 1", "1 ", "1x", "0x1", "2147483648", "9" * 20)]
+        table += [["1", path] for path in ("", "/", "///", ".", "..", "/.", "/a/.", "a/../", "/a/..//")]
+        for words in table:
+            with self.subTest(words=words):
+                result = subprocess.run([self.program, *words], stderr=subprocess.PIPE, timeout=20)
+                self.assertEqual(result.returncode, 2)
+                self.assert_one_line(result.stderr.decode())
+
     def test_relative_path_of_a_process_that_has_gone_is_given_up(self):
         write(self.tree + "/file")
         status, text = self.delete("tree", cwd=self.scratch)
         self.assertEqual(status, 1)
         self.assert_one_line(text, "'tree' is relative to")
         self.assertTrue(os.path.exists(self.tree + "/file"))
-
-    def test_process_that_nobody_knows_has_ended(self):
-        for kernel, prepare in KERNELS.items():
-            write(self.tree + "/file")
-            unknown = str(2**31 - 1)  # above any limit that Linux has
-            subprocess.run([self.program, unknown, self.tree], check=True, timeout=60, preexec_fn=prepare)
-            self.assertFalse(os.path.exists(self.tree), kernel)
 
     @unittest.skipIf(os.environ.get("TAVREL_SANITIZER"), "a sanitizer takes more memory and descriptors")
     def test_depth_and_width_cost_neither_memory_nor_descriptors(self):
@@ -288,12 +280,11 @@ class CleanupTest(CleanupCase):
             with self.subTest(limit=limit, build=build.__name__, sizes=sizes):
                 os.makedirs(self.tree)
                 build(*sizes)
-                output = subprocess.check_output(
-                    [PEAK_MEMORY, self.program, self.dead_pid, self.tree], env={"HOME": self.path("home")},
-                    preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (limit, limit)))
-                status, kib = map(int, output.split())
-                self.assertEqual((status, os.path.exists(self.tree)), (0, False))
-                self.assertLess(kib, 4096)
+                def set_limits():
+                    resource.setrlimit(resource.RLIMIT_NOFILE, (limit, limit))
+                    resource.setrlimit(resource.RLIMIT_DATA, (2 << 20, 2 << 20))
+                self.assertEqual(self.delete(self.tree, preexec_fn=set_limits), (0, ""))
+                self.assertFalse(os.path.exists(self.tree))
 
     def test_ends_although_others_go_on_writing(self):
         os.makedirs(self.tree)
@@ -333,8 +324,8 @@ class CleanupTest(CleanupCase):
                 self.assertTrue(os.path.exists(self.path("strangers/bystander")))
 
     @unittest.skipIf(os.environ.get("TAVREL_SANITIZER"), "a sanitizer asks /proc")
-    @unittest.skipUnless(can_mount(), "needs a mount namespace of its own")
-    def test_folder_of_which_nobody_tells_the_mount_stays(self):
+    @unittest.skipUnless(CAN_MOUNT, "needs a mount namespace of its own")
+    def test_folder_whose_mount_is_unknown_stays(self):
         write(self.tree + "/a/file")
         self.dead_pid = str(2**31 - 1)  # that a zombie has ended can't be seen
         status, text = self.delete(self.tree, preexec_fn=lambda: hide_processes(SYS_NAME_TO_HANDLE_AT))
@@ -342,7 +333,7 @@ class CleanupTest(CleanupCase):
         self.assert_one_line(text, "tree/a", "It may be on another file system")
 
     @unittest.skipUnless(os.getuid() == 0, "needs files of two users")
-    def test_files_of_others_stay_and_are_told_in_one_line(self):
+    def test_files_of_others_stay_and_are_reported_in_one_line(self):
         for i in range(40):
             write(f"{self.tree}/mine/{i}")
         for i in range(3):
@@ -368,8 +359,8 @@ class CleanupTest(CleanupCase):
 class CleanupMountTest(CleanupCase):
     scratch_base = None  # /dev is covered here
 
-    @unittest.skipUnless(can_mount(), "needs a mount namespace of its own")
-    def test_mount_points_stay_and_the_system_log_is_told(self):
+    @unittest.skipUnless(CAN_MOUNT, "needs a mount namespace of its own")
+    def test_mount_points_stay_and_the_system_log_says_so(self):
         for name in ("tree/tmpfs", "tree/bind", "dev"):
             os.makedirs(self.path(name))
         write(self.tree + "/more/file")
@@ -383,7 +374,7 @@ class CleanupMountTest(CleanupCase):
                 is_stream = kind == socket.SOCK_STREAM
                 type_of_log = socket.SOCK_STREAM if is_stream else socket.SOCK_DGRAM
                 log, talker = (stack.enter_context(socket.socket(socket.AF_UNIX, type_of_log)) for _ in range(2))
-                log.settimeout(60)
+                log.settimeout(20)
                 log.bind("dev/log")
                 if is_stream:
                     log.listen()
