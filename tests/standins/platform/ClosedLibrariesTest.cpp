@@ -1,25 +1,22 @@
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <sstream>
-#include <thread>
 
 #include "ZkConfiguration/Configuration.h"
 #include "ZkLoggingHost/LogLines.h"
 #include "ZkLoggingHost/ZkLoggerGlue.h"
 #include "ZkPlexum3/ZkPlexum3.h"
+#include "ZkPlexumSDK/pystring.h"
 
 namespace {
 
+namespace Pystring = Plexum3::internal::pystring_v1;
 using Plexum3::ZkConfiguration::v1::Config;
 using testing::Eq;
 using testing::ExitedWithCode;
@@ -84,24 +81,6 @@ TEST(Configuration, StartsAsTheEnvironmentAndGoesItsOwnWay) {
     EXPECT_IN_CHILD(checkSnapshot(), Eq(""));
 }
 
-TEST(Configuration, ReadersSeeWholeValuesWhileOthersWrite) {
-    const std::string values[] = {std::string(100, 'a'), std::string(200, 'b')};
-    Config().set("shared", values[0]);
-    std::atomic<bool> stop{false};
-    std::thread writer([&] {
-        for (int i = 0; i < 20000; ++i) {
-            Config().set("shared", values[i % 2]);
-            Config().set("key " + std::to_string(i), "x");
-        }
-        stop = true;
-    });
-    while (!stop) {
-        const std::string value = Config().get("shared");
-        EXPECT_TRUE(value == values[0] || value == values[1]);
-    }
-    writer.join();
-}
-
 class Logging : public testing::Test {
   protected:
     void SetUp() override {
@@ -143,7 +122,6 @@ TEST_F(Logging, GoesWhereTheFileAsksOrSaysWhatIsWrongWithIt) {
     const std::string none = folder_ / "none/out.log", unusable = "[ERROR LOGGING] \"";
     const std::pair<std::string, std::string> cases[] = {
         {"[log]\nlevel=debug\n", "111\n[DEBUG MAIN] fine {0} (MAIN/src/tavrel:7)\n" + info},
-        {"[log]\nlevel = info\ndestination = stderr\n", "011\n" + info},
         {"[log]\nlevel=error", "001\n" + error},
         {"[log]\nlevel=off\n", "000\nmore\n"},
         {contentOf(TAVREL_LOG_CONF), "011\n" + info},
@@ -153,15 +131,11 @@ TEST_F(Logging, GoesWhereTheFileAsksOrSaysWhatIsWrongWithIt) {
                                     "setting \"levle\" is none of level, destination, "
                                     "make_folder, rotate_size, rotate_keep" +
                                     byDefault},
-        {"[log]\nmake_folder=on\n",
-         wrong + "make_folder is \"on\", neither yes nor no" + byDefault},
         {"[log]\nrotate_size=9999999999G\n",
          wrong + "rotate_size is \"9999999999G\", no whole number such as 500K, 10M or 1G" +
              byDefault},
-        {"[log]\nrotate_keep=1K\n", wrong + "rotate_keep is \"1K\", no whole number" + byDefault},
         {"[log]\ndestination=\n",
          wrong + "destination is empty: give stderr or the path of a file" + byDefault},
-        {"[logs]\nlevel=error\n", wrong + "\"logs\" stands where only [log] may" + byDefault},
         {"[log]\nlevel\n", wrong + "line 2: '=' character not found in line" + byDefault},
         {"", wrong + "No such file or directory" + byDefault},
         {"[log]\nlevel=error\ndestination=" + folder_.string(),
@@ -176,10 +150,6 @@ TEST_F(Logging, GoesWhereTheFileAsksOrSaysWhatIsWrongWithIt) {
         EXPECT_IN_CHILD(logAtEveryLevel(text.empty() ? conf : write("log.conf", text)),
                         Eq(expected));
     }
-    std::filesystem::remove(conf);
-    ASSERT_EQ(mkfifo(conf.c_str(), 0600), 0);
-    EXPECT_IN_CHILD(logAtEveryLevel(conf), Eq(wrong + "Not a regular file" + byDefault));
-    std::filesystem::remove(conf);
     // The line that didn't fit was made for the file.
     EXPECT_IN_CHILD(logAtEveryLevel(write("log.conf", "[log]\nlevel=error\ndestination=/dev/full")),
                     testing::AllOf(testing::StartsWith("001\n" + unusable +
@@ -189,76 +159,25 @@ TEST_F(Logging, GoesWhereTheFileAsksOrSaysWhatIsWrongWithIt) {
                                    testing::EndsWith(" " + error)));
 }
 
-void logFromForkedChildren(const std::string& configurationFile) {
-    Config().set("ZKLOGGING_CONFIG", configurationFile);
-    ZkLoggingHost::writeLine("as the launcher, before there are threads");
-    std::atomic<bool> stop{false};
-    std::thread writer([&stop] {
-        while (!stop) {
-            ZkLoggingHost::writeLine("parent");
-        }
-    });
-    for (int i = 0; i < 200; ++i) {
-        const pid_t child = fork();
-        if (child == 0) {
-            alarm(100);
-            ZkLoggingHost::writeLine("child");
-            _exit(0);
-        }
-        int status = 0;
-        EXPECT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_EQ(status, 0);
+TEST(Pystring, ReplaceGivesWhatPython37Gives) {
+    const struct {
+        std::string text, old, replacement;
+        int count;
+        std::string result;
+    } cases[] = {
+        {"aaaa", "aa", "b", -1, "bb"},
+        {"aaa", "a", "aa", 2, "aaaaa"},
+        {"abc", "b", "x", 0, "abc"},
+        {"abc", "d", "x", -2, "abc"},
+        {"ab", "", "-", 2, "-a-b"},
+        // A character of several bytes is one, each byte of what is no UTF-8 is one.
+        {"\xc3\xa9\xf0\x9f\x98\x80\xc0", "", "-", -1, "-\xc3\xa9-\xf0\x9f\x98\x80-\xc0-"},
+    };
+    for (const auto& each : cases) {
+        EXPECT_EQ(Pystring::replace(each.text, each.old, each.replacement, each.count), each.result)
+            << each.text << " " << each.old << " " << each.count;
     }
-    stop = true;
-    writer.join();
-}
-
-TEST_F(Logging, AForkedChildWritesWhateverItsParentsThreadsWereAt) {
-    EXPECT_IN_CHILD(logFromForkedChildren(write("log.conf", "[log]\ndestination=/dev/null\n")),
-                    Eq(""));
-}
-
-TEST_F(Logging, DropsWhatAPipeHasNoRoomForAndNeitherWaitsNorComplains) {
-    const std::string fifo = folder_ / "fifo";
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    const int pipe = open(fifo.c_str(), O_RDWR);
-    Config().set("ZKLOGGING_CONFIG", write("log.conf", "[log]\ndestination=" + fifo));
-    const std::string text(200, 'x');
-    EXPECT_IN_CHILD(
-        for (int i = 0; i < 1000; ++i) { ZkLoggingHost::writeLine(text); }, Eq(""));
-    close(pipe);
-}
-
-TEST_F(Logging, ProcessesThatShareAFileRotateItTogether) {
-    const std::string path = write("log.conf",
-                                   "[log]\nrotate_size=20K\nrotate_keep=90\n"
-                                   "destination=" +
-                                       (folder_ / "out.log").string());
-    const std::string text(200, 'x');
-    Config().set("ZKLOGGING_CONFIG", path);
-    const int free = dup(STDIN_FILENO);
-    close(free);
-    const pid_t child = fork();
-    for (int i = 0; i < 1000; ++i) {
-        ZkLoggingHost::writeLine(text);
-    }
-    if (child == 0) {
-        _exit(0);
-    }
-    ASSERT_EQ(waitpid(child, nullptr, 0), child);
-    EXPECT_LE(dup(STDIN_FILENO), free + 2);
-    std::filesystem::remove(path);
-    int files = 0;
-    int lines = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(folder_)) {
-        std::istringstream content(contentOf(entry.path()));
-        for (std::string line; std::getline(content, line); ++lines) {
-            EXPECT_THAT(line, testing::EndsWith("] " + text));
-        }
-        ++files;
-    }
-    EXPECT_EQ(lines, 2000);
-    EXPECT_GT(files, 5);
+    EXPECT_EQ(Pystring::join(", ", {"a", "", "b"}) + Pystring::join(":", {}), "a, , b");
 }
 
 }  // namespace
