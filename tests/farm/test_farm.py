@@ -20,7 +20,7 @@ from one_node_slurm import EXAMPLES, OneNodeSlurm, await_condition, what_is_miss
 TRACKING = sys.argv.pop(1) if len(sys.argv) > 1 else "linuxproc"
 LAUNCHER = os.environ.get("TAVREL", EXAMPLES.parents[1] / "build/release/tree/bin/tavrel")
 # Far beyond what a job takes on a busy machine. Slurm looks at time limits twice a minute.
-DEADLINE_SECONDS = 180
+DEADLINE_SECONDS = 100
 SKIPPED = 77
 UNFINISHED = ("PENDING", "RUNNING", "COMPLETING", "CONFIGURING")
 
