@@ -9,7 +9,6 @@ include(CheckPIESupported)
 check_pie_supported()
 
 set(TAVREL_SANITIZER "" CACHE STRING "Value of -fsanitize= for every object, empty for none")
-option(TAVREL_FUZZ "Build the fuzzers (clang only)" OFF)
 
 # Boost's own headers are third party: their warnings are not ours to mend.
 add_compile_options(-Wall -Wextra -Werror -Wno-error=deprecated-declarations)
@@ -28,8 +27,4 @@ add_compile_options("$<$<CONFIG:Release>:${hardening};-Wno-unused-result>")
 if(TAVREL_SANITIZER)
   add_compile_options(-fsanitize=${TAVREL_SANITIZER} -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
   add_link_options(-fsanitize=${TAVREL_SANITIZER})
-endif()
-if(TAVREL_FUZZ)
-  # Reports to the fuzzers which branches were taken.
-  add_compile_options(-fsanitize=fuzzer-no-link)
 endif()

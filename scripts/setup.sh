@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # setup.sh [COMMAND...]: brings what scripts/run.sh needs, and what the named commands need beyond that
-# (test, fuzz, lint, bench, package, screenshot): Debian packages into the system, and into .deps/ the
+# (test, lint, bench, package, screenshot): Debian packages into the system, and into .deps/ the
 # third-party sources and the prepared Python 3.7. With everything in place it only looks, and needs no
 # network. Each command calls it for itself.
 set -euo pipefail

@@ -16,6 +16,6 @@ case "${1:-}" in "" | -*) ;; *) preset=$1; shift ;; esac
 for word in "$@"; do
   [[ $word != -* ]] || { ctest --help | grep -qE -e "[ ,]$(sed -E 's/[0-9]+$|=.*//' <<<"$word")([ ,=]|$)"; } || refuse "$word"
 done
-if [ "$preset" = fuzz ]; then scripts/setup.sh fuzz; else scripts/setup.sh test; fi
+scripts/setup.sh test
 scripts/build.sh "$preset"
 exec ctest --preset "$preset" "$@"
