@@ -1,30 +1,10 @@
-#include <boost/thread/exceptions.hpp>
 #include <gmock/gmock.h>
-#include <pthread.h>
-#include <signal.h>
 #include <sys/resource.h>
-#include <time.h>
 
 #include "UTIL/src/TavrelBootstrap.h"
-#include "process/ProcessTable.h"
 #include "tests/ForkedRole.h"
 
 // What can't be brought about from outside. The rest is in tests/system.
-
-std::int64_t monotonicNs() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * 1'000'000'000 + now.tv_nsec;
-}
-
-std::int64_t roleStartNs;
-
-// In libc's place: a role ends with its first sleep, and tells whether that is half a second, from
-// some moment between the role's start and now.
-extern "C" int pthread_cond_timedwait(pthread_cond_t*, pthread_mutex_t*, const timespec* until) {
-    const std::int64_t startNs = until->tv_sec * 1'000'000'000 + until->tv_nsec - 500'000'000;
-    _exit(roleStartNs <= startNs && startNs <= monotonicNs() ? 50 : 99);
-}
 
 namespace {
 
@@ -44,14 +24,6 @@ class ControllingProcessFailure : public testing::Test {
 void forbidOpening() {
     const rlimit none = {0, 0};
     setrlimit(RLIMIT_NOFILE, &none);
-}
-
-void makeThreadsImpossible() {
-    constexpr std::size_t moreThanThereIs = std::size_t(1) << 60;
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, moreThanThereIs);
-    pthread_setattr_default_np(&attributes);
 }
 
 }  // namespace
@@ -81,36 +53,4 @@ TEST_F(ControllingProcessFailure, UnknownOwnCreationTimeLeavesTheInheritedValue)
     EXPECT_THAT(outcome.errors,
                 testing::EndsWith("\n[BOOTSTRAP] WARNING: Failed to get process creation time: "
                                   "\"Too many open files\"\n"));
-}
-
-TEST(WatchControllingProcess, LooksAtOnceAndThenTwiceASecond) {
-    const auto own = Plexum3::Base::getProcessCreationTime(getpid(), nullptr);
-    for (const auto& [expected, status] : {std::pair(own, 50), std::pair(-own, 1)}) {
-        const RoleOutcome outcome = runRole([time = expected] {
-            roleStartNs = monotonicNs();
-            UTIL::WatchControllingProcess(getppid(), time, "NAME", "VALUE");
-            return 0;
-        });
-        EXPECT_EQ(outcome.status, status);
-        EXPECT_EQ(outcome.errors, "");
-    }
-}
-
-TEST(StartControllingProcessWatchdog, ThreadThatCannotStartLeavesTheMask) {
-    const RoleOutcome outcome = runRole([] {
-        makeThreadsImpossible();
-        setVariables({{variable, "17;5678"}});
-        sigset_t mask;
-        sigemptyset(&mask);
-        sigaddset(&mask, SIGUSR1);
-        pthread_sigmask(SIG_SETMASK, &mask, nullptr);
-        try {
-            UTIL::StartControllingProcessWatchdog();
-        } catch (const boost::thread_resource_error&) {
-            pthread_sigmask(SIG_SETMASK, nullptr, &mask);
-            return sigismember(&mask, SIGUSR1) == 1 && sigismember(&mask, SIGUSR2) == 0 ? 0 : 2;
-        }
-        return 1;
-    });
-    EXPECT_EQ(outcome.status, 0);
 }

@@ -40,7 +40,6 @@ def snapshot():
              executable=sys.executable,
              buildTime=sys.tavrel_BUILD_TIME,
              verbosity=sys.tavrel_verbosityLevel,
-             vendorid="vendorid" in sys.builtin_module_names,
              configuration={key: Configuration.get(key) for key in KEYS if Configuration.has(key)},
              environment=dict(os.environ),
              status=status.read())
