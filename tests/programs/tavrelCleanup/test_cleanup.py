@@ -280,6 +280,7 @@ class CleanupTest(CleanupCase):
             with self.subTest(limit=limit, build=build.__name__, sizes=sizes):
                 os.makedirs(self.tree)
                 build(*sizes)
+
                 def set_limits():
                     resource.setrlimit(resource.RLIMIT_NOFILE, (limit, limit))
                     resource.setrlimit(resource.RLIMIT_DATA, (2 << 20, 2 << 20))
