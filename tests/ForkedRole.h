@@ -34,7 +34,7 @@ inline std::string readFromStart(int fd) {
 }
 
 inline RoleOutcome runRole(const std::function<int()>& role) {
-    constexpr unsigned deadlineSeconds = 100;
+    constexpr unsigned deadlineSeconds = 25;
     const int output = memfd_create("output", MFD_CLOEXEC);
     const int errors = memfd_create("errors", MFD_CLOEXEC);
     std::fflush(nullptr);

@@ -32,7 +32,7 @@ class OpenGLBootstrap(unittest.TestCase):
         if display is not None:
             environment["DISPLAY"] = display
         done = subprocess.run([CLIENT, *argument], env=environment, stdout=subprocess.PIPE,
-                              stderr=subprocess.DEVNULL, timeout=60)
+                              stderr=subprocess.DEVNULL, timeout=25)
         return done.stdout.decode().rstrip("\n").replace(", handler back, 0 left", "")
 
     def test_how_far_a_server_lets_the_client_come(self):

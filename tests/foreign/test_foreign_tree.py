@@ -12,7 +12,7 @@ import unittest
 
 LAUNCHER_FILES, LIBRARIES, HOME37 = (os.environ["TAVREL_" + name] for name in (
     "LAUNCHER_FILES", "FOREIGN", "PYTHON37_HOME"))
-DEADLINE = 60
+DEADLINE = 25
 
 # The application: each module that the entry script imports, with the least of what it uses.
 STORE = """import ctypes, os

@@ -18,7 +18,7 @@
 namespace Plexum3::Base {
 
 // Longer than anything takes on a loaded machine: what exceeds it hangs.
-constexpr int deadlineMs = 60'000;
+constexpr int deadlineMs = 25'000;
 
 // Open descriptors of this process, but for the one it looks with, and what they are open on.
 inline std::map<int, std::string> openDescriptors() {

@@ -16,7 +16,7 @@ SANITIZED = bool(os.environ.get("TAVREL_SANITIZER"))
 # It has a thread of its own in each process, and handlers of its own in front of all others.
 THREAD_SANITIZED = os.environ.get("TAVREL_SANITIZER") == "thread"
 # Far beyond what a start takes on a busy machine; only a hang gets here.
-DEADLINE_SECONDS = 60
+DEADLINE_SECONDS = 25
 
 LOG_LINE = re.compile(r"\[(\w+) (MAIN|BOOTSTRAP)\] (.*) \([\w/]+:\d+\)")
 
