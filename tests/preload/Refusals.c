@@ -3,7 +3,8 @@
 // another. For the cleanup program: just before it opens the folder SWAP_AT, the paths SWAP_IN and
 // SWAP_OUT are swapped, as another process may do between two of its calls; with NO_TYPES folders
 // don't say which of their entries are folders, as on some file systems; DATABASE_HOME is the home
-// folder that the user data base gives.
+// folder that the user data base gives. With TEST_TRACER the process that may trace this one is
+// printed.
 
 // NOLINTNEXTLINE(bugprone-reserved-identifier): the system's own name for its extensions
 #define _GNU_SOURCE
@@ -16,6 +17,8 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -46,6 +49,9 @@ REFUSABLE(chdir, (const char* path), SYS_chdir, path)
 REFUSABLE(dup2, (int fd, int target), SYS_dup2, fd, target)
 REFUSABLE(raise, (int number), SYS_tgkill, getpid(), gettid(), number)
 REFUSABLE(fork, (void), SYS_fork)
+REFUSABLE(pipe, (int ends[2]), SYS_pipe, ends)
+REFUSABLE(socketpair, (int domain, int type, int protocol, int ends[2]), SYS_socketpair, domain,
+          type, protocol, ends)
 REFUSABLE(waitpid, (pid_t pid, int* status, int flags), SYS_wait4, pid, status, flags, NULL)
 
 ssize_t readlink(const char* path, char* buffer, size_t size) {
@@ -82,6 +88,9 @@ long syscall(long number, ...) {
     const long fifth = va_arg(rest, long);
     const long sixth = va_arg(rest, long);
     va_end(rest);
+    if (number == SYS_prctl && first == PR_SET_PTRACER && getenv("TEST_TRACER") != NULL) {
+        dprintf(STDERR_FILENO, "tracer %ld\n", second);
+    }
     const char* wanted = getenv("SWAP_AT");
     if (number == SYS_openat2 && wanted != NULL && strcmp((const char*)second, wanted) == 0) {
         unsetenv("SWAP_AT");
