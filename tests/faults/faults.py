@@ -35,6 +35,8 @@ def copy_checkout():
         if source.exists() and not (target.exists() and target.read_bytes() == source.read_bytes()):
             target.parent.mkdir(parents=True, exist_ok=True)
             shutil.copy(source, target)
+    flags = COPY / "cmake/Toolchain.cmake"  # a fault may leave a name unused
+    flags.write_text(flags.read_text().replace(" -Werror ", " "))
     if not (COPY / ".deps").exists():
         (COPY / ".deps").symlink_to(ROOT / ".deps")
 
