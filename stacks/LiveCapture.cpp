@@ -8,7 +8,7 @@
 
 #include "process/ProcFiles.h"
 #include "stacks/memory/HeldThreads.h"
-#include "stacks/memory/MappedFiles.h"
+#include "stacks/memory/Mappings.h"
 #include "stacks/memory/StackMemory.h"
 #include "stacks/python/PythonReader.h"
 

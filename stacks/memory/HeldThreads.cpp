@@ -3,15 +3,17 @@
 #include <sys/ptrace.h>
 #include <sys/user.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
+#include <cstring>
 #include <iterator>
 #include <thread>
 
 #include "process/ProcFiles.h"
-#include "stacks/memory/TraceRefusal.h"
 #include "stacks/record/Registers.h"
 
 namespace Zendrik::Stacks {
@@ -27,6 +29,9 @@ Registers registersFrom(const user_regs_struct& raw) {
                    [&raw](const Register& each) { return raw.*each.inUser; });
     return registers;
 }
+
+using Plexum3::Base::readProcFile;
+using Plexum3::Base::statusField;
 
 }  // namespace
 
@@ -122,6 +127,41 @@ void HeldThreads::release() {
             ptrace(PTRACE_DETACH, thread.tid, nullptr, static_cast<long>(thread.pendingSignal)));
     }
     threads_.clear();
+}
+
+std::string whyGone(pid_t pid) {
+    const std::string status = readProcFile(pid, "status");
+    if (status.empty()) {
+        // A /proc mounted with hidepid shows a user his own processes alone.
+        return kill(pid, 0) == -1 && errno == ESRCH ? "doesn't exist" : "is hidden from this user";
+    }
+    const std::string state = statusField(status, "State");
+    // The first thread of a process may end before the others.
+    return (state[0] == 'Z' || state[0] == 'X') && listThreads(pid).size() <= 1 ? "has ended" : "";
+}
+
+std::string whyNotTraceable(pid_t pid, int error) {
+    if (std::string gone = whyGone(pid); !gone.empty()) {
+        return gone;
+    }
+    const std::string status = readProcFile(pid, "status");
+    if (const std::string tracer = statusField(status, "TracerPid"); tracer != "0") {
+        return "is being traced by process " + tracer;
+    }
+    const bool isRoot = geteuid() == 0;
+    const auto owner = static_cast<uid_t>(std::atol(statusField(status, "Uid").c_str()));
+    if (!isRoot && owner != geteuid()) {
+        return "belongs to another user: only that user and root may look at it";
+    }
+    const int scope = std::atoi(readProcFile(0, "sys/kernel/yama/ptrace_scope").c_str());
+    if (scope >= 3) {
+        return "may be looked at by nobody: kernel.yama.ptrace_scope is 3";
+    }
+    if (!isRoot && scope > 0) {
+        return "may be looked at by root alone: kernel.yama.ptrace_scope is " +
+               std::to_string(scope);
+    }
+    return std::string("may not be looked at (") + std::strerror(error) + ")";
 }
 
 }  // namespace Zendrik::Stacks

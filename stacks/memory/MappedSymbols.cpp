@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "stacks/memory/MappedImage.h"
+#include "stacks/memory/Mappings.h"
 
 namespace Zendrik::Stacks {
 

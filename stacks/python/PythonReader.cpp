@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "stacks/memory/MappedSymbols.h"
-#include "stacks/memory/PagedMemory.h"
+#include "stacks/memory/ProcessMemory.h"
 #include "stacks/python/PythonLayout.h"
 #include "stacks/python/PythonText.h"
 

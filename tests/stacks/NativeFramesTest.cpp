@@ -17,7 +17,7 @@
 #include <random>
 
 #include "stacks/StackText.h"
-#include "stacks/memory/MappedFiles.h"
+#include "stacks/memory/Mappings.h"
 #include "stacks/memory/ProcessMemory.h"
 #include "stacks/native/NativeFrames.h"
 

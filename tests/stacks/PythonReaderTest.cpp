@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "stacks/memory/MappedFiles.h"
+#include "stacks/memory/Mappings.h"
 #include "stacks/python/PythonReader.h"
 
 /// The interpreter keeps memory for the whole process on purpose.
