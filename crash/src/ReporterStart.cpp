@@ -10,9 +10,10 @@
 #include <cerrno>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "base/ExecPointers.h"
 #include "crash/src/HandlerLog.h"
-#include "crash/src/ReporterChild.h"
 
 namespace Zendrik::Breakpad {
 
@@ -83,6 +84,58 @@ void letReporterTrace(pid_t reporter) {
     static_cast<void>(syscall(SYS_prctl, PR_SET_PTRACER, reporter, 0L, 0L, 0L));
 }
 
+using Base::execPointers;
+using Parameters = CrashHandler::Parameters;
+
+/// What execve returned; the exit status is its low byte, 255.
+constexpr int executionFailed = -1;
+
+std::string childReporterPath(const Parameters& parameters) {
+    const std::string application = parameters.applicationPath();
+    return application.substr(0, application.rfind('/')) + "/" + parameters.reporterName();
+}
+
+/// The session identifier is appended, not merged: an inherited variable of that name stays in
+/// front.
+std::vector<std::string> childEnvironment(const Parameters& parameters) {
+    std::vector<std::string> environment;
+    for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
+        environment.emplace_back(*entry);
+    }
+    environment.push_back("ZK_SESSION_ID=" + parameters.sessionId());
+    return environment;
+}
+
+/// Returns only if the program can't be executed, with errno's value.
+int childExecute(std::vector<std::string>& arguments, const Parameters& parameters) {
+    std::vector<std::string> environment = childEnvironment(parameters);
+    const std::vector<char*> argv = execPointers(arguments);
+    const std::vector<char*> envp = execPointers(environment);
+    execve(argv.front(), argv.data(), envp.data());
+    return errno;
+}
+
+// Forked child. Unlike the children of process/ it allocates and logs. It may, because of who else
+// runs in the process at that time: at most one thread that watches a controlling process. That one
+// uses the heap, whose locks the C library itself holds across fork, and never touches the log, nor
+// a lock of this project. Out by execve or _exit; only an executable path that can't be resolved
+// leaves by its exception: the child then unwinds as a second copy of its parent. Everything that
+// is open stays open for the reporter, but for the parent's end of the pipe.
+[[noreturn]] void childRunReporter(const Parameters& parameters, const CrashChannel& channel,
+                                   const int (&handshake)[2]) {
+    close(handshake[0]);
+    const std::string server = std::to_string(channel.serverFd);
+    const std::string writeEnd = std::to_string(handshake[1]);
+    const std::string prompt = parameters.prompt() ? "1" : "0";
+    std::vector<std::string> arguments = {childReporterPath(parameters), server, writeEnd, prompt};
+    logMessage("Launching crash reporting child process: " + arguments.front() + " " + server +
+               " " + writeEnd + " " + prompt);
+    const int error = childExecute(arguments, parameters);
+    logMessage("execv has continued... this means it failed to launch the crash reporter: " +
+               errnoText(error));
+    _exit(executionFailed);
+}
+
 }  // namespace
 
 int startReporter(const CrashHandler::Parameters& parameters) {
@@ -108,7 +161,7 @@ int startReporter(const CrashHandler::Parameters& parameters) {
         return noReporter;
     }
     if (reporter == 0) {
-        childRunReporter(parameters, {channel->serverFd, readFd, writeFd});
+        childRunReporter(parameters, *channel, handshake);
     }
     close(writeFd);
     if (!reporterAnswers(readFd)) {

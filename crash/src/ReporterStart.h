@@ -9,7 +9,8 @@ constexpr int noReporter = -1;
 
 /// Starts the crash reporter of `parameters` as a child of this process and waits at most 2,000 ms,
 /// anew after each signal, for the byte that says that it serves. What goes wrong is logged; what
-/// was opened by then stays open. Main thread, see ReporterChild.h.
+/// was opened by then stays open. Main thread, with no other thread but
+/// the one that watches a controlling process.
 /// @return the client end of the crash channel, or noReporter
 int startReporter(const CrashHandler::Parameters& parameters);
 

@@ -141,11 +141,13 @@ class CrashesTest(CrashTest):
 
     @unittest.skipUnless(os.path.isdir("/dev/shm"), "no tmpfs: a disk writes the log out at each call")
     def test_python_stack_stands_in_the_report(self):
-        with tempfile.TemporaryDirectory(dir="/dev/shm") as folder:
-            crashed = self.crash(self.scratch_tree(recorder=False), "native", {"TAVREL_PYTHON_STACK_LOG": "1"},
-                                 cwd=folder)
-            report = crashed.reports[0].read_text()
-        self.assertRegex(report, r"\nPythonStackLog\.txt, .*\nPython function call\n\d+ \d+ \d+ crash_by_address ")
+        for value in "1", "yes":
+            with tempfile.TemporaryDirectory(dir="/dev/shm") as folder:
+                crashed = self.crash(self.scratch_tree(recorder=False), "native", {"TAVREL_PYTHON_STACK_LOG": value},
+                                     cwd=folder)
+                found = re.search(r"\nPythonStackLog\.txt, .*\nPython function call\n\d+ \d+ \d+ crash_by_address ",
+                                  crashed.reports[0].read_text())
+            self.assertEqual(bool(found), value == "1")
 
 
 if __name__ == "__main__":
