@@ -9,9 +9,14 @@
 #include <ZkLoggingHost/ZkLoggerGlue.h>
 
 #include <sstream>
+#include <type_traits>
 
 /// The logger "MAIN". Made at first use and never destroyed, so that exit handlers may still log.
-const ZkLoggingHost::ZkLoggerGlue& mainLogger();
+inline const ZkLoggingHost::ZkLoggerGlue& mainLogger() {
+    static_assert(std::is_trivially_destructible_v<ZkLoggingHost::ZkLoggerGlue>);
+    static const ZkLoggingHost::ZkLoggerGlue logger("MAIN");
+    return logger;
+}
 
 /// Source unit under which every line of the launcher is filed.
 constexpr char mainLogSource[] = "MAIN/src/tavrel";
