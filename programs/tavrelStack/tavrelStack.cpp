@@ -4,15 +4,16 @@
 #include <sys/types.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>
 #include <string>
+#include <vector>
 
 #include "base/PrintableText.h"
-#include "programs/tavrelStack/Arguments.h"
 #include "stacks/DumpCapture.h"
 #include "stacks/LiveCapture.h"
 #include "stacks/StackText.h"
@@ -21,7 +22,6 @@
 namespace {
 
 using namespace Zendrik::Stacks;
-using StackTool::Arguments;
 using Zendrik::Base::printableText;
 
 enum ExitStatus { Done = 0, CannotDo = 1, BadArguments = 2 };
@@ -32,6 +32,34 @@ constexpr auto framesLimit = std::chrono::seconds(30);
 ExitStatus complain(const std::string& what) {
     std::cerr << "tavrelStack: " << printableText(what) << '\n';
     return CannotDo;
+}
+
+constexpr char helpText[] =
+    "Usage: tavrelStack [OPTION] PID|FILE.dmp\n"
+    "\n"
+    "Prints the stacks of all threads, native and in Python, of a process that goes on running,\n"
+    "or of the dump of one that has crashed.\n"
+    "\n"
+    "  --all-frames  also the frames of the interpreter itself\n"
+    "  -h, --help    this text\n"
+    "  --version     the version\n"
+    "\n"
+    "Exit status: 0 printed, 1 the process or file can't be read, 2 bad command line.\n";
+
+struct Arguments {
+    pid_t pid = 0;
+    std::string file;  ///< of a dump; empty for a process
+    bool allFrames = false;
+};
+
+ExitStatus refuse(const std::string& what) {
+    complain(what + "; tavrelStack --help lists the options");
+    return BadArguments;
+}
+
+ExitStatus answer(const char* text) {
+    std::cout << text << std::flush;
+    return std::cout ? Done : CannotDo;
 }
 
 /// The heading, all stacks, and a sentence for everything that is missing.
@@ -87,18 +115,41 @@ ExitStatus printDump(const Arguments& arguments) {
                  arguments.allFrames);
 }
 
+/// A word of digits is a process, everything else a file: "./4711" is one, too.
+ExitStatus printTarget(const std::string& target, bool allFrames) {
+    Arguments arguments{0, {}, allFrames};
+    if (target.find_first_not_of("0123456789") != std::string::npos) {
+        arguments.file = target;
+        return printDump(arguments);
+    }
+    std::from_chars(target.data(), target.data() + target.size(), arguments.pid);
+    return arguments.pid > 0 ? printProcess(arguments)
+                             : refuse("'" + target + "' is not the id of a process");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    const StackTool::ArgumentsOrText parsed = StackTool::parseArguments(argc, argv);
-    if (!parsed.error.empty()) {
-        complain(parsed.error + "; tavrelStack --help lists the options");
-        return BadArguments;
+    std::vector<std::string> targets;
+    bool allFrames = false;
+    bool takesOptions = true;
+    for (const std::string& word : std::vector<std::string>(argv + 1, argv + argc)) {
+        if (takesOptions && (word == "--help" || word == "-h")) {
+            return answer(helpText);
+        }
+        if (takesOptions && word == "--version") {
+            return answer("tavrelStack " TAVREL_VERSION_TEXT "\n");
+        }
+        if (takesOptions && word == "--all-frames") {
+            allFrames = true;
+        } else if (takesOptions && word == "--") {
+            takesOptions = false;
+        } else if (takesOptions && word.size() > 1 && word[0] == '-') {
+            return refuse("unrecognised option '" + word + "'");
+        } else {
+            targets.push_back(word);
+        }
     }
-    if (!parsed.text.empty()) {
-        std::cout << parsed.text << std::flush;
-        return std::cout ? Done : CannotDo;
-    }
-    return parsed.arguments.file.empty() ? printProcess(parsed.arguments)
-                                         : printDump(parsed.arguments);
+    return targets.size() == 1 ? printTarget(targets[0], allFrames)
+                               : refuse("wants one argument, a process id or the file of a dump");
 }
