@@ -17,12 +17,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <map>
 #include <utility>
 #include <vector>
 
 #include "process/DescriptorIo.h"
-#include "programs/CrashReporterTavrel/folder/FolderNames.h"
 
 namespace Zendrik::Reporter {
 
@@ -111,6 +111,16 @@ std::int64_t whenOwnWasWritten(int folder, const std::string& name) {
     return isReport(start) || isMarkedDump(start)
                ? status.st_mtim.tv_sec * nsPerSecond + status.st_mtim.tv_nsec
                : 0;
+}
+
+// Calls `visit` with each name in an open folder; with none if it can't be read.
+template <typename Visit>
+void forEachName(int folderFd, Visit visit) {
+    std::error_code error;
+    std::filesystem::directory_iterator entry("/proc/self/fd/" + std::to_string(folderFd), error);
+    for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+        visit(entry->path().filename().string());
+    }
 }
 
 // The oldest first.

@@ -16,7 +16,6 @@
 #include "base/PrintableText.h"
 #include "process/DescriptorIo.h"
 #include "programs/CrashReporterTavrel/folder/DumpFolder.h"
-#include "programs/CrashReporterTavrel/report/SignalText.h"
 #include "stacks/StackText.h"
 #include "stacks/record/Registers.h"
 

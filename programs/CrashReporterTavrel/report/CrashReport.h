@@ -37,4 +37,10 @@ std::string wholeText(const CrashFacts& facts, const Stacks::StackCapture& captu
 /// environment without merging, so the last entry of that name is the launcher's.
 std::string sessionIdOf(const char* const* environment);
 
+/// The signal that a process crashed by, in one line: "SIGSEGV (SEGV_MAPERR) at 0x10". One that a
+/// process has sent says so. The processor gives the kernel no address for an access to one that
+/// can't be (a non-canonical one): the registers that hold such a value are named instead.
+/// @param capture its `pid` is the crashed process's
+std::string signalText(const Stacks::StackCapture& capture);
+
 }  // namespace Zendrik::Reporter

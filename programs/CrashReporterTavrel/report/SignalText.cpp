@@ -1,9 +1,8 @@
-#include "programs/CrashReporterTavrel/report/SignalText.h"
-
 #include <csignal>
 #include <cstring>
 
 #include "base/PrintableText.h"
+#include "programs/CrashReporterTavrel/report/CrashReport.h"
 #include "stacks/record/Registers.h"
 
 namespace Zendrik::Reporter {

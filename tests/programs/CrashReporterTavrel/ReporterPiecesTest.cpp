@@ -27,7 +27,6 @@
 #include "programs/CrashReporterTavrel/report/CrashReport.h"
 #include "programs/CrashReporterTavrel/report/KeepPrompt.h"
 #include "programs/CrashReporterTavrel/report/ProcessSnapshot.h"
-#include "programs/CrashReporterTavrel/report/SignalText.h"
 
 namespace Zendrik::Reporter {
 namespace {
