@@ -81,7 +81,7 @@ class Needs(ast.NodeVisitor):
 with open(source_path) as source:
     needs = Needs(ast.parse(source.read()))
 with open(output_path, "w") as output:
-    output.write('#include "programs/tavrelInfo/EntryScriptNeeds.h"\n\n')
+    output.write('#include "programs/tavrelInfo/Modules.h"\n\n')
     output.write("const std::uint32_t Info::byteCodeMagic = %d;\n"
                  % int.from_bytes(importlib.util.MAGIC_NUMBER, "little"))
     output.write("const char Info::entryScriptNeeds[] =")

@@ -8,7 +8,7 @@
 #include <sstream>
 
 #include "programs/tavrelInfo/Child.h"
-#include "programs/tavrelInfo/Parts.h"
+#include "programs/tavrelInfo/Findings.h"
 
 namespace Info {
 

@@ -14,8 +14,8 @@
 #include <sstream>
 
 #include "programs/tavrelInfo/Child.h"
+#include "programs/tavrelInfo/Findings.h"
 #include "programs/tavrelInfo/Modules.h"
-#include "programs/tavrelInfo/Parts.h"
 
 namespace Info {
 

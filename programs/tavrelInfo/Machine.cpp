@@ -15,7 +15,7 @@
 #include "UTIL/src/OpenGLProbe.h"
 #include "process/SystemMetrics.h"
 #include "programs/tavrelInfo/Child.h"
-#include "programs/tavrelInfo/Parts.h"
+#include "programs/tavrelInfo/Findings.h"
 
 namespace Info {
 

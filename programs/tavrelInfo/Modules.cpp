@@ -7,7 +7,6 @@
 #include <sstream>
 
 #include "base/TreeFolders.h"
-#include "programs/tavrelInfo/EntryScriptNeeds.h"
 
 namespace Info {
 

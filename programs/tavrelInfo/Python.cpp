@@ -10,9 +10,8 @@
 #include <regex>
 
 #include "programs/tavrelInfo/Child.h"
-#include "programs/tavrelInfo/EntryScriptNeeds.h"
+#include "programs/tavrelInfo/Findings.h"
 #include "programs/tavrelInfo/Modules.h"
-#include "programs/tavrelInfo/Parts.h"
 
 namespace Info {
 

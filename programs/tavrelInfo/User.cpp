@@ -13,7 +13,7 @@
 #include <regex>
 #include <vector>
 
-#include "programs/tavrelInfo/Parts.h"
+#include "programs/tavrelInfo/Findings.h"
 
 namespace Info {
 

@@ -11,7 +11,7 @@
 #include "base/ExecutablePath.h"
 #include "base/PrintableText.h"
 #include "process/StandardStreams.h"
-#include "programs/tavrelInfo/Parts.h"
+#include "programs/tavrelInfo/Findings.h"
 
 namespace {
 
