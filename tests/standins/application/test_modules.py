@@ -1,8 +1,6 @@
 """The application's modules, each by itself, under the tree's own interpreter."""
 
-import logging
 import os
-import signal
 import stat
 import sys
 import tempfile
@@ -16,35 +14,27 @@ sys.path[:0] = [os.path.join(TREE, "bin", folder)
 import ConfigurationAPI_cmodule as Configuration
 import MachineInfo
 import MainBatch
-import MainLogging
 import MainOptions
 import MainPythonFile
 import MainScript
 import MainShell
 import MainSignals
-import MainSystemInfo
-import Nodes2DAPI
 import NodegraphAPI
 import NodegraphFile
-import RenderingAPI
 from Utils import WholeFile
 
 Configuration.set("TAVREL_ROOT", TREE)
-Configuration.set("DEFAULT_RENDERER", "dl")
 sys.tavrel_BUILD_TIME = "now"
 
 
 OPTIONS = [  # arguments, what they mean or what is wrong with them
     ("--batch a -V 2 b", {"batch": True, "verbose": 2}, "a b"),
     ("--batch -- --shell", {"batch": True}, "--shell"),
-    ("-V2 --shell", {"verbose": 2, "shell": True}, ""),
     ("--ver=2 --ba f", {"verbose": 2, "batch": True}, "f"),
     ("--batch --print tree -h", {"batch": True, "print": "tree", "help": True}, ""),
-    ("--render-threads 1", {"render-threads": 1}, ""),
     ("--script f --help -V x -- y", {"script": ""}, "f --help -V x -- y"),
     ("--script -V 2 f g", {"script": "", "verbose": 2}, "f g"),
     ("--script=f -- --batch --", {"script": "f"}, "f --batch --"),
-    ("--script f -- --batch", {"script": ""}, "f --batch"),
     ("--script -- --f --batch", {"script": ""}, "--f --batch"),
     ("--script --help", {"script": "", "help": True}, ""),
     ("--nonsense", "unknown option --nonsense"),
@@ -53,18 +43,12 @@ OPTIONS = [  # arguments, what they mean or what is wrong with them
     ("--print path", "--print is one of tree, version, tmpdir, crash-dir, log-file, not 'path'"),
     ("--prof", "--prof may mean --profile or --profiling-dir"),
     ("--batch=1", "--batch takes no value"),
-    ("--shell --shell", "--shell is given twice"),
     ("-V much", "--verbose needs a whole number, not 'much'"),
     ("--render-threads 0", "--render-threads needs a whole number from 1, not '0'"),
     ("--script", "--script needs a file, or - for standard input"),
     ("a --script b",
      '"a" stands in front of --script; arguments of the script stand behind its name'),
 ]
-
-
-def configure(node, **parameters):
-    for item in parameters.items():
-        node.setParameter(*item)
 
 
 class ModulesTest(unittest.TestCase):
@@ -75,7 +59,6 @@ class ModulesTest(unittest.TestCase):
         for key, value in (("TAVREL_ROOT", TREE), ("TAVREL_TMPDIR", "")):
             self.addCleanup(Configuration.set, key, value)
         self.folder = scratch.name
-        self.image = os.path.join(self.folder, "image.ppm")
         self.first, self.second = (NodegraphAPI.CreateNode("node") for _ in range(2))
         self.second.connect(self.first)
 
@@ -111,15 +94,6 @@ class ModulesTest(unittest.TestCase):
         for text, size in (("64X32", (64, 32)), ("64x0", None), ("64", None), ("", None)):
             Configuration.set("TAVREL_RENDER_TILE_SIZE", text)
             self.assertEqual(MachineInfo.Tavrel.GetRenderTileSize(), size)
-        root = logging.getLogger()
-        self.addCleanup(setattr, root, "handlers", root.handlers)
-        for sys.tavrel_verbosityLevel, level in ((-1, logging.WARNING), (0, logging.INFO)):
-            MainLogging.Init()
-            self.assertEqual(root.level, level)
-        for number in (signal.SIGHUP, signal.SIGINT):
-            self.addCleanup(signal.signal, number, signal.signal(number, signal.SIG_IGN))
-            MainSignals.StopInOrderOn(number.name)
-            self.assertEqual(signal.getsignal(number), signal.SIG_IGN)
         for mode in (MainBatch, MainScript, MainShell):
             with mock.patch.object(MainSignals, "StopInOrderOn", side_effect=KeyboardInterrupt), \
                     mock.patch.object(os, "getpid", return_value=1):
@@ -135,51 +109,6 @@ class ModulesTest(unittest.TestCase):
         self.assertRaises(TypeError, WholeFile.Write, path, [b"other", 1])
         self.assertEqual((self.content(path), stat.S_IMODE(os.stat(path).st_mode),
                           os.listdir(self.folder)), (b"text", 0o640, ["file"]))
-        os.symlink("file", path + ".link")
-        WholeFile.Write(path + ".link", [b"new"])
-        self.assertEqual((self.content(path), os.readlink(path + ".link")), (b"new", "file"))
-        os.mkfifo(path + ".pipe")
-        with open(os.open(path + ".pipe", os.O_RDONLY | os.O_NONBLOCK), "rb") as pipe:
-            WholeFile.Write(path + ".pipe", [b"text"])
-            self.assertEqual(pipe.read(), b"text")
-
-    def test_system_info_adds_the_run_to_what_is_found_of_the_tree(self):
-        root, home = self.folder + "/tree", self.folder + "/home"
-        os.makedirs(root + "/bin")
-        os.symlink(self.folder, home)
-        Configuration.set("TAVREL_ROOT", root)
-        Configuration.set("TAVREL_TMPDIR", home)
-        for status in (0, 1):
-            with open(root + "/bin/tavrelInfo", "w") as program:
-                program.write("#!/bin/sh\necho '  tree  %s'\nexit %d\n" % (root, status))
-            os.chmod(root + "/bin/tavrelInfo", 0o755)
-            with mock.patch.dict(os.environ, HOME=home, SHOW="the launcher's"):
-                text, complete = MainSystemInfo.Report()
-            self.assertIn("  tree  ~/tree\nthis run\n  version ", text)
-            self.assertEqual((complete, self.folder in text, "launcher's" in text),
-                             (status == 0, False, False), text)
-
-    def test_graph(self):
-        for upstream in (self.first, self.second):
-            self.assertRaises(ValueError, self.first.connect, upstream)
-        self.assertRaises(ValueError, NodegraphAPI.CreateNode, "x", "node")
-        third = NodegraphAPI.CreateNode("node")
-        third.connect(self.first)
-        third.connect(self.second)
-        configure(self.first, a=1, b=1, c=1)
-        configure(self.second, b=2, c=2)
-        configure(third, c=3)
-        self.assertEqual(third.getParameters(), {"a": 1, "b": 2, "c": 3})
-        self.assertEqual(repr(third), "<node node 'node3'>")
-        third.disconnect(self.second)
-        self.assertEqual(third.getParameters(), {"a": 1, "b": 1, "c": 3})
-        self.second.connect(third)
-        NodegraphAPI.SetRootNode(self.first)
-        NodegraphAPI.DeleteNode(self.first)
-        self.assertEqual((third.getInputs(), self.second.getInputs(), NodegraphAPI.FindRootNode()),
-                         ([], [third], None))
-        for use in (third.connect, NodegraphAPI.SetRootNode, NodegraphAPI.DeleteNode):
-            self.assertRaises(ValueError, use, self.first)
 
     def test_a_file_brings_the_graph_back_or_changes_nothing(self):
         self.second.setParameter("color", [1, 0.5, 0])
@@ -227,20 +156,6 @@ class ModulesTest(unittest.TestCase):
         Autosave.Remove(path)
         kept.forget()
         self.assertEqual(os.listdir(os.path.join(self.folder, "tavrel/autosave")), [])
-
-    def test_an_image_is_made_tile_by_tile(self):
-        names = RenderingAPI.RenderPlugins.GetRendererPluginNames
-        self.assertEqual((names(), names(includeViewer=True)), (["dl"], ["dl", "viewer"]))
-        self.addCleanup(Nodes2DAPI.SetTileSize, *Nodes2DAPI.GetTileSize())
-        Nodes2DAPI.SetTileSize(3, 2)
-        configure(self.first, color=(1, 0.5, 0), checker=4)
-        self.assertTrue(RenderingAPI.RenderToFile(self.second, self.image, 8, 5).wait(20))
-        light, dark = b"\xff\x80\x00", b"\x7f\x40\x00"
-        self.assertEqual(self.content(self.image), b"P6\n8 5\n255\n" +
-                         (light * 4 + dark * 4) * 4 + dark * 4 + light * 4)
-        for place in (self.image + "/x", self.folder, self.folder + "/none/x", "/proc/x"):
-            self.assertRaises(OSError, RenderingAPI.RenderToFile, self.second, place, 2, 2)
-        self.assertEqual(os.listdir(self.folder), ["image.ppm"])
 
 
 if __name__ == "__main__":
