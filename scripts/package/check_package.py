@@ -29,7 +29,6 @@ WORDS = ("man/man1/tavrel.1", "man/man8/tavrelCleanup.8", "man/man8/CrashReporte
          "doc/tavrel/THIRD-PARTY.md")
 # What the text of every compilation of shipped code has to hold.
 HARDENING = (pathlib.Path(__file__).resolve().parents[2] / "cmake/hardening.flags").read_text().split()
-ENDBR64 = b"\xf3\x0f\x1e\xfa"  # where -fcf-protection lets an indirect call land
 UNLISTED = ("MANIFEST", "bin/log.conf")  # log.conf is there to be edited
 UNCHECKED_HASH = 1  # flags word of byte code that is never compared with its source
 
@@ -58,8 +57,6 @@ class Package:
         self.segments = dict(zip(elves, self.readelf("-lW", elves)))
         self.own = [self.tree + path for _, path in objects]
         self.programs = [self.tree + path for kind, path in objects if kind == "EXECUTABLE"]
-        present = [path for path in self.own if path in elves]
-        self.symbols = dict(zip(present, self.readelf("-sW", present)))
 
     def at(self, path):
         return os.path.join(self.folder, path)
@@ -199,27 +196,6 @@ def unhardened_objects(package):
             yield "%s: its code is written to by the loader" % path
         if not re.search(r"Elf file type is DYN", segments):
             yield "%s: loaded at a fixed address" % path
-    for path, symbols in package.symbols.items():
-        if path in package.programs and "__stack_chk_fail" not in symbols:
-            yield "%s: no function guards its stack" % path
-        for name in functions_without_landing(package, path):
-            yield "%s: %s() does not begin with endbr64" % (path, name)
-
-
-def functions_without_landing(package, path):
-    """main, and what an object offers to others."""
-    found = re.search(r" \.text +PROGBITS +(\w+) (\w+)", package.sections[path])
-    address, offset = (int(word, 16) for word in found.groups())
-    content = package.read(path)
-    dynamic = package.symbols[path].split("Symbol table '.symtab'")[0]
-    places = re.findall(r"(\w+) +\d+ FUNC +GLOBAL DEFAULT +\d+ (\S+)$", dynamic, re.MULTILINE)
-    if path in package.programs:
-        places = re.findall(r"(\w+) +\d+ FUNC +GLOBAL DEFAULT +\d+ (main)$", package.symbols[path],
-                            re.MULTILINE)
-    for value, name in places:
-        start = int(value, 16) - address + offset
-        if content[start:start + len(ENDBR64)] != ENDBR64:
-            yield name.split("@")[0]
 
 
 def unhardened_units(commands):
