@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -183,21 +182,6 @@ TEST_F(LogTest, HeadersNameApplicationChannelAndLevel) {
         std::regex_replace(errors, time, "[time] "),
         "[Error][time] unnamed\n[net Warning][time] channel\n[app Message][time] application\n"
         "[app/net Verbose][time] both\n[net] short\n[app/net Quiet][time] full\n007|\n");
-}
-
-TEST_F(LogTest, HeaderHoldsTheLocalTime) {
-    const std::string errors = errorsOf([] {
-        setVariables({{"TZ", "XXX-05:30"}});
-        tzset();
-        write(Level::error, "");
-    });
-    std::tm written = {};
-    std::istringstream(errors) >> std::get_time(&written, "[Error][%Y/%m/%d:%H:%M:%S]");
-    // The header's own clock: std::time may lag behind it by a tick.
-    const auto now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
-    const std::time_t age = now + 19800 - timegm(&written);
-    EXPECT_GE(age, 0) << errors;
-    EXPECT_LT(age, 60) << errors;
 }
 
 }  // namespace

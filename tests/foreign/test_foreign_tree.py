@@ -182,11 +182,6 @@ print(os.path.isdir(C.get('TAVREL_TMPDIR')), C.get('TAVREL_ROOT'), len(os.listdi
             os.rename(self.tree + "/bin/" + name, self.folder + "/aside")
             self.hold_against(name, name, status, error)
             os.rename(self.folder + "/aside", self.tree + "/bin/" + name)
-        os.unlink(self.tree + "/bin/python3.7")
-        os.makedirs(self.tree + "/bin/python3.7/lib")
-        os.symlink(HOME37 + "/lib/libpython3.7m.so.1.0",
-                   self.tree + "/bin/python3.7/lib/libpython3.7m.so.1.0")
-        self.hold_against("standard library", "standard library", 1, "its standard library is missing")
 
 
 if __name__ == "__main__":

@@ -1,7 +1,6 @@
 """The real reporter beside a launcher: what it does when a dump can't be made, when it ends, and when
 it asks or refuses."""
 
-import fcntl
 import os
 import re
 import select
@@ -66,13 +65,6 @@ LOSSES = [
     [("guardian", KILL), ("standby", KILL)], [("standby", KILL), ("guardian", KILL)],
     [("standby", KILL), ("other", STOP), ("guardian", KILL)],
 ]
-# Starts the reporter, given with the handshake's descriptor, and waits to be killed.
-LAUNCHER = """import socket, subprocess, sys
-ends = [end.detach() for end in socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)]
-reporter = subprocess.Popen([sys.argv[1], str(ends[0]), sys.argv[2], "0"], pass_fds=(*ends, int(sys.argv[2])))
-print(reporter.pid, flush=True)
-input()
-"""
 
 
 def read(file):
@@ -245,32 +237,6 @@ class ReporterTest(CrashTest):
                 crashed = self.crashed(tree, process)  # takes the input's end away from the child
                 self.assertEqual((crashed.dumps, crashed.reports, crashed.others), ([], [], []))
                 self.assertNotIn("CrashReporterTavrel: ", crashed.ended.err)
-
-    def test_ends_with_a_launcher_that_is_killed_during_the_handshake(self):
-        answers, handshake = os.pipe()
-        fcntl.fcntl(handshake, fcntl.F_SETPIPE_SZ, 4096)
-        os.write(handshake, bytes(4096))  # holds the reporter up while it answers
-        launcher = subprocess.Popen([sys.executable, "-c", LAUNCHER, BUILT / "bin/CrashReporterTavrel", str(handshake)],
-                                    pass_fds=(handshake,), stdin=subprocess.PIPE, stdout=subprocess.PIPE, bufsize=0)
-        self._running.append(launcher)
-        os.close(handshake)
-        reporter = int(self.await_line(launcher.stdout, ""))
-        self.await_true(lambda: "pipe_write" in read(f"/proc/{reporter}/wchan"), "it isn't held up")
-        launcher.kill()
-        launcher.wait()
-        self.assertEqual(read(answers).strip("\0"), "\1")
-        self.assertEqual(process_table.wait_for_end(reporter, time.monotonic() + LIMIT_SECONDS), 0)
-
-    def test_child_that_outlives_launcher_and_reporter_dies_of_its_crash(self):
-        tree = self.scratch_tree(recorder=False)
-        process, reporter, _ = self.start_waiting(tree, "leave_crashing_child")
-        process.stdin.write(b"\n")
-        child = int(self.await_line(process.stdout, " ").split()[0])
-        self.await_end(reporter)
-        process.stdin.close()  # now it crashes, with both ends of the channel in its own hands
-        process.stdin = None
-        self.assertEqual(process_table.wait_for_end(child, time.monotonic() + LIMIT_SECONDS), -signal.SIGSEGV)
-        self.assertEqual(self.crashed(tree, process).dumps, [])
 
     def test_outlasts_the_terminals_signals_and_ends_at_sigterm(self):
         terminal = (signal.SIGINT, signal.SIGQUIT, signal.SIGHUP, signal.SIGTSTP)
