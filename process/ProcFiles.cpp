@@ -13,17 +13,23 @@
 
 namespace Plexum3::Base {
 
-std::string readSmallFile(const std::string& path, boost::system::error_code* errorCode) {
-    const ScopedFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+std::string readToEnd(int fd, boost::system::error_code* errorCode) {
     std::string text;
     std::array<char, 4096> chunk;
-    ssize_t got = -1;
-    while (file.isOpen() &&
-           (got = readRetry(file.get(), chunk.data(), chunk.size(), nullptr)) > 0) {
+    ssize_t got = 0;
+    while ((got = readRetry(fd, chunk.data(), chunk.size(), errorCode)) > 0) {
         text.append(chunk.data(), static_cast<std::size_t>(got));
     }
-    storeError(errorCode, got == 0 ? 0 : errno, boost::system::system_category());
     return got == 0 ? text : std::string();
+}
+
+std::string readSmallFile(const std::string& path, boost::system::error_code* errorCode) {
+    const ScopedFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file.isOpen()) {
+        storeError(errorCode, errno, boost::system::system_category());
+        return {};
+    }
+    return readToEnd(file.get(), errorCode);
 }
 
 std::string readProcFile(pid_t pid, const std::string& name) {

@@ -11,6 +11,10 @@
 
 namespace Plexum3::Base {
 
+/// All that comes from a descriptor until its end. Empty if reading fails, with errno, in the
+/// system category, in *errorCode, which may be null.
+std::string readToEnd(int fd, boost::system::error_code* errorCode = nullptr);
+
 /// All of a file whose size can't be asked beforehand. Empty if it can't be opened or read, with
 /// errno, in the system category, in *errorCode, which may be null.
 std::string readSmallFile(const std::string& path, boost::system::error_code* errorCode = nullptr);

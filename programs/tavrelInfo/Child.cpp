@@ -10,7 +10,9 @@
 #include <cstring>
 #include <system_error>
 
+#include "base/ExecPointers.h"
 #include "process/DescriptorIo.h"
+#include "process/ProcFiles.h"
 
 namespace Info {
 
@@ -32,17 +34,6 @@ constexpr int notExecuted = 127;
     const int status = work();
     std::fflush(stdout);
     _exit(status);
-}
-
-std::string readToEnd(int fd) {
-    std::string all;
-    char piece[4096];
-    boost::system::error_code error;
-    for (ssize_t count = 0;
-         (count = Plexum3::Base::readRetry(fd, piece, sizeof piece, &error)) > 0;) {
-        all.append(piece, static_cast<std::size_t>(count));
-    }
-    return all;
 }
 
 }  // namespace
@@ -75,7 +66,7 @@ ChildEnd inChild(const std::function<int()>& work, unsigned seconds) {
         return end;
     }
     writeEnd.reset();
-    end.output = readToEnd(readEnd.get());
+    end.output = Plexum3::Base::readToEnd(readEnd.get());
     while (waitpid(child, &end.status, 0) < 0 && errno == EINTR) {
     }
     return end;
@@ -88,12 +79,8 @@ ChildEnd runProgram(const std::vector<std::string>& words,
         for (const auto& [name, value] : variables) {
             setenv(name.c_str(), value.c_str(), /*overwrite=*/1);
         }
-        std::vector<char*> arguments;
-        arguments.reserve(words.size() + 1);
-        for (const std::string& word : words) {
-            arguments.push_back(const_cast<char*>(word.c_str()));
-        }
-        arguments.push_back(nullptr);
+        std::vector<std::string> own = words;
+        const std::vector<char*> arguments = Zendrik::Base::execPointers(own);
         execvp(arguments.front(), arguments.data());
         std::printf("%s: %s\n", arguments.front(), std::strerror(errno));
         return notExecuted;

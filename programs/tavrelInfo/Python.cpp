@@ -5,10 +5,9 @@
 
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <regex>
 
+#include "process/ProcFiles.h"
 #include "programs/tavrelInfo/Child.h"
 #include "programs/tavrelInfo/Findings.h"
 #include "programs/tavrelInfo/Modules.h"
@@ -16,11 +15,6 @@
 namespace Info {
 
 namespace {
-
-std::string contentOf(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 /// The library's own word; it may be asked before it is initialised.
 void addVersion(const std::string& home, Findings& findings) {
@@ -55,7 +49,7 @@ std::string compiledFile(const std::string& library) {
 void addByteCode(const std::string& library, Findings& findings) {
     const std::string file = compiledFile(library);
     std::uint32_t magic = 0;
-    const std::string content = contentOf(file).substr(0, sizeof magic);
+    const std::string content = Plexum3::Base::readSmallFile(file).substr(0, sizeof magic);
     if (content.size() != sizeof magic) {
         findings.unsure("byte code", "not compared: no compiled os module in " + library);
         return;
@@ -126,7 +120,7 @@ Presence presenceInSource(const std::string& name, const std::string& package,
 /// Whether a module's file gives a name. Source can be read; byte code and extensions hold the name
 /// as a word at least. Names may also come from elsewhere, which only an import would show.
 Presence presenceOf(const std::string& name, const std::string& package, const std::string& file) {
-    const std::string content = contentOf(file);
+    const std::string content = Plexum3::Base::readSmallFile(file);
     if (boost::ends_with(file, ".py")) {
         return presenceInSource(name, package, content);
     }
