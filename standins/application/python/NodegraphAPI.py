@@ -62,9 +62,6 @@ class Node(object):
         del self._parameters[name]
         EventModule.QueueEvent("parameter_removed", node=self._name, parameter=name)
 
-    def getParameter(self, name, default=None):
-        return self._parameters.get(name, default)
-
     def getOwnParameters(self):
         return dict(self._parameters)
 
@@ -162,14 +159,6 @@ def GetNode(name):
 def GetAllNodes():
     """All nodes in the order of their creation."""
     return list(_nodes.values())
-
-
-def GetRootNode():
-    """The root node, made at the first call."""
-    global _root
-    if _root is None:
-        _root = CreateNode("rootNode")
-    return _root
 
 
 def SetRootNode(node):

@@ -1,8 +1,5 @@
-"""Images: the settings of rendering, and the renders, whose tiles a pool of threads works off.
-
-The pool has as many threads as SetRenderThreads says, for all renders together. They are started
-with a render and end when no tile is left.
-"""
+"""Images: the settings of rendering, and the renders, whose tiles as many threads work off as
+SetRenderThreads says."""
 
 import threading
 import time
@@ -21,10 +18,9 @@ _settings = {
     "maxDiskUsage": None,
     "speculativeCache": True,
 }
-# Guards all that follows and the counts of the renders.
+# Guards the list, and tiles and counts of the renders.
 _lock = threading.Lock()
 _renders = []
-_threadCount = 0
 
 
 def GetSettings():
@@ -45,10 +41,6 @@ def SetRenderThreads(count):
     if count < 1:
         raise ValueError("a render needs a thread")
     _settings["threads"] = count
-
-
-def GetRenderThreads():
-    return _settings["threads"]
 
 
 def SetTileSize(width, height):
@@ -110,49 +102,47 @@ class Render(object):
     """
 
     def __init__(self, renderType, width, height, renderTile, finish):
-        tileWidth, tileHeight = _settings["tileSize"]
         self.renderType = renderType
         self.state = "running"
         self.error = None
+        tileWidth, tileHeight = _settings["tileSize"]
         self.tileCount = -(-width // tileWidth) * -(-height // tileHeight)
         self._tiles = _tiles(width, height, tileWidth, tileHeight)
         self._renderTile = renderTile
         self._finish = finish
-        self._given = 0
         self._rendered = 0
-        self._atWork = 0
+        self._threadCount = 0
         self._isCancelled = False
-        self._isEnding = False
         self._ended = threading.Event()
 
+    def _start(self):
+        """With the lock. Does with fewer threads than wanted, but not with none."""
+        while self._threadCount < min(self.tileCount, _settings["threads"]):
+            try:
+                # The interpreter does not wait for a daemon thread: none that hangs can hold the end.
+                threading.Thread(target=self._run, daemon=True).start()
+            except RuntimeError:
+                if self._threadCount == 0:
+                    raise
+                return
+            self._threadCount += 1
+
     def _takeTile(self):
-        """A tile that no thread has, or None. With the lock."""
-        if self._isCancelled or self.error is not None or self._given == self.tileCount:
-            return None
-        self._given += 1
-        self._atWork += 1
-        return next(self._tiles)
-
-    def _claimEnd(self):
-        """True for the one caller who is to end the render, when there is no work left. With the
-        lock."""
-        isOver = self._isCancelled or self.error is not None or self._given == self.tileCount
-        if self._atWork or not isOver or self._isEnding:
-            return False
-        self._isEnding = True
-        return True
-
-    def _work(self, tile):
-        error = None
-        try:
-            self._renderTile(*tile)
-        except BaseException as exception:
-            error = exception
         with _lock:
-            self._atWork -= 1
-            self._rendered += 1
-            self.error = self.error or error
-            isLast = self._claimEnd()
+            isOver = self._isCancelled or self.error is not None
+            return None if isOver else next(self._tiles, None)
+
+    def _run(self):
+        try:
+            for tile in iter(self._takeTile, None):
+                self._renderTile(*tile)
+                with _lock:
+                    self._rendered += 1
+        except BaseException as exception:
+            self.error = self.error or exception
+        with _lock:
+            self._threadCount -= 1
+            isLast = self._threadCount == 0
         if isLast:
             self._end()
 
@@ -171,11 +161,7 @@ class Render(object):
 
     def cancel(self):
         """Asks the render to end; its threads look between two tiles."""
-        with _lock:
-            self._isCancelled = True
-            isLast = self._claimEnd()
-        if isLast:
-            self._end()
+        self._isCancelled = True
 
     def isCancelled(self):
         return self._isCancelled
@@ -191,45 +177,10 @@ class Render(object):
         return hasEnded
 
 
-def _takeWork():
-    """A render and one of its tiles, of the one that was started first, or None. With the lock."""
-    for render in _renders:
-        tile = render._takeTile()
-        if tile is not None:
-            return render, tile
-    return None
-
-
-def _runThread():
-    global _threadCount
-    while True:
-        with _lock:
-            work = _takeWork() if _threadCount <= _settings["threads"] else None
-            if work is None:
-                _threadCount -= 1
-                return
-        render, tile = work
-        render._work(tile)
-
-
-def _startThreads(count):
-    """With the lock. Does with fewer threads than wanted, but not with none."""
-    global _threadCount
-    while _threadCount < min(count, _settings["threads"]):
-        try:
-            # The interpreter does not wait for a daemon thread: none that hangs can hold the end.
-            threading.Thread(target=_runThread, daemon=True).start()
-        except RuntimeError:
-            if _threadCount == 0:
-                raise
-            return
-        _threadCount += 1
-
-
 def StartRender(renderType, width, height, renderTile, finish):
-    """Renders a picture on the threads of the pool: renderTile(left, top, right, bottom) for each
-    tile, several at a time, then finish(), which a cancelled or failed render leaves out. Returns
-    the Render."""
+    """Renders a picture on threads of its own: renderTile(left, top, right, bottom) for each tile,
+    several at a time, then finish(), which a cancelled or failed render leaves out. Returns the
+    Render."""
     if renderType not in _RENDER_TYPES:
         raise ValueError('"%s" is none of the render types %s' % (renderType, _RENDER_TYPES))
     if width < 1 or height < 1:
@@ -237,12 +188,8 @@ def StartRender(renderType, width, height, renderTile, finish):
     render = Render(renderType, width, height, renderTile, finish)
     _debug("%s render of %dx%d started" % (renderType, width, height))
     with _lock:
+        render._start()
         _renders.append(render)
-        try:
-            _startThreads(sum(each.tileCount - each._given for each in _renders))
-        except RuntimeError:
-            _renders.remove(render)
-            raise
     return render
 
 
