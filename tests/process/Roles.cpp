@@ -67,6 +67,7 @@ void launch(const std::string& mode, const std::vector<std::string>& args) {
 
 int main(int argc, char** argv) {
     if (argc > 3 && std::string(argv[1]) == "--launch") {
+        alarm(10);  // a child that stays stopped
         Plexum3::Base::spoil();
         Plexum3::Base::launch(argv[2], {argv + 3, argv + argc});
         return 0;
