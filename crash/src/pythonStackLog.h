@@ -12,14 +12,10 @@
 ///      140305811343104 1 1 <module> /tree/job.py
 ///
 /// Each frame line holds its depth in blanks, the thread, the function's first line, the frame's
-/// line as the interpreter stored it (brought up to date only while a tracer runs, so most often
-/// the function's first line again), the function and the file, each followed by a blank.
-///
-/// The price is high: every call of every function pays for an open, a truncation and a write per
-/// frame. docs/python-stack-log.md says how much that is.
+/// line as the interpreter stored it, the function and the file, each followed by a blank.
+/// docs/python-stack-log.md says what that costs.
 ///
 /// All functions need the interpreter lock and report nothing: what can't be written is left out.
-/// Threads write the same file; it shows the last writer.
 namespace Zendrik::Breakpad {
 
 /// "PythonStackLog.txt", relative: it lands in the working directory as it is at each call.
@@ -30,12 +26,8 @@ extern const char* const pythonStackLogFile;
 /// @return false, with nothing registered and no Python error left, if memory is short
 bool startPythonStackLog();
 
-/// Has the form of a Py_tracefunc. Writes on PyTrace_CALL and PyTrace_C_CALL and ignores the other
-/// events.
-/// @param object the file's path; does nothing unless it is exactly a Python string
-/// @param what the event number
-/// @param argument not used
-/// @return always 0: the interpreter goes on
+/// A Py_tracefunc. Writes on PyTrace_CALL and PyTrace_C_CALL to the file `object`, which has to be
+/// exactly a Python string. Always 0: the interpreter goes on.
 int pythonStackProfileHook(PyObject* object, PyFrameObject* frame, int what, PyObject* argument);
 
 /// writePythonStack for the call of a C function, and for that of a Python function.

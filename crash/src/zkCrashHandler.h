@@ -47,7 +47,7 @@ class CrashHandler {
     class Parameters {
       public:
         /// Enabled, with prompt, out of process, dumps in temporaryDirectory(); all else empty.
-        Parameters();
+        Parameters() = default;
 
         /// Whether to arm anything at all.
         void setEnabled(bool enabled) { enabled_ = enabled; }
@@ -65,8 +65,7 @@ class CrashHandler {
         void setReporterName(const std::string& reporterName) { reporterName_ = reporterName; }
         const std::string& reporterName() const { return reporterName_; }
 
-        /// Folder for dumps written in process. Breakpad takes it as it stands, and an empty one
-        /// ends the process by Breakpad's own assertion.
+        /// Folder for dumps written in process. Breakpad asserts that it isn't empty.
         void setDumpPath(const std::string& dumpPath) { dumpPath_ = dumpPath; }
         const std::string& dumpPath() const { return dumpPath_; }
 
@@ -78,7 +77,7 @@ class CrashHandler {
         void setSessionId(const std::string& sessionId) { sessionId_ = sessionId; }
         const std::string& sessionId() const { return sessionId_; }
 
-        /// Base::executablePath: not for two threads at once.
+        /// Not for two threads at once.
         /// @throw std::logic_error if /proc/self/exe can't be resolved
         std::string applicationPath() const;
 
@@ -86,28 +85,19 @@ class CrashHandler {
         void validate() const;
 
       private:
-        void setDefaultMode() { mode_ = Mode::OutOfProcess; }
-
         bool enabled_ = true;
         bool prompt_ = true;
-        Mode mode_;
+        Mode mode_ = Mode::OutOfProcess;
         std::string reporterName_;
-        std::string dumpPath_;
+        std::string dumpPath_ = temporaryDirectory();
         std::string productName_;
         std::string sessionId_;
     };
 
-    /// Arms capture unless the record is disabled. Out of process it forks the reporter with
-    ///     REPORTER SERVER_FD PIPE_FD PROMPT
-    /// where SERVER_FD is the server end of a Breakpad report channel, PIPE_FD takes one byte, 1
-    /// when the reporter serves and any other when it can't, and PROMPT is 0 or 1. Waits at most
-    /// 2,000 ms for that byte, anew after each signal. A reporter that can't be started, says no,
-    /// or says nothing is logged (Zendrik::Log), and capture is in process then. Success does not
-    /// tell which of the two it is.
-    ///
-    /// The reporter stays a child of this process, never waited for and never signalled. Both ends
-    /// of the channel stay open here and in the reporter, and without close-on-exec; descriptors of
-    /// a start that failed stay open, so that a late reporter isn't killed by its own write.
+    /// Arms capture unless the record is disabled. Out of process it starts the reporter, a child
+    /// that is never waited for and never signalled; where that fails, capture is in process, and
+    /// the log says why. Both ends of the channel stay open here and in the reporter; descriptors
+    /// of a start that failed stay open, so that a late reporter isn't killed by its own write.
     /// @throw Exception as validate does; std::bad_alloc
     explicit CrashHandler(const Parameters& parameters);
 

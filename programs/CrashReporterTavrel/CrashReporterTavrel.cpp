@@ -4,18 +4,16 @@
 //
 // SERVER_FD is the server end of Breakpad's report channel, HANDSHAKE_FD the write end of a pipe
 // that gets one byte, 1 when dumps will be served and 0 when they can't, PROMPT "1" to ask the user
-// about each report. After the handshake there are two processes, the Standby, which is this one,
-// and the Guardian.
+// about each report. Then there are two processes, the Standby, which is this one, and the
+// Guardian.
 
+#include <boost/lexical_cast/try_lexical_convert.hpp>
 #include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <charconv>
-#include <cstring>
 #include <optional>
-#include <utility>
+#include <string>
 
 #include "process/DescriptorIo.h"
 #include "process/StandardStreams.h"
@@ -39,26 +37,18 @@ struct Arguments {
     bool prompt;
 };
 
-std::optional<int> numberFrom(const char* text) {
-    const char* end = text + std::strlen(text);
-    int number = -1;
-    const auto [stop, error] = std::from_chars(text, end, number);
-    const bool whole = error == std::errc() && stop == end && number >= 0;
-    return whole ? std::optional<int>(number) : std::nullopt;
-}
-
 std::optional<Arguments> parseArguments(int argc, char** argv) {
     constexpr int count = 4;
-    if (argc != count) {
-        return std::nullopt;
+    int numbers[count] = {};
+    for (int i = 1; i < count; ++i) {
+        if (argc != count || !boost::conversion::try_lexical_convert(argv[i], numbers[i]) ||
+            numbers[i] < 0) {
+            return std::nullopt;
+        }
     }
-    const std::optional<int> serverFd = numberFrom(argv[1]);
-    const std::optional<int> handshakeFd = numberFrom(argv[2]);
-    const std::optional<int> prompt = numberFrom(argv[3]);
-    if (!serverFd || !handshakeFd || !prompt || *prompt > 1) {
-        return std::nullopt;
-    }
-    return Arguments{*serverFd, *handshakeFd, *prompt == 1};
+    const auto [program, serverFd, handshakeFd, prompt] = numbers;
+    return prompt > 1 ? std::nullopt
+                      : std::optional<Arguments>({serverFd, handshakeFd, prompt == 1});
 }
 
 // Keys that a user presses for the launcher reach its whole process group. They must not take the
@@ -113,7 +103,8 @@ int main(int argc, char** argv) {
     settleStandardStreams(*arguments);
     if (const char* wrong = channel.whatIsWrong()) {
         static_cast<void>(answer(handshake, false));
-        announce("no crash reports: descriptor %d %s", arguments->serverFd, wrong);
+        announce("no crash reports: descriptor " + std::to_string(arguments->serverFd) + " " +
+                 wrong);
         return refused;
     }
     // The launcher waits for the answer, so it is there.

@@ -13,6 +13,7 @@
 
 #include "process/DescriptorIo.h"
 #include "process/ProcessEnd.h"
+#include "programs/CrashReporterTavrel/Worker.h"
 #include "programs/CrashReporterTavrel/channel/Announcement.h"
 #include "programs/CrashReporterTavrel/channel/HandledSignals.h"
 
@@ -55,11 +56,10 @@ Guardian::Guardian(const Service& service, pid_t standby)
 Guardian::End Guardian::run() {
     int error = 0;
     std::string refusal;
-    const DumpFolder folder = DumpFolder::openConfigured(&error, &refusal);
+    DumpFolder::openConfigured(&error, &refusal).sweep();
     if (!refusal.empty()) {
-        announce("%s; until then crash reports go to /var/tmp", refusal.c_str());
+        announce(refusal + "; until then crash reports go to /var/tmp");
     }
-    folder.sweep();
     while (!ending_) {
         if (!isBusy() && standby_.hasEnded()) {
             return End::Orphaned;
@@ -144,7 +144,9 @@ void Guardian::serveNextRequest() {
     std::string refusal;
     DumpFolder folder = DumpFolder::openConfigured(&error, &refusal);
     if (error != 0) {
-        refuse(*request, folder.pathOf("") + ": " + strerror(error) + "; " + adviceFor(error));
+        service_.channel.letGo(*request);
+        announceOutcome(request->pid, "", "",
+                        folder.pathOf("") + ": " + strerror(error) + "; " + adviceFor(error));
         return;
     }
     const std::uint64_t startTicks = Plexum3::Base::readProcessLife(request->pid).startTicks;
@@ -177,12 +179,6 @@ bool Guardian::wasServed(pid_t client) {
     }
     served_.push_back(process);
     return false;
-}
-
-// The process is let go before the words.
-void Guardian::refuse(const DumpRequest& request, const std::string& why) const {
-    service_.channel.letGo(request);
-    announceOutcome(request.pid, "", "", why);
 }
 
 void Guardian::startWorker(Worker worker) {

@@ -6,28 +6,32 @@
 #include <utility>
 #include <vector>
 
+#include "process/ProcessEnd.h"
 #include "process/ScopedFd.h"
-#include "programs/CrashReporterTavrel/Service.h"
-#include "programs/CrashReporterTavrel/Worker.h"
+#include "programs/CrashReporterTavrel/channel/ReportChannel.h"
 #include "programs/CrashReporterTavrel/folder/DumpFolder.h"
 
 namespace Zendrik::Reporter {
 
-/// The process that serves the report channel while the launcher runs:
+/// What the launcher has asked for: the same for every process of the reporter, for its whole run.
+struct Service {
+    ReportChannel channel;
+    Plexum3::Base::ProcessEnd launcher;
+    bool prompt;        ///< ask the user about each report
+    NameSeed nameSeed;  ///< a guardian that serves a request anew gives it the name that it had
+};
+
+/// For how long a crashed process is held at most, whatever becomes of those who work on it. Before
+/// that the guardian has given up on the dump, then on the report.
+constexpr std::chrono::milliseconds holdLimit(8000);
+
+/// The process that serves the report channel while the launcher runs. It never looks into a
+/// crashed process or a dump, which may make a process fail: for each crash it forks a worker.
 ///
-///     Guardian guardian(service, standby);
-///     if (guardian.run() == Guardian::End::Orphaned) ...   // the standby has died: take its place
-///
-/// It never looks into a crashed process or a dump, which may make a process fail. For every
-/// process that asks for a dump it forks a worker. None waits beside it between crashes: a fork of
-/// this small process takes less than a millisecond, and what does not exist uses no memory and
-/// can't have died unnoticed.
-///
-/// A worker has one attempt. It writes a report first, so when it dies or hangs later, that stands:
-/// the guardian adds a line to it, lets the process go, and removes what is unfinished. Where there
-/// is none yet, the guardian writes what the request says. While a worker holds a crashed process
-/// it ends with its guardian: then the next guardian serves the request, which is still queued,
-/// and its worker writes files of the same names.
+/// A worker has one attempt. When it dies or hangs, the guardian adds a line to its report, or
+/// writes one of what the request says, lets the process go, and removes what is unfinished. While
+/// a worker holds a crashed process it ends with its guardian: the next guardian serves the
+/// request, which is still queued, and its worker writes files of the same names.
 class Guardian {
   public:
     enum class End {
@@ -39,9 +43,7 @@ class Guardian {
     Guardian(const Service& service, pid_t standby);
 
     /// Serves until the launcher has ended and no process waits any more, or the channel is shut;
-    /// then waits for the workers, so that reports in progress are finished. A worker that asks the
-    /// user isn't waited for. Throws what allocation throws; the standby then starts another
-    /// guardian.
+    /// then waits for the workers, but for those that ask the user.
     End run();
 
   private:
@@ -62,26 +64,9 @@ class Guardian {
         std::string guid;
     };
 
-    /// One turn of the loop. Whatever happens shows as a descriptor that turns readable, or as a
-    /// deadline:
-    ///
-    ///     channel    a request ────────► serveNextRequest ──► fork a worker: Holding
-    ///                shut ─────────────► ending: nothing but the workers is waited for any more
-    ///     launcher   ended ────────────► shut the channel, once no request waits
-    ///     signals    SIGTERM ──────────► shut the channel
-    ///                SIGCHLD ──────────► a stopped worker: SIGCONT
-    ///     worker     "LetGo" ──────────► Reporting ┐
-    ///                "Reported" ───────► Asking    ├ each a byte of its pipe
-    ///                end of file ──────► finish    ┘
-    ///     deadline   of a worker ──────► SIGKILL, which shows as its end of file
-    ///
-    ///     a request:   in the queue ··· taken out by the worker
-    ///     its worker:  Holding ────────► Reporting ──► Asking
-    ///     limits:      5 s from its      120 s         its own
-    ///                  sending
-    ///
-    /// As long as the process isn't let go the channel isn't listened to: the queue has one reader
-    /// at a time, and the request being served is still its first.
+    /// One turn of the loop: a request starts a worker, whose bytes and end of file move it on; its
+    /// deadline kills it. While a process is held the channel isn't listened to: the queue has one
+    /// reader at a time, and the request being served is still its first.
     void waitForEvents();
     int waitMs() const;
     bool isHolding() const;
@@ -89,7 +74,6 @@ class Guardian {
     void serveNextRequest();
     bool wasServed(pid_t client);
     void startWorker(Worker worker);
-    void refuse(const DumpRequest& request, const std::string& why) const;
     void readProgress(Worker& worker);
     void finish(Worker& worker);
     void finishHeld(const Worker& worker, const std::string& end) const;

@@ -13,7 +13,7 @@
 #include <string>
 
 #include "process/ProcFiles.h"
-#include "programs/CrashReporterTavrel/Guardian.h"
+#include "programs/CrashReporterTavrel/Worker.h"
 #include "programs/CrashReporterTavrel/channel/Announcement.h"
 #include "programs/CrashReporterTavrel/channel/HandledSignals.h"
 
@@ -23,7 +23,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// Never returns. One that has lost its standby takes its place.
+// One that has lost its standby takes its place.
 [[noreturn]] void childRunGuardian(const Service& service, pid_t standby) {
     if (Guardian(service, standby).run() == Guardian::End::Served) {
         _exit(EXIT_SUCCESS);
@@ -41,8 +41,8 @@ int Standby::run() {
         if ((!guardian_ || guardian_->hasEnded()) && !startGuardian()) {
             const int error = errno;
             service_.channel.shut();
-            announce("no crash reports: the process that serves them can't be kept running (%s)",
-                     std::strerror(error));
+            announce("no crash reports: the process that serves them can't be kept running (" +
+                     std::string(std::strerror(error)) + ")");
             return 0;
         }
         waitForEvents();
@@ -54,7 +54,7 @@ int Standby::run() {
     return 0;
 }
 
-// False when there can't be one: no process can be forked, or one after the other ends at once.
+// False when no process can be forked, or one guardian after the other ends at once.
 bool Standby::startGuardian() {
     constexpr int endsTolerated = 3;
     constexpr std::chrono::seconds early(1);
@@ -118,8 +118,9 @@ void Standby::mindRequest() {
     if (Clock::now() >= waiting_->deadline) {
         endWorkOn(*first);
         service_.channel.letGo(*first);
-        announce("no dump and no report of process %d: the guardian, process %d, didn't answer",
-                 static_cast<int>(first->pid), static_cast<int>(guardian_->pid()));
+        announceOutcome(
+            first->pid, "", "",
+            "the guardian, process " + std::to_string(guardian_->pid()) + ", didn't answer");
         waiting_.reset();
     }
 }
@@ -127,13 +128,13 @@ void Standby::mindRequest() {
 // A worker that hangs may hold the process's threads as their tracer. A debugger of the user's may,
 // too, and is left alone: workers are children of the guardian.
 void Standby::endWorkOn(const DumpRequest& request) const {
-    const std::string guardian = std::to_string(guardian_->pid());
+    const auto pidBehind = [](const char* name, pid_t pid) {
+        using namespace Plexum3::Base;
+        return std::atoi(statusField(readProcFile(pid, "status"), name).c_str());
+    };
     for (const pid_t tid : Plexum3::Base::listThreads(request.pid)) {
-        const std::string field =
-            Plexum3::Base::statusField(Plexum3::Base::readProcFile(tid, "status"), "TracerPid");
-        const pid_t tracer = std::atoi(field.c_str());
-        if (tracer > 0 && Plexum3::Base::statusField(Plexum3::Base::readProcFile(tracer, "status"),
-                                                     "PPid") == guardian) {
+        const pid_t tracer = pidBehind("TracerPid", tid);
+        if (tracer > 0 && pidBehind("PPid", tracer) == guardian_->pid()) {
             static_cast<void>(kill(tracer, SIGKILL));  // the guardian has not reaped it
         }
     }

@@ -1,5 +1,6 @@
 #include "programs/CrashReporterTavrel/Worker.h"
 
+#include <boost/algorithm/string/join.hpp>
 #include <client/linux/handler/exception_handler.h>
 #include <client/linux/minidump_writer/minidump_writer.h>
 #include <fcntl.h>
@@ -17,6 +18,7 @@
 #include <iterator>
 #include <utility>
 
+#include "process/DescriptorIo.h"
 #include "process/ProcFiles.h"
 #include "programs/CrashReporterTavrel/channel/Announcement.h"
 #include "programs/CrashReporterTavrel/channel/HandledSignals.h"
@@ -47,14 +49,6 @@ struct Evidence {
     Stacks::LiveCapture live;
     bool hasDump = false;
     std::string whyNoDump;  // a clause, if there is none
-
-    std::string note() const {
-        std::string text;
-        for (const std::string& note : live.notes) {
-            text += (text.empty() ? "" : " ") + note;
-        }
-        return text;
-    }
 };
 
 // A process in a PID namespace of its own names its thread by a number that is another's here.
@@ -89,8 +83,7 @@ Stacks::LiveCapture whatIsRequested(const DumpRequest& request) {
 
 void report(const WorkerTask& task, Progress progress) {
     // Fails only when the guardian has gone; the work goes on without it.
-    const ssize_t written = write(task.progressFd, &progress, sizeof progress);
-    static_cast<void>(written);
+    Plexum3::Base::writeRetry(task.progressFd, &progress, sizeof progress, nullptr);
 }
 
 // What writing to the folder runs into: a full or limited file system shows only in the attempt.
@@ -118,7 +111,8 @@ std::string whyRefused(const std::string& refusal) {
 }
 
 CrashFacts factsOf(const Evidence& evidence, const std::string& dump) {
-    return {evidence.process, sessionIdOf(environ), dump, evidence.time, evidence.note()};
+    return {evidence.process, sessionIdOf(environ), dump, evidence.time,
+            boost::algorithm::join(evidence.live.notes, " ")};
 }
 
 // 0, or the errno of the failure.
@@ -200,20 +194,17 @@ int completeReport(const WorkerTask& task, const Evidence& evidence) {
 }
 
 // The launcher's files are not the affair of a process that waits for a user. An old kernel leaves
-// them open.
+// them open, and refuses no empty range.
 void closeAllBut(int one, int other) {
-    unsigned first = STDERR_FILENO + 1;
-    for (const int kept : {std::min(one, other), std::max(one, other)}) {
-        if (static_cast<unsigned>(kept) > first) {
-            static_cast<void>(syscall(SYS_close_range, first, kept - 1, 0));
-        }
-        first = static_cast<unsigned>(kept) + 1;
-    }
-    static_cast<void>(syscall(SYS_close_range, first, ~0U, 0));
+    const auto [low, high] = std::minmax(one, other);
+    static_cast<void>(syscall(SYS_close_range, STDERR_FILENO + 1, low - 1, 0));
+    static_cast<void>(syscall(SYS_close_range, low + 1, high - 1, 0));
+    static_cast<void>(syscall(SYS_close_range, high + 1, ~0U, 0));
 }
 
 void ask(const WorkerTask& task) {
-    static_cast<void>(letGoOfStandardError());  // without it a reader of the output waits longer
+    // A reader of the launcher's output to its end must not wait for a user's answer.
+    static_cast<void>(dup2(ScopedFd(open("/dev/null", O_WRONLY | O_CLOEXEC)).get(), STDERR_FILENO));
     closeAllBut(task.progressFd, task.folder.fd());
     if (askWhetherToKeep(task.folder.pathOf(task.guid + ".txt"), promptSeconds) == Answer::Remove) {
         task.folder.removePair(task.guid);
@@ -248,19 +239,13 @@ std::string reportOf(const DumpRequest& request, const std::string& dump) {
 
 void announceOutcome(pid_t pid, const std::string& dump, const std::string& report,
                      const std::string& why) {
-    const auto number = static_cast<int>(pid);
-    if (dump.empty() && report.empty()) {
-        announce("no dump and no report of process %d: %s", number, why.c_str());
-    } else if (dump.empty()) {
-        announce("process %d has crashed; its report is %s; no dump: %s", number, report.c_str(),
-                 why.c_str());
-    } else if (report.empty()) {
-        announce("process %d has crashed; its dump is %s, its report could not be written: %s",
-                 number, dump.c_str(), why.c_str());
-    } else {
-        announce("process %d has crashed; its dump is %s, its report is %s", number, dump.c_str(),
-                 report.c_str());
-    }
+    const std::string crashed = "process " + std::to_string(pid) + " has crashed; ";
+    announce(dump.empty() && report.empty()
+                 ? "no dump and no report of process " + std::to_string(pid) + ": " + why
+             : dump.empty() ? crashed + "its report is " + report + "; no dump: " + why
+             : report.empty()
+                 ? crashed + "its dump is " + dump + ", its report could not be written: " + why
+                 : crashed + "its dump is " + dump + ", its report is " + report);
 }
 
 void childRunWorker(const WorkerTask& task, pid_t guardian) {
@@ -275,8 +260,8 @@ void childRunWorker(const WorkerTask& task, pid_t guardian) {
         serve(task);
         status = EXIT_SUCCESS;
     } catch (const std::exception& failure) {
-        announce("the report on process %d failed: %s", static_cast<int>(task.request.pid),
-                 failure.what());
+        announce("the report on process " + std::to_string(task.request.pid) +
+                 " failed: " + failure.what());
     }
     _exit(status);
 }

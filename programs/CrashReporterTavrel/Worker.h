@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <string>
 
 #include "programs/CrashReporterTavrel/channel/ReportChannel.h"
@@ -25,22 +23,17 @@ struct WorkerTask {
     int progressFd;              ///< write end, closed by the worker's end
 };
 
-/// The whole life of a worker: holds the crashed process, captures its stacks once, writes the
-/// first report and the dump from that capture, and the line for the user, lets the process go;
-/// then completes the report, and asks whether to keep it. Without a dump the report is written all
-/// the same and says why. Runs in a child that the guardian has forked for it, which dies with its
-/// parent until the crashed process has been let go. What it leaves unfinished is the guardian's to
-/// remove. Never returns: the exit status is 0, or 1 for a failure that was announced.
+/// The whole life of a worker, a child of the guardian that dies with it until the crashed process
+/// has been let go. Holds that, captures its stacks once, writes first report and dump from that,
+/// and the user's line, lets it go; then completes the report, and asks whether to keep it.
+/// The exit status is 0, or 1 for a failure that was announced.
 [[noreturn]] void childRunWorker(const WorkerTask& task, pid_t guardian);
 
-/// What a request alone says, for a worker that died before it could write a report: the first text
-/// of one that has the signal, the crashed thread's registers and `dump`.
+/// What a request alone says, for a worker that died before it could write a report.
 std::string reportOf(const DumpRequest& request, const std::string& dump);
 
 /// One line for the user, whatever came of a crash.
-/// @param dump its path; empty: there is none
-/// @param report its path; empty: there is none
-/// @param why a clause, where one of them is missing
+/// @param dump, report their paths, empty for none; @param why a clause, where one is missing
 void announceOutcome(pid_t pid, const std::string& dump, const std::string& report,
                      const std::string& why);
 

@@ -1,16 +1,12 @@
 #pragma once
 
+#include <string>
+
 namespace Zendrik::Reporter {
 
-/// Writes one line to standard error, which is the launcher's: "CrashReporterTavrel: ", the text
-/// and a line end, in a single write so that lines of several processes don't mix. A text of more
-/// than some 4,000 bytes is cut. Never waits longer than a moment (0.1 s): a line that can't be
-/// written, because the pipe isn't read or the terminal is stopped, is lost.
-[[gnu::format(printf, 1, 2)]] void announce(const char* format, ...);
-
-/// Puts /dev/null on standard error, from where on nothing is announced: a reader of the
-/// launcher's output to its end must not wait for a user's answer. False: it stays, without
-/// /dev/null.
-bool letGoOfStandardError();
+/// Writes "CrashReporterTavrel: " and the text to standard error, which is the launcher's, as one
+/// line in one write. More than some 4,000 bytes are cut. A line that can't be written within 0.1
+/// s, because the pipe isn't read or the terminal is stopped, is lost.
+void announce(const std::string& text);
 
 }  // namespace Zendrik::Reporter

@@ -2,12 +2,11 @@
 
 namespace Zendrik::Reporter {
 
-/// Blocks SIGTERM and SIGCHLD, and nothing else, and makes a signalfd of them, close-on-exec and
-/// non-blocking. The caller owns it; -1 where the kernel is out of descriptors: they stay blocked.
+/// Blocks SIGTERM and SIGCHLD, and nothing else, and makes a signalfd of them, the caller's; -1
+/// where the kernel is out of descriptors.
 int openSignalFd();
 
-/// Restores what a child of such a process expects: SIGCHLD is not blocked any more, and SIGTERM
-/// is, as a report in progress is finished.
+/// For a child of such a process: SIGTERM stays blocked, as a report in progress is finished.
 void blockTerminationOnly();
 
 struct TakenSignals {

@@ -9,21 +9,12 @@
 
 namespace Zendrik::Reporter {
 
-/// Breakpad's view of a crashed process that is held, over what was captured of it:
-///
-///     CrashDumper dumper(crash, capture);
-///     const bool written =
-///         google_breakpad::WriteMinidump(path, {}, dumper.otherMemory(), &dumper);
-///
-/// What differs from Breakpad's own dumper:
-/// - The caller holds the process's threads, and lets them go afterwards.
+/// Breakpad's view of a crashed process that is held, over what was captured of it, for the thread
+/// that holds it. What differs from Breakpad's own dumper:
 /// - A thread's stack is the captured one, whole. Where a stack was overflowed, what lies between
 ///   the stack pointer and the stack is zeros: readers look for a stack where the pointer is.
 /// - The crashed thread is where the signal met it, not in the signal handler.
-/// - Identifiers of modules come from memory and their paths from the process's mappings: no file
-///   is opened, which may be slow, replaced or damaged.
-///
-/// For the thread that holds the process.
+/// - No module's file is opened, which may be slow, replaced or damaged.
 class CrashDumper : public google_breakpad::LinuxPtraceDumper {
   public:
     using CrashContext = google_breakpad::ExceptionHandler::CrashContext;

@@ -4,13 +4,11 @@
 #include <google_breakpad/common/minidump_format.h>
 #include <sys/random.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -19,6 +17,7 @@
 #include <ctime>
 #include <filesystem>
 #include <map>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -68,13 +67,29 @@ std::string withHostName(std::string path) {
     return path;
 }
 
-struct OwnCrash {
-    std::string guid;
-    std::int64_t writtenNs;
-};
+// All in the folder; none if it can't be read.
+std::vector<std::string> namesIn(int folder) {
+    std::vector<std::string> names;
+    std::error_code error;
+    std::filesystem::directory_iterator entry("/proc/self/fd/" + std::to_string(folder), error);
+    for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+        names.push_back(entry->path().filename());
+    }
+    return names;
+}
 
-bool isOwnRegularFile(const struct stat& status) {
-    return S_ISREG(status.st_mode) && status.st_uid == geteuid();
+// A regular file of this user, no link to one.
+bool isOwnFile(int folder, const std::string& name, struct stat* status) {
+    return fstatat(folder, name.c_str(), status, AT_SYMLINK_NOFOLLOW) == 0 &&
+           S_ISREG(status->st_mode) && status->st_uid == geteuid();
+}
+
+bool isGuid(const std::string& text) {
+    constexpr std::string_view form = "xxxxxxxx-xxxx-xxxx-xxxxxxxx-xxxxxxxx";
+    const auto fits = [](char c, char place) {
+        return place == '-' ? c == '-' : (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
+    };
+    return std::equal(text.begin(), text.end(), form.begin(), form.end(), fits);
 }
 
 bool isReport(const std::string& start) {
@@ -95,15 +110,11 @@ bool isMarkedDump(const std::string& start) {
 std::int64_t whenOwnWasWritten(int folder, const std::string& name) {
     struct stat status {};
     // Looked at before it is opened: to open a FIFO or a device is an act of its own.
-    if (fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
-        !isOwnRegularFile(status)) {
+    if (!isOwnFile(folder, name, &status)) {
         return 0;
     }
     const ScopedFd file(
         openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (!file.isOpen() || fstat(file.get(), &status) != 0 || !isOwnRegularFile(status)) {
-        return 0;
-    }
     std::string start(64, '\0');
     start.resize(static_cast<std::size_t>(
         std::max<ssize_t>(read(file.get(), start.data(), start.size()), 0)));
@@ -113,44 +124,32 @@ std::int64_t whenOwnWasWritten(int folder, const std::string& name) {
                : 0;
 }
 
-// Calls `visit` with each name in an open folder; with none if it can't be read.
-template <typename Visit>
-void forEachName(int folderFd, Visit visit) {
-    std::error_code error;
-    std::filesystem::directory_iterator entry("/proc/self/fd/" + std::to_string(folderFd), error);
-    for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
-        visit(entry->path().filename().string());
-    }
-}
+// When it was last written to, in nanoseconds, and its GUID.
+using OwnCrash = std::pair<std::int64_t, std::string>;
 
 // The oldest first.
 std::vector<OwnCrash> findOwnCrashes(int folder) {
     std::map<std::string, std::int64_t> written;
-    forEachName(folder, [&](const std::string& name) {
-        const std::size_t dot = std::min(name.rfind('.'), name.size());
-        const std::string guid = name.substr(0, dot);
-        const std::string ending = name.substr(dot);
-        if (!isGuid(guid) || (ending != ".txt" && ending != ".dmp")) {
-            return;
+    for (const std::string& name : namesIn(folder)) {
+        const std::string guid = name.substr(0, guidLength);
+        if (!isGuid(guid) || (name != guid + ".txt" && name != guid + ".dmp")) {
+            continue;
         }
         if (const std::int64_t when = whenOwnWasWritten(folder, name); when != 0) {
             written[guid] = std::max(written[guid], when);
         }
-    });
-    std::vector<OwnCrash> crashes;
-    crashes.reserve(written.size());
-    for (const auto& [guid, when] : written) {
-        crashes.push_back({guid, when});
     }
-    std::sort(crashes.begin(), crashes.end(), [](const OwnCrash& left, const OwnCrash& right) {
-        return left.writtenNs < right.writtenNs;
-    });
+    std::vector<OwnCrash> crashes;
+    for (const auto& [guid, when] : written) {
+        crashes.emplace_back(when, guid);
+    }
+    std::sort(crashes.begin(), crashes.end());
     return crashes;
 }
 
 bool cameAtOnce(const OwnCrash& one, const OwnCrash& next) {
     constexpr std::int64_t atOnceNs = 10'000'000'000;
-    return next.writtenNs - one.writtenNs <= atOnceNs;
+    return next.first - one.first <= atOnceNs;
 }
 
 }  // namespace
@@ -168,15 +167,6 @@ std::string guidOf(const NameSeed& seed, pid_t pid, std::uint64_t startTicks) {
                                     seed[2] ^ static_cast<std::uint32_t>(pid),
                                     seed[3] ^ static_cast<std::uint32_t>(startTicks)));
     return guid;
-}
-
-bool isGuid(const std::string& text) {
-    const std::string form = "xxxxxxxx-xxxx-xxxx-xxxxxxxx-xxxxxxxx";
-    return std::equal(text.begin(), text.end(), form.begin(), form.end(), [](char c, char place) {
-        return place == '-'
-                   ? c == '-'
-                   : std::isdigit(static_cast<unsigned char>(c)) != 0 || (c >= 'a' && c <= 'f');
-    });
 }
 
 std::string adviceFor(int error) {
@@ -244,33 +234,20 @@ std::string DumpFolder::unfinishedPath(const std::string& name) const {
 }
 
 int DumpFolder::publish(const std::string& name) const {
-    constexpr unsigned noReplace = 1;  // RENAME_NOREPLACE
-    const std::string from = unfinished(name);
-    if (syscall(SYS_renameat2, fd_.get(), from.c_str(), fd_.get(), name.c_str(), noReplace) == 0) {
-        return 0;
-    }
-    if (errno != EINVAL && errno != ENOSYS) {
-        return errno;
-    }
-    // A file system that can't promise it: a second name does not replace either.
-    if (linkat(fd_.get(), from.c_str(), fd_.get(), name.c_str(), 0) != 0) {
-        return errno;
-    }
-    static_cast<void>(unlinkat(fd_.get(), from.c_str(), 0));  // the sweep takes what stays
-    return 0;
+    return renameat(fd_.get(), unfinished(name).c_str(), fd_.get(), name.c_str()) == 0 ? 0 : errno;
 }
 
 int DumpFolder::writeText(const std::string& name, std::string_view text) const {
-    const std::string from = unfinished(name);
-    const ScopedFd file(openat(fd_.get(), from.c_str(),
+    const ScopedFd file(openat(fd_.get(), unfinished(name).c_str(),
                                O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
                                S_IRUSR | S_IWUSR));
-    int error = file.isOpen() ? writeAll(file.get(), text) : errno;
-    if (error == 0 && renameat(fd_.get(), from.c_str(), fd_.get(), name.c_str()) != 0) {
-        error = errno;
+    if (!file.isOpen()) {
+        return errno;
     }
-    if (error != 0 && file.isOpen()) {
-        static_cast<void>(unlinkat(fd_.get(), from.c_str(), 0));  // the sweep takes what stays
+    const int unwritten = writeAll(file.get(), text);
+    const int error = unwritten != 0 ? unwritten : publish(name);
+    if (error != 0) {
+        remove(unfinished(name));
     }
     return error;
 }
@@ -286,7 +263,7 @@ bool DumpFolder::holds(const std::string& name) const {
 }
 
 void DumpFolder::remove(const std::string& name) const {
-    static_cast<void>(unlinkat(fd_.get(), name.c_str(), 0));  // it may be gone
+    static_cast<void>(unlinkat(fd_.get(), name.c_str(), 0));  // another may have been quicker
 }
 
 void DumpFolder::removeUnfinished(const std::string& guid) const {
@@ -297,16 +274,15 @@ void DumpFolder::removeUnfinished(const std::string& guid) const {
 
 void DumpFolder::sweep() const {
     constexpr time_t hour = 3600;  // no worker lives as long before its files have their names
-    forEachName(fd_.get(), [this](const std::string& name) {
+    for (const std::string& name : namesIn(fd_.get())) {
         const std::string guid = name.substr(std::min<std::size_t>(name.size(), 1), guidLength);
         struct stat status {};
         if (isGuid(guid) &&
             (name == unfinished(guid + ".dmp") || name == unfinished(guid + ".txt")) &&
-            fstatat(fd_.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-            isOwnRegularFile(status) && std::time(nullptr) - status.st_mtime > hour) {
-            static_cast<void>(unlinkat(fd_.get(), name.c_str(), 0));  // another may be quicker
+            isOwnFile(fd_.get(), name, &status) && std::time(nullptr) - status.st_mtime > hour) {
+            remove(name);
         }
-    });
+    }
 }
 
 std::string DumpFolder::pathOf(const std::string& name) const {
@@ -318,7 +294,7 @@ void DumpFolder::removeOldest(std::size_t keep) const {
     while (crashes.size() > keep) {
         const bool firstOfMany = crashes.size() > 1 && cameAtOnce(crashes[0], crashes[1]);
         const auto victim = crashes.begin() + (firstOfMany ? 1 : 0);
-        removePair(victim->guid);
+        removePair(victim->second);
         crashes.erase(victim);
     }
 }
@@ -326,11 +302,8 @@ void DumpFolder::removeOldest(std::size_t keep) const {
 void DumpFolder::removePair(const std::string& guid) const {
     for (const char* ending : {".dmp", ".txt"}) {
         struct stat status {};
-        const std::string name = guid + ending;
-        if (fstatat(fd_.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-            isOwnRegularFile(status)) {
-            static_cast<void>(
-                unlinkat(fd_.get(), name.c_str(), 0));  // another process may have been quicker
+        if (isOwnFile(fd_.get(), guid + ending, &status)) {
+            remove(guid + ending);
         }
     }
 }

@@ -14,11 +14,9 @@ namespace Zendrik::Reporter {
 /// First line of every report, by which the product knows its own files again.
 inline constexpr char reportHeading[] = "Tavrel crash report";
 
-/// The folder that dumps and reports go to. It is opened once, then used by descriptor, so that
-/// nothing that is renamed or linked in its place afterwards can lead elsewhere.
-///
-/// What belongs to one crash has one name, a GUID: the dump "GUID.dmp" and the report "GUID.txt". A
-/// file has its name once it is whole; until then it is ".GUID.dmp.new" or ".GUID.txt.new".
+/// The folder that dumps and reports go to, used by descriptor, so that nothing that is renamed or
+/// linked in its place can lead elsewhere. What belongs to one crash has one name: the dump
+/// "GUID.dmp" and the report "GUID.txt", until they are whole ".GUID.dmp.new" and ".GUID.txt.new".
 class DumpFolder {
   public:
     /// Opens `path`, which must be an existing folder that can be written, and not a symbolic link.
@@ -30,37 +28,32 @@ class DumpFolder {
 
     /// A path for code that opens the unfinished file by itself; valid in this process.
     std::string unfinishedPath(const std::string& name) const;
-    /// Gives an unfinished file its name. Never replaces a file there.
-    /// @return 0, or the errno of the failure
+    // These return 0, or the errno of the failure, after which what was there is there.
+    /// Gives an unfinished file its name.
     int publish(const std::string& name) const;
     /// Writes a file whole (mode 0600), which replaces one of this name.
-    /// @return 0, or the errno of the failure, after which what was there is there
     int writeText(const std::string& name, std::string_view text) const;
-    /// @return 0, or the errno of the failure: ENOENT for a file that isn't there
+    /// ENOENT for a file that isn't there.
     int appendText(const std::string& name, std::string_view text) const;
     bool holds(const std::string& name) const;
     void remove(const std::string& name) const;
     /// Removes what a worker has left unfinished of a crash.
     void removeUnfinished(const std::string& guid) const;
-    /// Removes what killed processes of the reporter, of this user, left unfinished more than an
-    /// hour ago. Nothing, if there is no folder.
+    /// Removes what killed processes of this user left unfinished more than an hour ago.
     void sweep() const;
 
     /// The path of a file in the folder, for people.
     std::string pathOf(const std::string& name) const;
 
-    /// Removes crashes of this product and this user until `keep` are left: the oldest first. But
-    /// of crashes that came at once, each within ten seconds of the one before, the first is
-    /// probably the cause of the others, and goes after them.
-    ///
-    /// A crash counts by its report (a regular file of this user, named by a GUID, that begins with
-    /// reportHeading) or by a dump that markDump has marked. Everything else stays.
+    /// Removes crashes of this product and user until `keep` are left: the oldest first. But of
+    /// crashes that came within ten seconds the first is probably the cause, and goes last.
+    /// A crash counts by its report, or by a dump that markDump has marked. All else stays.
     void removeOldest(std::size_t keep) const;
 
-    /// Removes the report and the dump with this GUID.
+    /// Removes the report and the dump.
     void removePair(const std::string& guid) const;
 
-    /// The open folder; -1 if it could not be opened.
+    /// -1 if it could not be opened.
     int fd() const { return fd_.get(); }
 
   private:
@@ -72,18 +65,16 @@ class DumpFolder {
 using NameSeed = std::array<std::uint32_t, 4>;
 NameSeed newNameSeed();
 
-/// The name of this process's crash: "%08x-%04x-%04x-%08x-%08x", as Breakpad names its dumps. The
-/// same process always has the same one, so a second attempt on its crash replaces the first.
+/// The name of this process's crash, of the form of Breakpad's. The same process always has the
+/// same one, so a second attempt on its crash replaces the first.
 /// @param startTicks as ProcessLife has them, 0 when unknown
 std::string guidOf(const NameSeed& seed, pid_t pid, std::uint64_t startTicks);
-bool isGuid(const std::string& text);
 
-/// What the user can do about a folder or file that failed with this errno: words to follow a
-/// semicolon.
+/// What the user can do about a folder or file that failed with this errno.
 std::string adviceFor(int error);
 
-/// Writes into the header of an open dump that it is this product's: the upper half of the version,
-/// which the format leaves to the writers of dumps. Other products name their dumps alike.
+/// Marks an open dump as this product's, in the upper half of the version, which the format leaves
+/// to the writers of dumps. Other products name theirs alike.
 void markDump(int dump);
 
 }  // namespace Zendrik::Reporter

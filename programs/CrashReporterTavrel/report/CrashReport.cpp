@@ -6,15 +6,14 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <string_view>
+#include <sstream>
 
 #include "base/PrintableText.h"
-#include "process/DescriptorIo.h"
+#include "process/ProcFiles.h"
 #include "programs/CrashReporterTavrel/folder/DumpFolder.h"
 #include "stacks/StackText.h"
 #include "stacks/record/Registers.h"
@@ -65,8 +64,7 @@ std::string processText(const ProcessSnapshot& process) {
 
 std::string systemText() {
     utsname system{};
-    constexpr std::size_t limit = 65536;
-    const std::string memory = readText(AT_FDCWD, "/proc/meminfo", limit);
+    const std::string memory = Plexum3::Base::readProcFile(0, "meminfo");
     static_cast<void>(uname(&system));  // fails only for a bad address
     return formatted("System:      %s %s, %ld processors, ", system.sysname, system.release,
                      sysconf(_SC_NPROCESSORS_ONLN)) +
@@ -128,27 +126,27 @@ std::string modulesText(const Stacks::StackCapture& capture) {
 // The stack log that the launcher's Python hook leaves in the working directory, when it is there,
 // no link, and written since the process started; else empty.
 std::string readPythonStackLog(const ProcessSnapshot& process) {
+    constexpr int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    constexpr std::int64_t nsPerSecond = 1000000000;
+    constexpr std::size_t limit = std::size_t{256} * 1024;
     struct stat status {};
     const int folder = process.workingDirectory.get();
-    if (folder < 0 || fstatat(folder, pythonStackLog, &status, AT_SYMLINK_NOFOLLOW) != 0 ||
-        !S_ISREG(status.st_mode)) {
+    const Plexum3::Base::ScopedFd file(folder < 0 ? -1 : openat(folder, pythonStackLog, flags));
+    if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
+        status.st_mtim.tv_sec * nsPerSecond + status.st_mtim.tv_nsec < process.startedNs) {
         return {};
     }
-    constexpr std::int64_t nsPerSecond = 1000000000;
-    if (status.st_mtim.tv_sec * nsPerSecond + status.st_mtim.tv_nsec < process.startedNs) {
-        return {};
-    }
-    constexpr std::size_t limit = std::size_t{256} * 1024;
-    return readText(folder, pythonStackLog, limit, O_NOFOLLOW | O_NONBLOCK);
+    std::string text(limit, '\0');
+    text.resize(
+        static_cast<std::size_t>(std::max<ssize_t>(pread(file.get(), text.data(), limit, 0), 0)));
+    return text;
 }
 
 std::string pythonStackLogText(const ProcessSnapshot& process) {
-    const std::string log = readPythonStackLog(process);
+    std::istringstream log(readPythonStackLog(process));
     std::string text;
-    for (std::size_t begin = 0; begin < log.size();) {
-        const std::size_t end = std::min(log.find('\n', begin), log.size());
-        text += printableText(std::string_view(log).substr(begin, end - begin)) + "\n";
-        begin = end + 1;
+    for (std::string line; std::getline(log, line);) {
+        text += printableText(line) + "\n";
     }
     return text.empty() ? text
                         : std::string("\n") + pythonStackLog +

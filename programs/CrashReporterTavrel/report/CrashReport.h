@@ -1,11 +1,8 @@
 #pragma once
 
-// The report on a crash, from what was taken while the crashed process was held.
-//
-// There are two texts. The first has what is known at once: the facts, the signal, Python's stacks,
-// the registers, the files. It gets its name before anything else is tried, so that whatever
-// becomes of this process, a report is there. Then the native frames are looked for, which takes
-// its time and may go wrong, and the whole report takes its place.
+// The report on a crash, from what was taken while the crashed process was held. The first text has
+// what is known at once, and gets its name before anything else is tried. Then the native frames
+// are looked for, which takes its time and may go wrong, and the whole text takes its place.
 
 #include <ctime>
 #include <string>
@@ -32,6 +29,12 @@ std::string firstText(const CrashFacts& facts, const Stacks::StackCapture& captu
 
 std::string wholeText(const CrashFacts& facts, const Stacks::StackCapture& capture,
                       const Stacks::PythonStacks& python, const Stacks::NativeStacks& native);
+
+/// The signal that a process crashed by, in one line: "SIGSEGV (SEGV_MAPERR) at 0x10". One that a
+/// process has sent says so. The processor reports no address for an access to one that can't be:
+/// the registers that hold such a value are named instead.
+/// @param capture its `pid` is the crashed process's
+std::string signalText(const Stacks::StackCapture& capture);
 
 /// The session identifier that the launcher handed over: it appends ZK_SESSION_ID to the
 /// environment without merging, so the last entry of that name is the launcher's.

@@ -10,11 +10,9 @@ enum class Answer { Keep, Remove };
 bool hasDisplay();
 
 /// Asks in a window whether to keep the report, with the first of zenity, kdialog, yad and xmessage
-/// that stands in an absolute folder of PATH. Everything but a click on the button that removes
-/// means Keep: a closed window, no such program, its failure, `limitSeconds` over.
-/// Runs one child at a time and has reaped it on return; the child gets no descriptor but
-/// /dev/null on 0 to 2.
-/// @throw boost::system::system_error, std::bad_alloc when no child can be made ready
+/// in an absolute folder of PATH. Everything but a click on the button that removes means Keep: a
+/// closed window, no such program, its failure, `limitSeconds` over.
+/// @throw boost::system::system_error when no child can be made ready
 Answer askWhetherToKeep(const std::string& reportPath, int limitSeconds);
 
 }  // namespace Zendrik::Reporter
