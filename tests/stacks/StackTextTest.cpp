@@ -17,16 +17,21 @@ using testing::HasSubstr;
 constexpr std::uint64_t threadPointer = 0x1000;
 
 // Frames of these functions, innermost first. A name with ':' in front is in a module of its own.
-ThreadFrames nativeFrames(const std::string& functions, bool whole) {
+// "..." ends a list that is not whole.
+ThreadFrames nativeFrames(const std::string& functions) {
     ThreadFrames thread;
+    thread.whole = true;
     std::istringstream names(functions);
     for (std::string name; names >> name;) {
+        if (name == "...") {
+            thread.whole = false;
+            break;
+        }
         NativeFrame& frame = thread.frames.emplace_back();
         const bool other = name.front() == ':';
         frame.module = other ? "/usr/lib/plug.so" : "/opt/libpython3.7m.so.1.0";
         frame.function = name == "E" ? "_PyEval_EvalFrameDefault" : name.substr(other ? 1 : 0);
     }
-    thread.whole = whole;
     return thread;
 }
 
@@ -47,60 +52,47 @@ std::string brief(const std::string& text) {
 }
 
 TEST(StackText, PythonTakesThePlaceOfTheInterpretersFramesWhereTheyAddUp) {
-    const struct {
-        const char* native;
-        bool whole;
-        std::vector<const char*> python;
-        const char* cutShort;
-        const char* text;
-    } cases[] = {
+    // Native functions ("..." behind a list that ends early), Python's, what people read.
+    constexpr const char* cases[][3] = {
         {":strlen :call call_function E function_code_fastcall call_function E PyEval_EvalCode "
          ":main",
-         true,
-         {"a", "b"},
-         "",
-         "strlen call a b main"},
+         "a b", "strlen call a b main"},
         // What Python has called, and what has called Python, is no machinery.
-        {":read time_sleep _PyCFunction_FastCallKeywords call_function E "
-         "_PyFunction_FastCallDict list_sort E",
-         true,
-         {"a", "b"},
-         "",
-         "read time_sleep a list_sort b"},
+        {":read time_sleep _PyCFunction_FastCallKeywords call_function E _PyFunction_FastCallDict "
+         "list_sort E",
+         "a b", "read time_sleep a list_sort b"},
         // Where the thread stands is always shown.
-        {"call_function E", true, {"a"}, "", "call_function a"},
-        {"E E :main", true, {"a", "b"}, "", "_PyEval_EvalFrameDefault a b main"},
+        {"call_function E", "a", "call_function a"},
+        {"E E :main", "a b", "_PyEval_EvalFrameDefault a b main"},
         // A function that is about to enter the list.
-        {"E E :main", true, {"b"}, "", "_PyEval_EvalFrameDefault b main"},
+        {"E E :main", "b", "_PyEval_EvalFrameDefault b main"},
         // One too many, one too few.
-        {":f E E :main",
-         true,
-         {"a"},
-         "",
-         "f _PyEval_EvalFrameDefault _PyEval_EvalFrameDefault main Python: a"},
-        {":f E :main", true, {"a", "b"}, "", "f _PyEval_EvalFrameDefault main Python: a b"},
+        {":f E E :main", "a", "f _PyEval_EvalFrameDefault _PyEval_EvalFrameDefault main Python: a"},
+        {":f E :main", "a b", "f _PyEval_EvalFrameDefault main Python: a b"},
         // A list that ends early, at its outer end.
-        {":f E E", false, {"a", "b", "c"}, "", "f a b c"},
-        {"E E",
-         false,
-         {"a", "b", "c"},
-         "",
-         "_PyEval_EvalFrameDefault _PyEval_EvalFrameDefault Python: a b c"},
-        {":f E E :main", true, {"a"}, "it ends", "f a _PyEval_EvalFrameDefault main ends)"},
-        {":f", true, {}, "", "f"},
+        {":f E E ...", "a b c", "f a b c"},
+        {"E E ...", "a b c", "_PyEval_EvalFrameDefault _PyEval_EvalFrameDefault Python: a b c"},
+        {":f E E :main", "a ...", "f a _PyEval_EvalFrameDefault main (...)"},
+        {":f", "", "f"},
     };
-    for (const auto& test : cases) {
-        SCOPED_TRACE(test.native);
+    for (const auto& [nativeNames, pythonNames, wanted] : cases) {
+        SCOPED_TRACE(nativeNames);
         StackCapture capture;
         capture.threads.push_back({7, "", {}, threadPointer});
         PythonStacks python;
-        python.threads = {{threadPointer, false, {}, test.cutShort}};
-        for (const char* function : test.python) {
-            python.threads[0].frames.push_back({"f.py", function, 1});
+        PythonThread& thread = python.threads.emplace_back();
+        thread.threadPointer = threadPointer;
+        std::istringstream names(pythonNames);
+        for (std::string name; names >> name;) {
+            if (name == "...") {
+                thread.cutShort = name;
+            } else {
+                thread.frames.push_back({"f.py", name, 1});
+            }
         }
-        const NativeStacks native{{nativeFrames(test.native, test.whole)}, {}};
+        const NativeStacks native{{nativeFrames(nativeNames)}, {}};
         const std::string text = StackText{capture, python, native}.write();
-        EXPECT_EQ(brief(text.substr(text.find("  #"))), test.text);
+        EXPECT_EQ(brief(text.substr(text.find("  #"))), wanted);
         const std::string all = StackText{capture, python, native, true}.write();
         for (const NativeFrame& frame : native.threads[0].frames) {
             EXPECT_THAT(all, HasSubstr(frame.function));
@@ -132,12 +124,12 @@ TEST(StackText, HeadingsTellWhatAThreadDoesToTheInterpreter) {
     capture.crashedTid = 9;
     PythonStacks python;
     python.threads = {{3, true, {}, ""}, {1, false, {}, ""}, {5, false, {{"g.py", "gone", 2}}, ""}};
-    const NativeStacks native{{nativeFrames(":futex take_gil PyEval_RestoreThread E", true),
-                               nativeFrames(":futex PyThread_acquire_lock take_gil", true),
-                               nativeFrames("free collect.constprop.0 _PyObject_GC_Alloc E", true),
-                               nativeFrames("drop_gil PyEval_SaveThread acquire_timed E", true),
-                               nativeFrames("drop_gil E", true)},
-                              {"libx.so is damaged."}};
+    const NativeStacks native{
+        {nativeFrames(":futex take_gil PyEval_RestoreThread E"),
+         nativeFrames(":futex PyThread_acquire_lock take_gil"),
+         nativeFrames("free collect.constprop.0 _PyObject_GC_Alloc E"),
+         nativeFrames("drop_gil PyEval_SaveThread acquire_timed E"), nativeFrames("drop_gil E")},
+        {"libx.so is damaged."}};
     const std::string text = StackText{capture, python, native}.write();
     EXPECT_THAT(text,
                 testing::StartsWith(
