@@ -16,6 +16,7 @@ namespace Plexum3::Base {
 namespace {
 
 constexpr int intervalMs = 250;
+constexpr long nsPerMs = 1'000'000;
 
 }  // namespace
 
@@ -77,7 +78,7 @@ bool ProcessEnd::hasEnded() const {
 }
 
 void ProcessEnd::await() const {
-    const timespec interval = {0, intervalMs * 1'000'000};
+    const timespec interval = {0, intervalMs * nsPerMs};
     while (!hasEnded()) {
         pollfd end = {pidFd_.get(), POLLIN, 0};
         if (poll(&end, 1, pollIntervalMs()) == -1 && errno != EINTR) {
