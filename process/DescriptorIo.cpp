@@ -113,6 +113,19 @@ ssize_t sendRetry(int fd, const void* buffer, std::size_t length, int flags,
     return transfer(errorCode, [=] { return send(fd, buffer, length, flags); });
 }
 
+bool writeAll(int fd, std::string_view bytes, boost::system::error_code* errorCode) {
+    clearError(errorCode);
+    while (!bytes.empty()) {
+        const ssize_t written = writeRetry(fd, bytes.data(), bytes.size(), errorCode);
+        if (written <= 0) {
+            storeError(errorCode, written == 0 ? EIO : errno, boost::system::system_category());
+            return false;
+        }
+        bytes.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return true;
+}
+
 int pollAny(const int* fds, int count, int timeoutMs, boost::system::error_code* errorCode) {
     clearError(errorCode);
     if (count < 0) {

@@ -26,6 +26,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <string_view>
 
 #include "process/ScopedFd.h"
 
@@ -59,6 +60,10 @@ ssize_t recvRetry(int fd, void* buffer, std::size_t length, int flags,
                   boost::system::error_code* errorCode);
 ssize_t sendRetry(int fd, const void* buffer, std::size_t length, int flags,
                   boost::system::error_code* errorCode);
+
+/// Writes all of `bytes`. False with errno, in the system category, in *errorCode, which may be
+/// null; EIO if a write takes nothing.
+bool writeAll(int fd, std::string_view bytes, boost::system::error_code* errorCode = nullptr);
 
 /// Waits until one of the `count` descriptors at `fds` is readable, at its end, in error or not
 /// open at all, and returns it. Which one, when several are, is drawn by lot with rand(), so that

@@ -15,7 +15,7 @@ namespace Plexum3::Base {
 
 std::string readToEnd(int fd, boost::system::error_code* errorCode) {
     std::string text;
-    std::array<char, 4096> chunk;
+    std::array<char, 16384> chunk;
     ssize_t got = 0;
     while ((got = readRetry(fd, chunk.data(), chunk.size(), errorCode)) > 0) {
         text.append(chunk.data(), static_cast<std::size_t>(got));

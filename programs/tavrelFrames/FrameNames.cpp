@@ -1,6 +1,6 @@
 #include "programs/tavrelFrames/FrameNames.h"
 
-#include <cxxabi.h>
+#include <boost/core/demangle.hpp>
 #include <dwarf.h>
 
 #include <cstdlib>
@@ -20,11 +20,7 @@ struct Free {
 
 std::string demangled(const std::string& symbol) {
     // "@VERSION" is no part of the name.
-    const std::string name = symbol.substr(0, symbol.find('@'));
-    int status = 0;
-    const std::unique_ptr<char, Free> text(
-        abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status));
-    return text ? text.get() : name;
+    return boost::core::demangle(symbol.substr(0, symbol.find('@')).c_str());
 }
 
 std::string nameOf(Dwarf_Die* die) {

@@ -1,11 +1,13 @@
 #include "programs/tavrelFrames/ModuleFiles.h"
 
+#include <boost/algorithm/hex.hpp>
 #include <elfutils/libdwelf.h>
 #include <fcntl.h>
 #include <sys/auxv.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -45,15 +47,11 @@ std::string buildIdOf(int fd) {
     Elf* const elf = elf_begin(fd, ELF_C_READ_MMAP, nullptr);
     const void* bits = nullptr;
     const ssize_t size = elf == nullptr ? 0 : dwelf_elf_gnu_build_id(elf, &bits);
-    std::string id;
-    for (ssize_t i = 0; i < size; ++i) {
-        constexpr char digits[] = "0123456789abcdef";
-        const unsigned char byte = static_cast<const unsigned char*>(bits)[i];
-        id += digits[byte / 16];
-        id += digits[byte % 16];
-    }
+    const std::string id(static_cast<const char*>(bits),
+                         static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+    std::string digits = boost::algorithm::hex_lower(id);
     static_cast<void>(elf_end(elf));  // what is left is the library's
-    return id;
+    return digits;
 }
 
 // "" or why the open file is not the one that was mapped.
@@ -73,14 +71,8 @@ const char* objection(int fd, const MappedFile& file, bool deleted) {
 }  // namespace
 
 void say(const std::string& line) {
-    std::string_view rest = line;
-    while (!rest.empty()) {
-        const ssize_t written =
-            Plexum3::Base::writeRetry(STDOUT_FILENO, rest.data(), rest.size(), nullptr);
-        if (written <= 0) {
-            _exit(EXIT_FAILURE);
-        }
-        rest.remove_prefix(static_cast<std::size_t>(written));
+    if (!Plexum3::Base::writeAll(STDOUT_FILENO, line)) {
+        _exit(EXIT_FAILURE);
     }
 }
 

@@ -21,7 +21,7 @@
 #include <set>
 #include <string>
 
-#include "process/DescriptorIo.h"
+#include "process/ProcFiles.h"
 #include "programs/tavrelFrames/CallFrames.h"
 #include "programs/tavrelFrames/FrameNames.h"
 #include "stacks/native/FrameLines.h"
@@ -54,16 +54,6 @@ void bound() {
     static_cast<void>(unsetenv("DEBUGINFOD_URLS"));       // nothing is fetched for a report
 }
 
-std::string readStandardInput() {
-    std::string bytes;
-    char piece[65536];
-    ssize_t got = 0;
-    while ((got = Plexum3::Base::readRetry(STDIN_FILENO, piece, sizeof piece, nullptr)) > 0) {
-        bytes.append(piece, static_cast<std::size_t>(got));
-    }
-    return bytes;
-}
-
 std::set<std::size_t> filesLeftOut(int argc, char** argv) {
     std::set<std::size_t> files;
     for (int i = 1; i < argc; ++i) {
@@ -92,7 +82,8 @@ void tellThread(const Stacks::CapturedThread& thread, Frames::CallFrames& frames
 
 int main(int argc, char** argv) {
     bound();
-    const std::optional<Stacks::StackCapture> capture = Stacks::parse(readStandardInput());
+    const std::optional<Stacks::StackCapture> capture =
+        Stacks::parse(Plexum3::Base::readToEnd(STDIN_FILENO));
     if (!capture) {
         static_cast<void>(
             std::fputs("tavrelFrames: no capture on standard input; the crash reporter "

@@ -2,13 +2,11 @@
 // libraries and, with LD_BIND_NOW and LD_WARN, looks for every symbol, but runs none of their code.
 
 #include <boost/algorithm/string.hpp>
-#include <cxxabi.h>
+#include <boost/core/demangle.hpp>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <map>
-#include <memory>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -31,14 +29,8 @@ struct Trace {
 };
 
 std::string demangled(const std::string& symbol) {
-    int status = 0;
-    const std::unique_ptr<char, decltype(&std::free)> name(
-        abi::__cxa_demangle(symbol.c_str(), nullptr, nullptr, &status), &std::free);
-    if (status != 0) {
-        return symbol;
-    }
-    return boost::replace_all_copy<std::string>(
-        name.get(),
+    return boost::replace_all_copy(
+        boost::core::demangle(symbol.c_str()),
         "std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> >",
         "std::string");
 }

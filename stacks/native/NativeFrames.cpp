@@ -46,16 +46,9 @@ struct Attempt {
 // the program are read.
 ScopedFd captureFile(const std::string& bytes) {
     ScopedFd file(memfd_create("capture", MFD_CLOEXEC));
-    std::size_t done = 0;
-    while (file.get() >= 0 && done < bytes.size()) {
-        const ssize_t written = Plexum3::Base::writeRetry(file.get(), bytes.data() + done,
-                                                          bytes.size() - done, nullptr);
-        if (written <= 0) {
-            return ScopedFd();
-        }
-        done += static_cast<std::size_t>(written);
-    }
-    return file.get() >= 0 && lseek(file.get(), 0, SEEK_SET) == 0 ? std::move(file) : ScopedFd();
+    const bool isWhole = file.isOpen() && Plexum3::Base::writeAll(file.get(), bytes) &&
+                         lseek(file.get(), 0, SEEK_SET) == 0;
+    return isWhole ? std::move(file) : ScopedFd();
 }
 
 int millisecondsUntil(Clock::time_point deadline) {
