@@ -1,7 +1,7 @@
 """Writes what the entry script needs as C++ data: entryScriptNeeds.py SOURCE OUTPUT.
 
-One line for each module that it imports: name, the function that imports it ("" for the script itself),
-"library" for one of the standard library, then what the script uses of the module, dotted.
+Of each module that it imports: name, the function that imports it ("" for the script itself), whether it
+is of the standard library, and what the script uses of it, dotted.
 """
 
 import ast
@@ -84,10 +84,10 @@ with open(output_path, "w") as output:
     output.write('#include "programs/tavrelInfo/Modules.h"\n\n')
     output.write("const std::uint32_t Info::byteCodeMagic = %d;\n"
                  % int.from_bytes(importlib.util.MAGIC_NUMBER, "little"))
-    output.write("const char Info::entryScriptNeeds[] =")
+    output.write("const std::vector<Info::NeededModule> Info::neededModules = {\n")
     for module, (function, names) in sorted(needs.modules.items()):
         library = in_library(module)
-        fields = (library, function, "library", "") if library else (
-            module, function, "application", " ".join(sorted(names)))
-        output.write('\n    "%s\\n"' % "\\t".join(fields))
-    output.write(";\n")
+        uses = "" if library else ", ".join('"%s"' % name for name in sorted(names))
+        output.write('    {"%s", "%s", %s, {%s}},\n'
+                     % (library or module, function, "true" if library else "false", uses))
+    output.write("};\n")

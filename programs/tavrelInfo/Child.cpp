@@ -5,9 +5,9 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iostream>
 #include <system_error>
 
 #include "base/ExecPointers.h"
@@ -20,8 +20,6 @@ namespace {
 
 using Plexum3::Base::ScopedFd;
 
-constexpr int notExecuted = 127;
-
 [[noreturn]] void runAsChild(const std::function<int()>& work, int output, unsigned seconds) {
     dup2(output, STDOUT_FILENO);
     dup2(output, STDERR_FILENO);
@@ -32,16 +30,13 @@ constexpr int notExecuted = 127;
     sigprocmask(SIG_SETMASK, &none, nullptr);
     alarm(seconds);
     const int status = work();
-    std::fflush(stdout);
+    std::cout.flush();
     _exit(status);
 }
 
 }  // namespace
 
 std::string ChildEnd::text() const {
-    if (status == -1) {
-        return "no process could be started";
-    }
     return WIFSIGNALED(status) ? std::string("ended by signal: ") + strsignal(WTERMSIG(status))
                                : "ended with status " + std::to_string(WEXITSTATUS(status));
 }
@@ -49,23 +44,16 @@ std::string ChildEnd::text() const {
 ChildEnd inChild(const std::function<int()>& work, unsigned seconds) {
     ScopedFd readEnd;
     ScopedFd writeEnd;
-    ChildEnd end;
-    end.status = -1;
-    try {
-        Plexum3::Base::createPipe(readEnd, writeEnd);
-    } catch (const std::exception& error) {
-        end.output = error.what();
-        return end;
-    }
+    Plexum3::Base::createPipe(readEnd, writeEnd);
     const pid_t child = fork();
     if (child == 0) {
         runAsChild(work, writeEnd.get(), seconds);
     }
     if (child < 0) {
-        end.output = std::strerror(errno);
-        return end;
+        throw std::system_error(errno, std::system_category(), "no process could be started");
     }
     writeEnd.reset();
+    ChildEnd end;
     end.output = Plexum3::Base::readToEnd(readEnd.get());
     while (waitpid(child, &end.status, 0) < 0 && errno == EINTR) {
     }
@@ -82,8 +70,8 @@ ChildEnd runProgram(const std::vector<std::string>& words,
         std::vector<std::string> own = words;
         const std::vector<char*> arguments = Zendrik::Base::execPointers(own);
         execvp(arguments.front(), arguments.data());
-        std::printf("%s: %s\n", arguments.front(), std::strerror(errno));
-        return notExecuted;
+        std::cout << words.front() << ": " << std::strerror(errno) << '\n';
+        return 127;
     };
     return inChild(work, seconds);
 }

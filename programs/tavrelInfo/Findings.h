@@ -34,7 +34,7 @@ class Findings {
     std::vector<Finding> findings_;
 };
 
-// The parts of a report. Each finds out by itself, changes nothing and doesn't throw; `root` is the
+// The parts of a report. Each finds out by itself and changes nothing; `root` is the
 // tree, absolute. Nothing of the tree's own runs in this process.
 
 /// Programs and libraries of the launcher, and the files that manifests list.

@@ -8,9 +8,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <iostream>
 
 #include "UTIL/src/OpenGLProbe.h"
 #include "process/SystemMetrics.h"
@@ -31,11 +31,10 @@ std::string valueIn(const char* path, const std::string& prefix, const char* oth
     return otherwise;
 }
 
-std::string shown(rlim_t limit) {
-    return limit == RLIM_INFINITY ? "unlimited" : std::to_string(limit);
-}
-
 void addLimits(Findings& findings) {
+    const auto text = [](rlim_t limit) {
+        return limit == RLIM_INFINITY ? "unlimited" : std::to_string(limit);
+    };
     const std::pair<const char*, __rlimit_resource> limits[] = {{"open files", RLIMIT_NOFILE},
                                                                 {"processes", RLIMIT_NPROC},
                                                                 {"memory", RLIMIT_AS},
@@ -43,11 +42,9 @@ void addLimits(Findings& findings) {
                                                                 {"core file", RLIMIT_CORE}};
     for (const auto& [name, which] : limits) {
         rlimit limit = {};
-        if (getrlimit(which, &limit) == 0) {
-            const std::string hard =
-                limit.rlim_max == limit.rlim_cur ? "" : " of " + shown(limit.rlim_max);
-            findings.add(name, shown(limit.rlim_cur) + hard);
-        }
+        static_cast<void>(getrlimit(which, &limit));  // fails for no limit that is used here
+        const bool isFixed = limit.rlim_max == limit.rlim_cur;
+        findings.add(name, text(limit.rlim_cur) + (isFixed ? "" : " of " + text(limit.rlim_max)));
     }
 }
 
@@ -97,7 +94,7 @@ void addDisplay(const std::string& root, Findings& findings) {
         } else if (isSet) {
             static_cast<void>(reinterpret_cast<decltype(&tavrelProbeOpenGL)>(probe)(&reason));
         }
-        std::fputs(reason.c_str(), stdout);
+        std::cout << reason;
         return reason.empty() ? 0 : 1;
     });
     const std::string answer = end.output.empty() ? end.text() : end.output;
@@ -110,20 +107,6 @@ void addDisplay(const std::string& root, Findings& findings) {
     }
 }
 
-void addFrameLibrary(Findings& findings) {
-    const ChildEnd end = inChild([] {
-        const bool isThere = dlopen("libdw.so.1", RTLD_LAZY) != nullptr;
-        std::fputs(isThere ? "" : dlerror(), stdout);
-        return isThere ? 0 : 1;
-    });
-    if (end.isSuccess()) {
-        findings.add("libdw.so.1", "found");
-    } else {
-        findings.wrong("libdw.so.1",
-                       end.output + "; crash reports have neither names nor all frames");
-    }
-}
-
 }  // namespace
 
 void lookAtMachine(const std::string& root, Findings& findings) {
@@ -132,7 +115,6 @@ void lookAtMachine(const std::string& root, Findings& findings) {
     addKernel(findings);
     addLimits(findings);
     addDisplay(root, findings);
-    addFrameLibrary(findings);
 }
 
 }  // namespace Info

@@ -6,26 +6,18 @@
 
 namespace Info {
 
-// The next two are made from the entry script by cmake/entryScriptNeeds.py.
-
-/// Four bytes, little-endian, that begin a file of byte code which the interpreter can run. The
-/// entry script is embedded as byte code of the same.
-extern const std::uint32_t byteCodeMagic;
-
-/// A line for each module that the script imports, of four fields with a tab between them: name,
-/// importing function (empty for the script itself), "library" or "application", names that are
-/// used of it with a blank between them.
-extern const char entryScriptNeeds[];
-
 /// A module that the entry script imports.
 struct NeededModule {
     std::string name;
-    std::string importedIn;  ///< a function; empty for the script itself
-    bool isOfLibrary = false;
+    std::string importedIn;         ///< a function; empty for the script itself
+    bool isOfLibrary;               ///< of Python's own
     std::vector<std::string> uses;  ///< dotted, without the module's own name
 };
 
-std::vector<NeededModule> neededModules();
+// Both are made from the entry script by cmake/entryScriptNeeds.py.
+extern const std::vector<NeededModule> neededModules;
+/// Four bytes, little-endian, that begin a file of byte code which the interpreter can run.
+extern const std::uint32_t byteCodeMagic;
 
 /// The file that the tree's interpreter would import a module from, looked for in its order.
 /// @return empty if there is none

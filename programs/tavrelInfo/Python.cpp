@@ -3,11 +3,9 @@
 #include <glob.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstring>
-#include <regex>
+#include <fstream>
+#include <iostream>
 
-#include "process/ProcFiles.h"
 #include "programs/tavrelInfo/Child.h"
 #include "programs/tavrelInfo/Findings.h"
 #include "programs/tavrelInfo/Modules.h"
@@ -23,10 +21,10 @@ void addVersion(const std::string& home, Findings& findings) {
         void* const library = dlopen(file.c_str(), RTLD_LAZY | RTLD_LOCAL);
         void* const function = library == nullptr ? nullptr : dlsym(library, "Py_GetVersion");
         if (function == nullptr) {
-            std::fputs(dlerror(), stdout);
+            std::cout << dlerror();
             return 1;
         }
-        std::fputs(reinterpret_cast<const char* (*)()>(function)(), stdout);
+        std::cout << reinterpret_cast<const char* (*)()>(function)();
         return 0;
     });
     const std::string answer = end.output.empty() ? end.text() : end.output;
@@ -37,29 +35,22 @@ void addVersion(const std::string& home, Findings& findings) {
     }
 }
 
-std::string compiledFile(const std::string& library) {
-    for (const char* const name : {"/os.pyc", "/__pycache__/os.cpython-37.pyc"}) {
-        if (access((library + name).c_str(), R_OK) == 0) {
-            return library + name;
-        }
-    }
-    return "";
-}
-
 void addByteCode(const std::string& library, Findings& findings) {
-    const std::string file = compiledFile(library);
-    std::uint32_t magic = 0;
-    const std::string content = Plexum3::Base::readSmallFile(file).substr(0, sizeof magic);
-    if (content.size() != sizeof magic) {
-        findings.unsure("byte code", "not compared: no compiled os module in " + library);
+    for (const char* const name : {"/os.pyc", "/__pycache__/os.cpython-37.pyc"}) {
+        std::ifstream file(library + name, std::ios::binary);
+        std::uint32_t magic = 0;
+        if (!file.read(reinterpret_cast<char*>(&magic), sizeof magic)) {
+            continue;
+        }
+        if (magic == byteCodeMagic) {
+            findings.add("byte code", "of the entry script's format");
+        } else {
+            findings.wrong("byte code",
+                           library + name + " is of another format than the entry script");
+        }
         return;
     }
-    std::memcpy(&magic, content.data(), sizeof magic);
-    if (magic == byteCodeMagic) {
-        findings.add("byte code", "of the entry script's format");
-    } else {
-        findings.wrong("byte code", file + " is of another format than the entry script");
-    }
+    findings.unsure("byte code", "not compared: no compiled os module in " + library);
 }
 
 void addStandardLibrary(const std::string& home, Findings& findings) {
@@ -72,59 +63,38 @@ void addStandardLibrary(const std::string& home, Findings& findings) {
         findings.add("standard library", library);
     }
     glob_t modules = {};
-    const bool isAny = glob((library + "/lib-dynload/*.so").c_str(), 0, nullptr, &modules) == 0;
-    const std::string count = std::to_string(modules.gl_pathc);
-    globfree(&modules);
-    if (isAny) {
-        findings.add("lib-dynload", count + " extension modules");
+    if (glob((library + "/lib-dynload/*.so").c_str(), 0, nullptr, &modules) == 0) {
+        findings.add("lib-dynload", std::to_string(modules.gl_pathc) + " extension modules");
     } else {
         findings.wrong("lib-dynload", "no extension module in " + library + "/lib-dynload");
     }
+    globfree(&modules);
     addByteCode(library, findings);
 }
 
-bool isWordIn(const std::string& word, const std::string& content) {
-    const auto isLetter = [&](std::size_t place) {
-        return place < content.size() &&
-               (std::isalnum(static_cast<unsigned char>(content[place])) != 0 ||
-                content[place] == '_');
-    };
-    for (std::size_t at = content.find(word); at != std::string::npos;
-         at = content.find(word, at + 1)) {
-        if (!isLetter(at - 1) && !isLetter(at + word.size())) {
-            return true;
-        }
-    }
-    return false;
+bool holds(const std::string& file, const std::string& pattern) {
+    return runProgram({"grep", "-qaE", pattern, file}, {{"LC_ALL", "C"}}).isSuccess();
 }
 
 enum class Presence { There, Missing, Unsure };
 
-Presence presenceInSource(const std::string& name, const std::string& package,
-                          const std::string& content) {
+/// Whether a module's file gives a name. Source says where it comes from; byte code and extensions
+/// hold it as a word. Names may also come from elsewhere, which only an import would show.
+Presence presenceOf(const std::string& name, const std::string& package, const std::string& file) {
     const std::string word = "\\b" + name + "\\b";
-    if (std::regex_search(content, std::regex("\\b(def|class)\\s+" + word + "|" + word +
-                                              R"(\s*(,[\w\s,]*)?(:[^=\n]*)?=[^=])"))) {
+    if (!boost::ends_with(file, ".py")) {
+        return holds(file, word) ? Presence::There : Presence::Missing;
+    }
+    if (holds(file, "\\b(def|class)\\s+" + word + "|" + word +
+                        R"(\s*(,[A-Za-z0-9_, ]*)?(:[^=]*)?=[^=])")) {
         return Presence::There;
     }
     // Of its own package only what is a file, and that was looked for.
-    if (std::regex_search(
-            content, std::regex("\\bfrom\\s+(\\.|" + package + ")\\s+import\\b[^\n]*" + word))) {
+    if (holds(file, "\\bfrom\\s+(\\.|" + package + ")\\s+import\\b.*" + word)) {
         return Presence::Missing;
     }
-    static const std::regex elsewhere(R"(import\s*\*|\b(__getattr__|globals|setattr)\b)");
-    return isWordIn(name, content) || std::regex_search(content, elsewhere) ? Presence::Unsure
-                                                                            : Presence::Missing;
-}
-
-/// Whether a module's file gives a name. Source can be read; byte code and extensions hold the name
-/// as a word at least. Names may also come from elsewhere, which only an import would show.
-Presence presenceOf(const std::string& name, const std::string& package, const std::string& file) {
-    const std::string content = Plexum3::Base::readSmallFile(file);
-    if (boost::ends_with(file, ".py")) {
-        return presenceInSource(name, package, content);
-    }
-    return isWordIn(name, content) ? Presence::There : Presence::Missing;
+    const bool isUnsure = holds(file, word + R"(|import\s*\*|\b(__getattr__|globals|setattr)\b)");
+    return isUnsure ? Presence::Unsure : Presence::Missing;
 }
 
 /// Of "a.b" of a package, a is a module in it, or a name; b is looked for where a was found.
@@ -150,12 +120,10 @@ void addNames(const std::string& root, const NeededModule& module, const std::st
         std::string lookedInto = file;
         const Presence found = presenceOfUse(root, module, use, lookedInto);
         if (found == Presence::Missing) {
-            std::string name = module.name;
-            std::string text = "not in ";
-            findings.wrong(name.append(".").append(use), text.append(lookedInto).append(from));
+            findings.wrong(module.name + '.' + use, "not in " + lookedInto + from);
             isWhole = false;
         } else if (found == Presence::Unsure) {
-            unsure.append(" ").append(use);
+            unsure += ' ' + use;
         }
     }
     if (!unsure.empty()) {
@@ -174,7 +142,7 @@ void lookAtPython(const std::string& root, Findings& findings) {
     addVersion(home, findings);
     addStandardLibrary(home, findings);
     const bool hasArchive = access((home + "/lib/python37.zip").c_str(), F_OK) == 0;
-    for (const NeededModule& module : neededModules()) {
+    for (const NeededModule& module : neededModules) {
         const std::string from = module.importedIn.empty()
                                      ? "; every run needs it"
                                      : "; " + module.importedIn + "() of the entry script needs it";

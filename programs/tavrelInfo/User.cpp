@@ -1,15 +1,13 @@
 #include <boost/algorithm/string.hpp>
-#include <dirent.h>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
-#include <memory>
 #include <regex>
 #include <vector>
 
@@ -32,15 +30,12 @@ std::string firstSet(std::initializer_list<const char*> variables, const char* o
 }
 
 /// Why nothing can be written there; empty if it can.
-std::string whyUnusable(const std::string& folder, bool isLinkAllowed) {
-    struct stat status = {};
-    if ((isLinkAllowed ? stat : lstat)(folder.c_str(), &status) != 0) {
+std::string whyUnusable(const std::string& folder) {
+    std::error_code error;
+    if (access(folder.c_str(), W_OK | X_OK) != 0) {
         return std::strerror(errno);
     }
-    if (!S_ISDIR(status.st_mode)) {
-        return "no folder";
-    }
-    return access(folder.c_str(), W_OK | X_OK) == 0 ? "" : std::strerror(errno);
+    return std::filesystem::is_directory(folder, error) ? "" : "no folder";
 }
 
 void addTemporaryFolder(Findings& findings) {
@@ -50,42 +45,43 @@ void addTemporaryFolder(Findings& findings) {
         return;
     }
     const std::string folder = firstSet({"TMPDIR", "TMP", "TEMP", "TEMPDIR"}, "/tmp");
-    const std::string reason = whyUnusable(folder, /*isLinkAllowed=*/true);
-    struct statvfs status = {};
-    if (!reason.empty() && reason != std::strerror(ENOENT)) {
+    const std::string reason = whyUnusable(folder);
+    std::error_code error;
+    const std::filesystem::space_info space = std::filesystem::space(folder, error);
+    if (reason == std::strerror(ENOENT)) {
+        findings.add("temporary", folder + ", which a run makes");
+    } else if (!reason.empty()) {
         findings.wrong("temporary",
                        folder + ": " + reason + "; without it no run starts (status 1)");
-    } else if (!reason.empty()) {
-        findings.add("temporary", folder + ", which a run makes");
-    } else if (statvfs(folder.c_str(), &status) == 0) {
-        findings.add(
-            "temporary",
-            folder + ", " + std::to_string(status.f_bavail * status.f_frsize >> 20U) + " MB free");
+    } else if (!error) {
+        findings.add("temporary",
+                     folder + ", " + std::to_string(space.available >> 20U) + " MB free");
     }
 }
 
 struct Report {
-    timespec time;
+    std::filesystem::file_time_type time;
     std::string path;
 };
 
+// This user's, the newest first.
 std::vector<Report> reportsIn(const std::string& folder) {
     static const std::regex name(R"([0-9a-f]{8}(-[0-9a-f]+){4}\.txt)");
     std::vector<Report> reports;
-    const auto close = [](DIR* directory) { closedir(directory); };
-    const std::unique_ptr<DIR, decltype(close)> open(opendir(folder.c_str()), close);
-    for (const dirent* entry = nullptr; open && (entry = readdir(open.get())) != nullptr;) {
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end;
+         entry.increment(error)) {
         struct stat status = {};
-        const std::string path = folder + '/' + entry->d_name;
-        if (std::regex_match(entry->d_name, name) && lstat(path.c_str(), &status) == 0 &&
-            S_ISREG(status.st_mode) && status.st_uid == getuid()) {
-            reports.push_back({status.st_mtim, path});
+        const std::string path = entry->path();
+        if (std::regex_match(entry->path().filename().string(), name) &&
+            lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+            status.st_uid == getuid()) {
+            std::error_code unread;
+            reports.push_back({entry->last_write_time(unread), path});
         }
     }
-    std::sort(reports.begin(), reports.end(), [](const Report& left, const Report& right) {
-        return std::pair(left.time.tv_sec, left.time.tv_nsec) >
-               std::pair(right.time.tv_sec, right.time.tv_nsec);
-    });
+    std::sort(reports.begin(), reports.end(),
+              [](const Report& left, const Report& right) { return left.time > right.time; });
     return reports;
 }
 
@@ -105,7 +101,10 @@ std::string factsOf(const std::string& path) {
 
 void addCrashFolder(Findings& findings) {
     const std::string folder = firstSet({"TAVREL_CRASH_DIR"}, "/var/tmp");
-    const std::string reason = whyUnusable(folder, /*isLinkAllowed=*/false);
+    // The reporter takes no symbolic link for it.
+    std::error_code error;
+    const bool isLink = std::filesystem::is_symlink(folder, error);
+    const std::string reason = isLink ? "no folder" : whyUnusable(folder);
     if (!reason.empty()) {
         findings.wrong("crash reports", folder + ": " + reason + "; crashes leave no report");
         return;
