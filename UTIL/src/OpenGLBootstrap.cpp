@@ -2,8 +2,6 @@
 
 #include <dlfcn.h>
 
-#include "UTIL/src/OpenGLProbe.h"
-
 namespace UTIL::OpenGL {
 namespace {
 

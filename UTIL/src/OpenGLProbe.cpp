@@ -1,10 +1,10 @@
-#include "UTIL/src/OpenGLProbe.h"
-
 #include <GL/glx.h>
 #include <X11/Xlib.h>
-#include <boost/function.hpp>
 
+#include <functional>
 #include <utility>
+
+#include "UTIL/src/OpenGLBootstrap.h"
 
 namespace {
 
@@ -18,18 +18,13 @@ int recordXError(Display* /*display*/, XErrorEvent* event) {
 
 class ScopeGuard {
   public:
-    explicit ScopeGuard(boost::function<void()> onExit) : onExit_(std::move(onExit)) {}
+    explicit ScopeGuard(std::function<void()> onExit) : onExit_(std::move(onExit)) {}
     ScopeGuard(const ScopeGuard&) = delete;
     ScopeGuard& operator=(const ScopeGuard&) = delete;
-    // NOLINTNEXTLINE(bugprone-exception-escape): it runs C functions, and never an empty one.
-    ~ScopeGuard() {
-        if (onExit_) {
-            onExit_();
-        }
-    }
+    ~ScopeGuard() { onExit_(); }  // NOLINT(bugprone-exception-escape): it runs C functions
 
   private:
-    boost::function<void()> onExit_;
+    std::function<void()> onExit_;
 };
 
 bool fail(std::string* reason, const char* text) {
@@ -61,13 +56,9 @@ XVisualInfo* chooseVisual(Display* display) {
 Window createWindow(Display* display, const XVisualInfo& visualInfo, Colormap colormap) {
     XSetWindowAttributes attributes{};
     attributes.colormap = colormap;
-    constexpr int x = 0;
-    constexpr int y = 0;
-    constexpr unsigned width = 1;
-    constexpr unsigned height = 1;
-    constexpr unsigned borderWidth = 0;
-    return XCreateWindow(display, DefaultRootWindow(display), x, y, width, height, borderWidth,
-                         visualInfo.depth, InputOutput, visualInfo.visual, CWColormap, &attributes);
+    return XCreateWindow(display, DefaultRootWindow(display), /*x=*/0, /*y=*/0, /*width=*/1,
+                         /*height=*/1, /*border_width=*/0, visualInfo.depth, InputOutput,
+                         visualInfo.visual, CWColormap, &attributes);
 }
 
 }  // namespace

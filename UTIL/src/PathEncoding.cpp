@@ -13,33 +13,6 @@ namespace UTIL {
 
 namespace {
 
-// Boost builds its first path locale from the environment and throws if that names a locale which
-// this machine doesn't have, although the result is thrown away. Such a user is served all the
-// same. Where setenv has no memory, Boost's exception stands.
-class NeutralLocaleSetting {
-  public:
-    NeutralLocaleSetting() {
-        const char* value = std::getenv(variable);
-        wasSet_ = value != nullptr;
-        value_ = wasSet_ ? value : "";
-        static_cast<void>(setenv(variable, "C", /*overwrite=*/1));
-    }
-    ~NeutralLocaleSetting() {
-        if (wasSet_) {
-            static_cast<void>(setenv(variable, value_.c_str(), /*overwrite=*/1));
-        } else {
-            static_cast<void>(unsetenv(variable));
-        }
-    }
-    NeutralLocaleSetting(const NeutralLocaleSetting&) = delete;
-    NeutralLocaleSetting& operator=(const NeutralLocaleSetting&) = delete;
-
-  private:
-    static constexpr char variable[] = "LC_ALL";
-    bool wasSet_;
-    std::string value_;
-};
-
 void installUtf8PathLocale() {
     namespace fs = boost::filesystem;
     const std::locale current;
@@ -47,8 +20,15 @@ void installUtf8PathLocale() {
     try {
         fs::path::imbue(utf8);
     } catch (const std::runtime_error&) {
-        const NeutralLocaleSetting neutral;
+        // Boost builds its first path locale from the environment and throws if this machine
+        // doesn't have it, although the result is thrown away. Such a user is served all the same.
+        constexpr char variable[] = "LC_ALL";
+        const char* const value = std::getenv(variable);
+        const std::string usersValue = value == nullptr ? "" : value;
+        static_cast<void>(setenv(variable, "C", /*overwrite=*/1));
         fs::path::imbue(utf8);
+        static_cast<void>(value == nullptr ? unsetenv(variable)
+                                           : setenv(variable, usersValue.c_str(), /*overwrite=*/1));
     }
 }
 

@@ -1,17 +1,20 @@
 #include <Python.h>  // first: it settles feature macros of the system's headers
 #include <ZkConfiguration/Configuration.h>
+#include <ZkLoggingHost/ZkLoggerGlue.h>
 #include <ZkPlexumSDK/pystring.h>
+#include <boost/filesystem/path.hpp>
 #include <boost/thread/once.hpp>
 #include <locale.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "UTIL/src/PythonReference.h"
-#include "UTIL/src/PythonSearchPath.h"
 #include "UTIL/src/TavrelBootstrap.h"
 #include "base/TreeFolders.h"
 
@@ -19,36 +22,27 @@ namespace UTIL {
 
 namespace {
 
+using Plexum3::internal::pystring_v1::join;
+using Plexum3::internal::pystring_v1::replace;
 using Plexum3::ZkConfiguration::v1::Config;
-
-constexpr char version[] = "3.7";
 
 // Where the tree keeps the interpreter and the Python modules; absolute. None is looked at: a
 // folder that is missing is listed all the same.
 struct TreeLayout {
-    explicit TreeLayout(const std::string& root);
+    explicit TreeLayout(const std::string& root) : home(root + "/bin/python3.7") {
+        for (const char* const folder : Zendrik::Base::pythonFolders) {
+            folders.push_back(root + folder);
+        }
+    }
 
-    std::string home;                  // what Py_SetPythonHome is given
-    std::string executable;            // the interpreter's program, for sys.executable
-    std::string library;               // standard library
-    std::string archive;               // the same as an archive; needn't be there
-    std::string sitePackages;          // folder of the packages added to the interpreter
+    std::string home;                                  // what Py_SetPythonHome is given
+    std::string executable = home + "/bin/python3.7";  // for sys.executable
+    std::string library = home + "/lib/python3.7";     // standard library
+    // The standard library as an archive; needn't be there.
+    std::string archive = home + "/lib/python" + replace("3.7", ".", "", /*count=*/-1) + ".zip";
+    std::string sitePackages = library + "/site-packages";  // packages added to it
     std::vector<std::string> folders;  // the tree's part of sys.path, first searched first
 };
-
-TreeLayout::TreeLayout(const std::string& root) {
-    const std::string binFolder = root + "/bin/";
-    library = binFolder + "python3.7/lib/python3.7";
-    const std::string versionTag =
-        Plexum3::internal::pystring_v1::replace(version, ".", "", /*count=*/-1);
-    archive = binFolder + "python3.7/lib/python" + versionTag + ".zip";
-    home = binFolder + "python3.7";
-    executable = home + "/bin/python" + version;
-    sitePackages = library + "/site-packages";
-    for (const char* const folder : Zendrik::Base::pythonFolders) {
-        folders.push_back(root + folder);
-    }
-}
 
 // Has this thread decode text beyond ASCII as UTF-8 while it lives. Before the interpreter has
 // started, the process is still in the "C" locale, in which a folder name beyond ASCII would be
@@ -91,7 +85,7 @@ void settleInterpreterSearchPath(const std::vector<std::string>& treeFolders) {
         return;
     }
     const std::string usersValue = value;
-    const std::string inFront = Plexum3::internal::pystring_v1::join(":", treeFolders) + ":";
+    const std::string inFront = join(":", treeFolders) + ":";
     // Without memory for it the interpreter starts with the user's entries in front.
     if (setenv(variable, (inFront + usersValue).c_str(), /*overwrite=*/1) == 0) {
         static_cast<void>(Py_GetPath());
@@ -119,6 +113,90 @@ void settlePaths(const TreeLayout& layout) {
     settleInterpreterSearchPath(layout.folders);
 }
 
+// The script's failure is filed under this place wherever it stands: logs are searched for it.
+constexpr char scriptErrorSource[] = "UTIL/src/TavrelBootstrap";
+constexpr int scriptErrorLine = 345;
+
+struct PathLess {
+    bool operator()(const boost::filesystem::path& left,
+                    const boost::filesystem::path& right) const {
+        return left.compare(right) < 0;
+    }
+};
+
+// The bytes of the folder's name; none for an entry that is no text.
+std::optional<std::string> folderName(PyObject* entry) {
+    const PythonReference bytes(PyUnicode_AsEncodedString(entry, "utf-8", "surrogateescape"));
+    if (!bytes) {
+        PyErr_Clear();
+        return std::nullopt;
+    }
+    return std::string(PyBytes_AS_STRING(bytes.get()),
+                       static_cast<std::size_t>(PyBytes_GET_SIZE(bytes.get())));
+}
+
+// Leaves the first of equal paths in the list and returns what the list then holds, but for entries
+// that have no UTF-8 form.
+std::vector<std::string> dropDuplicates(PyObject* searchPath) {
+    std::set<boost::filesystem::path, PathLess> seen;
+    std::vector<std::string> kept;
+    Py_ssize_t index = 0;
+    while (index < PyList_Size(searchPath)) {
+        PyObject* const entry = PyList_GetItem(searchPath, index);
+        const std::optional<std::string> name = folderName(entry);
+        if (name && !seen.insert(*name).second) {
+            static_cast<void>(PyList_SetSlice(searchPath, index, index + 1, nullptr));
+            continue;
+        }
+        if (const char* text = name ? PyUnicode_AsUTF8(entry) : nullptr; text != nullptr) {
+            kept.emplace_back(text);
+        }
+        PyErr_Clear();
+        ++index;
+    }
+    return kept;
+}
+
+const ZkLoggingHost::ZkLoggerGlue& bootstrapLogger() {
+    static const ZkLoggingHost::ZkLoggerGlue logger("BOOTSTRAP");
+    return logger;
+}
+
+// A folder's name may hold bytes that aren't UTF-8. They stand in the text as in the interpreter's
+// own paths, so that it finds the folder.
+PythonReference pythonText(const std::string& path) {
+    const auto sizeBytes = static_cast<Py_ssize_t>(path.size());
+    return PythonReference(PyUnicode_DecodeUTF8(path.data(), sizeBytes, "surrogateescape"));
+}
+
+// An entry that can't be added is missing for want of memory, which the application's first line
+// would meet as well.
+std::vector<std::string> buildSearchPath(const std::vector<std::string>& headEntries,
+                                         const std::vector<std::string>& postEntries) {
+    const PythonReference sys(PyImport_ImportModule("sys"));
+    const PythonReference searchPath(PyObject_GetAttrString(sys.get(), "path"));
+    for (auto entry = headEntries.rbegin(); entry != headEntries.rend(); ++entry) {
+        static_cast<void>(PyList_Insert(searchPath.get(), 0, pythonText(*entry).get()));
+    }
+    for (const std::string& entry : postEntries) {
+        static_cast<void>(PyList_Append(searchPath.get(), pythonText(entry).get()));
+    }
+    return dropDuplicates(searchPath.get());
+}
+
+void publishSearchPath(const std::vector<std::string>& searchPath) {
+    const std::string joined = join(":", searchPath);
+    Config().set("TAVREL_INTERNAL_PYTHONPATH", joined);
+    // The interpreter copied the environment when it started; only os.environ reaches its children.
+    const std::string script =
+        "import os\nos.environ['TAVREL_INTERNAL_PYTHONPATH'] = '" + joined + "'";
+    if (PyRun_SimpleStringFlags(script.c_str(), nullptr) == -1 &&
+        bootstrapLogger().errorEnabled()) {
+        bootstrapLogger().error("Error setting TAVREL_INTERNAL_PYTHONPATH in `os.environ`.",
+                                scriptErrorSource, scriptErrorLine);
+    }
+}
+
 void startInTree(const std::string& root) {
     const TreeLayout layout(root);
     settlePaths(layout);
@@ -126,14 +204,10 @@ void startInTree(const std::string& root) {
     headEntries.insert(headEntries.end(), layout.folders.begin(), layout.folders.end());
     Config().set("TAVREL_INTERNAL_PYTHON_SITEPACKAGES", layout.sitePackages);
     Py_Initialize();
-    SetSysAttribute("executable", PythonText(layout.executable));
+    SetSysAttribute("executable", pythonText(layout.executable));
     // Until the launcher sets the real level.
     SetSysAttribute("tavrel_verbosityLevel", PythonReference(PyLong_FromLong(1)));
-    PublishSearchPath(BuildSearchPath(headEntries, configuredList("TAVREL_POST_PYTHONPATH")));
-}
-
-bool exists(const std::string& path) {
-    return access(path.c_str(), F_OK) == 0;
+    publishSearchPath(buildSearchPath(headEntries, configuredList("TAVREL_POST_PYTHONPATH")));
 }
 
 }  // namespace
@@ -141,6 +215,7 @@ bool exists(const std::string& path) {
 std::string FindMissingLibrary(const std::string& installRoot) {
     const TreeLayout layout(installRoot);
     const char* const pythonPath = std::getenv("PYTHONPATH");
+    const auto exists = [](const std::string& path) { return access(path.c_str(), F_OK) == 0; };
     const bool isThere = exists(layout.library + "/os.pyc") || exists(layout.library + "/os.py") ||
                          exists(layout.archive) || (pythonPath != nullptr && *pythonPath != '\0');
     return isThere ? "" : layout.library;

@@ -21,12 +21,12 @@
 /// Each Init... and Start... runs once in a process: later calls return at once. One that was left
 /// by an exception may be called again. A second caller on another thread waits for the first.
 ///
-/// This is the whole public face; behind it each subject has a source file: InstallRoot,
-/// PathEncoding, ControllingProcess, UsdPaths, PythonStart.
+/// Behind it each subject has a source file: InstallRoot, PathEncoding, ControllingProcess,
+/// PythonStart.
 namespace UTIL {
 
-/// The install root: the folder above the one that holds the executable, whatever their names. Read
-/// from the link /proc/self/exe once and kept for the life of the process. Any thread.
+/// The install root: the folder above the one that holds the executable, read from /proc/self/exe
+/// once. Any thread.
 /// @return absolute, links resolved, no separator at the end; empty if the link can't be read
 std::string GetInstallRoot();
 
@@ -45,19 +45,19 @@ void InitPathEncoding();
 /// The place for what a platform does with the install root. Nothing to do on Linux.
 void InitPlatform(const std::string& installRoot);
 
-/// Ties this process's life to the one named by __TAVREL_CONTROLLING_PROCESS, if that is set, and
-/// names this process there for its own children. Works with the raw environment and reports on
-/// standard error. The watching thread is detached and blocks all signals.
+/// Ties this process's life to the one that the environment's __TAVREL_CONTROLLING_PROCESS names,
+/// and names this process there for its children. The watching thread is detached and blocks all
+/// signals.
 /// @throw boost::thread_resource_error if the thread can't be started, the signal mask as before
 void StartControllingProcessWatchdog();
 
-/// Body of the watching thread: returns when watching has become impossible, and ends this process
-/// with _exit(1) when the watched one is gone, a zombie, or another process under the same PID.
-/// Checks at once and then every 500 ms. Says why on standard error, in lines that are dropped
-/// where a pipe has no room for them: the end waits for no reader.
+/// Body of the watching thread: looks every 500 ms, and ends this process with _exit(1) when the
+/// watched one is gone, a zombie, or another under the same PID. Returns when watching has become
+/// impossible. Lines on standard error are dropped where a pipe is full: the end waits for no
+/// reader.
 /// @param expectedCreationTime since boot, as Plexum3::Base::getProcessCreationTime gives it
-/// @param variableName, variableValue where the identity came from, for the messages; must stay
-///        valid for as long as the process lives
+/// @param variableName, variableValue for the messages; must stay valid as long as the process
+/// lives
 void WatchControllingProcess(std::int32_t pid, boost::chrono::microseconds expectedCreationTime,
                              const char* variableName, const char* variableValue);
 
@@ -76,10 +76,8 @@ std::string FindMissingLibrary(const std::string& installRoot);
 
 /// Starts the interpreter with the tree's own home and gives sys.path its fixed order: the entries
 /// of TAVREL_DEBUG_PRE_PYTHONPATH, the tree's folders, what the interpreter found by itself, the
-/// entries of TAVREL_POST_PYTHONPATH; the first of equal entries stays. Publishes the layout under
-/// TAVREL_INTERNAL_PYTHONHOME, TAVREL_INTERNAL_PYTHON_SITEPACKAGES and TAVREL_INTERNAL_PYTHONPATH.
-/// The caller holds the interpreter lock afterwards and finalises the interpreter. A folder that
-/// doesn't exist stays listed. An interpreter that can't start ends the process in its own way.
+/// entries of TAVREL_POST_PYTHONPATH; the first of equal entries stays. The layout is published
+/// under TAVREL_INTERNAL_... keys. The caller then holds the interpreter lock, and finalises.
 void InitPython(std::string installRoot);
 
 }  // namespace UTIL

@@ -12,7 +12,7 @@
 #include <fstream>
 #include <iostream>
 
-#include "UTIL/src/OpenGLProbe.h"
+#include "UTIL/src/OpenGLBootstrap.h"
 #include "process/SystemMetrics.h"
 #include "programs/tavrelInfo/Child.h"
 #include "programs/tavrelInfo/Findings.h"
