@@ -19,17 +19,16 @@ namespace Launcher {
 /// noted, once, and dropped. With the interpreter lock held.
 void flushOutputAtExit();
 
-/// Turns the way the entry script ended into the exit status of the process, and reports on
-/// standard error what the user has to know of it. To be called with the interpreter lock held,
-/// right after the script, with its exception still pending if it raised one.
+/// Turns the way the entry script ended into the exit status, and reports on standard error what
+/// the user has to know of it. With the interpreter lock held and the script's exception still
+/// pending.
 /// @param module what running the script returned: null if it raised an exception
 /// @return 0 to 255, or -1 for an exception other than SystemExit; no exception is pending then
 int takeApplicationStatus(UTIL::PythonReference module);
 
 /// Flushes what native code has printed, after the interpreter has gone. Says in one line on
 /// standard error if output was lost.
-/// @return `status`, but 255 in place of 0 where batch or script mode has lost output; that of a
-///         window or a shell isn't its result
+/// @return `status`, but 255 in place of 0 where batch or script mode has lost output
 int statusAfterOutput(int status);
 
 }  // namespace Launcher

@@ -8,8 +8,8 @@
 #include <string>
 #include <utility>
 
-/// Splits one argument of the form --name or --name=value at the first "=".
-/// @return name and value; two empty strings hand the argument back to the parser
+/// The parser's own road for "--name" and "--name=value", split at the first "=".
+/// @return two empty strings for any other argument, which hands it back to the parser
 std::pair<std::string, std::string> parseExtraOption(const std::string& argument);
 
 /// The launcher's look at the command line: it reads how to start, consumes nothing, and leaves
@@ -30,14 +30,11 @@ struct LauncherValues {
     std::string profilingDir;
 };
 
-/// @param values receives the options' values when parseCommandLine succeeds; must outlive the
-///        result
+/// @param values receives what parseCommandLine reads; must outlive the result
 boost::program_options::options_description describeLauncherOptions(LauncherValues& values);
 
-/// Reads the process's arguments. Options that `launcherOptions` doesn't describe, and arguments
-/// that are no options, are passed over.
-/// @return the options that were given; none, after one line on standard error (argv[0] and the
-///         parser's words), if an option of the launcher is used wrongly
+/// Reads the process's arguments. Those that `launcherOptions` doesn't describe are passed over.
+/// @return none, after one line on standard error, if an option of the launcher is used wrongly
 std::optional<boost::program_options::variables_map> parseCommandLine(
     int argc, const char* const* argv,
     const boost::program_options::options_description& launcherOptions);

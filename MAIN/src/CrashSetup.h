@@ -2,20 +2,17 @@
 
 #include <cstdint>
 
-/// Arms crash capture for the rest of the process: out of process with the reporter
-/// CrashReporterTavrel from the launcher's own folder, in process if that can't be had. A second
-/// call arms nothing. Main thread, during start-up; waits at most 2,000 ms for the reporter.
+/// Arms crash capture for the rest of the process, by the reporter CrashReporterTavrel or, failing
+/// that, in process. A second call arms nothing. Main thread; waits at most 2,000 ms for the
+/// reporter.
 /// @param prompt whether the reporter is to ask the user about a crash report
-/// @return false if the handler refused its parameters, which is then on standard error; true says
-///         that capture is armed, not where the dump will be taken
+/// @return false if the handler refused its parameters, which is then on standard error
 bool setupCrashHandler(bool prompt);
 
 namespace Launcher {
 
-/// Arms crash capture where it is wanted: TAVREL_CRASH_HANDLING says "1" or "0", anything else
-/// leaves it on with a window and off without. The reporter asks only a user with a window, unless
-/// TAVREL_NO_CRASH_PROMPT is "1". Both are read from the process environment. A launcher without
-/// crash capture starts all the same.
+/// Arms crash capture where TAVREL_CRASH_HANDLING says "1" or, with a window, anything but "0". The
+/// reporter asks only a user with a window, unless TAVREL_NO_CRASH_PROMPT is "1".
 /// @param verbosity above 0, what is off is logged
 void armCrashHandling(bool isUi, std::int32_t verbosity);
 

@@ -18,17 +18,10 @@ namespace Launcher {
 /// @return false, after a log line, if the tree has no standard library
 bool startInterpreter(const std::string& rootPath);
 
-/// Runs the embedded application as `__main__` until it ends, and finalises the interpreter.
-/// Nothing stops it early: a failure inside the application becomes an exit status, after the
-/// interpreter has reported it on standard error.
-///
-/// `sys.argv` shows all arguments behind the script's path, `sys.tavrel_BUILD_TIME` the build time,
-/// `sys.tavrel_verbosityLevel` the verbosity.
-///
-/// @param argv the process's own argument array; its element 0 is replaced and must not be read
-///        after the return
-/// @return exit status of the process: 0 to 255, or -1 for an exception other than SystemExit; 255
-///         in place of 0 for a batch or a script whose standard output could not be written
+/// Runs the embedded application as `__main__` with all arguments until it ends, and finalises the
+/// interpreter. A failure inside the application becomes an exit status.
+/// @param argv the process's own; its element 0 is replaced and must not be read afterwards
+/// @return 0 to 255, or -1 for an exception other than SystemExit
 int runApplication(int argc, char* argv[], std::int32_t verbosity);
 
 }  // namespace Launcher

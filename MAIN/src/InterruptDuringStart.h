@@ -13,8 +13,7 @@ namespace Launcher {
 /// A SIGINT that is ignored stays ignored, and a handler that something else installs stays.
 
 /// Has SIGINT end the process in whatever thread it arrives: by the signal, or with 130 for the
-/// first process of a container, for which the kernel drops a signal that has no handler. Nothing
-/// is changed where SIGINT is ignored or has a handler already.
+/// first process of a container, for which the kernel drops a signal that has no handler.
 void endOnInterrupt();
 
 /// Installs Python's default handler for SIGINT in place of the one of endOnInterrupt, and

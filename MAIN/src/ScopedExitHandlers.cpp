@@ -3,7 +3,7 @@
 #include <boost/thread/lock_guard.hpp>
 
 #include <algorithm>
-#include <functional>
+#include <tuple>
 
 namespace {
 
@@ -16,13 +16,8 @@ bool ScopedExitHandlers::Entry::isEmpty() const {
 }
 
 bool ScopedExitHandlers::Entry::runsBefore(const Entry& left, const Entry& right) {
-    if (left.sequence != right.sequence) {
-        return left.sequence > right.sequence;
-    }
-    if (left.handler != right.handler) {
-        return std::greater<>()(left.handler, right.handler);
-    }
-    return std::greater<>()(left.argument, right.argument);
+    return std::tie(left.sequence, left.handler, left.argument) >
+           std::tie(right.sequence, right.handler, right.argument);
 }
 
 ScopedExitHandlers::ScopedExitHandlers() {

@@ -20,12 +20,10 @@ class ScopedExitHandlers {
     using Handler = void (*)(void* argument);
     using SlotId = std::uint32_t;
 
-    /// Becomes the object that instance() returns.
     /// @throw boost::thread_resource_error if the mutex can't be initialised
     ScopedExitHandlers();
 
-    /// Runs all handlers. An exception that leaves one of them ends the process. A handler that is
-    /// registered meanwhile is not run.
+    /// Runs all handlers; an exception that leaves one of them ends the process.
     // NOLINTNEXTLINE(bugprone-exception-escape)
     ~ScopedExitHandlers();
 
