@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <limits>
 #include <map>
+#include <type_traits>
 #include <utility>
 
 #include "process/SystemError.h"
@@ -22,46 +23,18 @@ using Plexum3::Base::retryOnInterrupt;
 constexpr std::uint32_t formMark = 2;
 constexpr std::uint32_t maxStreams = 1024;
 
+/// A thread by its native side, as the interpreter doesn't know it.
 struct KnownThread {
     pid_t tid = 0;
     std::uint64_t pointer = 0;
     std::string name;
 };
 
-std::string serialise(const std::vector<CapturedThread>& threads, const PythonStacks& stacks) {
-    ByteWriter writer;
-    writer.put(formMark);
-    writer.put(stacks.note);
-    writer.putList<CapturedThread>(threads, [](ByteWriter& out, const CapturedThread& thread) {
-        out.put(thread.tid);
-        out.put(thread.threadPointer);
-        out.put(thread.name);
-    });
-    writer.putList<PythonThread>(stacks.threads, [](ByteWriter& out, const PythonThread& thread) {
-        out.put(thread.threadPointer);
-        out.put(thread.holdsLock);
-        out.put(thread.cutShort);
-        out.putList<PythonFrame>(thread.frames, [](ByteWriter& out, const PythonFrame& frame) {
-            out.put(frame.file);
-            out.put(frame.function);
-            out.put(frame.line);
-        });
-    });
-    return writer.take();
-}
-
-void getThread(ByteReader& reader, PythonThread& thread) {
-    unsigned char holdsLock = 0;
-    reader.get(thread.threadPointer);
-    reader.get(holdsLock);
-    reader.get(thread.cutShort);
-    reader.getList<PythonFrame>(thread.frames, [](ByteReader& in, PythonFrame& frame) {
-        in.get(frame.file);
-        in.get(frame.function);
-        in.get(frame.line);
-    });
-    thread.holdsLock = holdsLock != 0;
-}
+struct Content {
+    std::uint32_t mark = formMark;
+    std::vector<KnownThread> known;
+    PythonStacks stacks;
+};
 
 /// @return an errno value; 0 for success. A file that ends early is EINVAL.
 int readAt(int file, std::uint64_t offset, void* buffer, std::size_t size) {
@@ -135,6 +108,20 @@ int appendStream(int dump, std::uint64_t size, MDRawHeader header,
 
 }  // namespace
 
+template <typename Stream, typename Record>
+static void eachField(Stream& stream, Record& record) {
+    using Kind = std::remove_const_t<Record>;
+    if constexpr (std::is_same_v<Kind, KnownThread>) {
+        stream(record.tid, record.pointer, record.name);
+    } else if constexpr (std::is_same_v<Kind, PythonFrame>) {
+        stream(record.file, record.function, record.line);
+    } else if constexpr (std::is_same_v<Kind, PythonThread>) {
+        stream(record.threadPointer, record.holdsLock, record.cutShort, record.frames);
+    } else {
+        stream(record.mark, record.stacks.note, record.known, record.stacks.threads);
+    }
+}
+
 int appendPythonStream(int dump, const std::vector<CapturedThread>& threads,
                        const PythonStacks& stacks) {
     if (stacks.threads.empty() && stacks.note.empty()) {
@@ -144,13 +131,20 @@ int appendPythonStream(int dump, const std::vector<CapturedThread>& threads,
     if (fstat(dump, &status) == -1) {
         return errno;
     }
+    Content content;
+    content.stacks = stacks;
+    for (const CapturedThread& thread : threads) {
+        content.known.push_back({thread.tid, thread.threadPointer, thread.name});
+    }
+    ByteWriter writer;
+    eachField(writer, content);
     MDRawHeader header{};
     std::vector<MDRawDirectory> directory;
     if (const int error = readDirectory(dump, header, directory)) {
         return error;
     }
     const int error = appendStream(dump, static_cast<std::uint64_t>(status.st_size), header,
-                                   std::move(directory), serialise(threads, stacks));
+                                   std::move(directory), writer.take());
     if (error != 0) {
         // What stands behind the end of a dump harms no reader, should this fail, too.
         static_cast<void>(ftruncate(dump, status.st_size));
@@ -161,22 +155,13 @@ int appendPythonStream(int dump, const std::vector<CapturedThread>& threads,
 std::optional<PythonStacks> parsePythonStream(std::string_view bytes,
                                               std::vector<CapturedThread>& threads) {
     ByteReader reader(bytes);
-    std::uint32_t mark = 0;
-    std::vector<KnownThread> known;
-    PythonStacks stacks;
-    reader.get(mark);
-    reader.get(stacks.note);
-    reader.getList<KnownThread>(known, [](ByteReader& in, KnownThread& thread) {
-        in.get(thread.tid);
-        in.get(thread.pointer);
-        in.get(thread.name);
-    });
-    reader.getList(stacks.threads, getThread);
-    if (mark != formMark || !reader.isWhole()) {
+    Content content;
+    eachField(reader, content);
+    if (content.mark != formMark || !reader.isWhole()) {
         return std::nullopt;
     }
     std::map<pid_t, const KnownThread*> byId;
-    for (const KnownThread& thread : known) {
+    for (const KnownThread& thread : content.known) {
         byId.emplace(thread.tid, &thread);
     }
     for (CapturedThread& thread : threads) {
@@ -185,7 +170,7 @@ std::optional<PythonStacks> parsePythonStream(std::string_view bytes,
             thread.name = found->second->name;
         }
     }
-    return stacks;
+    return std::move(content.stacks);
 }
 
 }  // namespace Zendrik::Stacks

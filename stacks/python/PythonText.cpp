@@ -1,7 +1,10 @@
 #include "stacks/python/PythonText.h"
 
+#include <boost/locale/utf.hpp>
+
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <vector>
 
 #include "stacks/python/PythonLayout.h"
@@ -28,26 +31,8 @@ void appendUtf8(std::string& text, std::uint32_t character) {
         text += escape;
         return;
     }
-    if (character > lastCharacter) {
-        character = replacement;
-    }
-    const auto append = [&text](std::uint32_t byte) { text += static_cast<char>(byte); };
-    const auto appendTail = [&](int shift) { append(0x80 | (character >> shift & 0x3F)); };
-    if (character < 0x80) {
-        append(character);
-    } else if (character < 0x800) {
-        append(0xC0 | character >> 6);
-        appendTail(0);
-    } else if (character < 0x10000) {
-        append(0xE0 | character >> 12);
-        appendTail(6);
-        appendTail(0);
-    } else {
-        append(0xF0 | character >> 18);
-        appendTail(12);
-        appendTail(6);
-        appendTail(0);
-    }
+    boost::locale::utf::utf_traits<char>::encode(
+        character > lastCharacter ? replacement : character, std::back_inserter(text));
 }
 
 /// What the word of flags says: two bits for interning, three for the width, then three flags.

@@ -1,7 +1,12 @@
 #pragma once
 
-// Records as bytes, for another process or for a file, on a machine like this one.
+// Records as bytes, for another process or for a file, on a machine like this one. Which fields a
+// record has, in which order, a function of its kind says once, for writing and reading alike:
+//
+//     template <typename Stream, typename Record>
+//     static void eachField(Stream& stream, Record& record) { stream(record.name, record.lines); }
 
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -12,29 +17,33 @@
 
 namespace Zendrik::Stacks {
 
-/// Numbers as they are in memory, texts behind their length.
+/// Numbers as they are in memory, texts and lists behind their length.
 class ByteWriter {
   public:
+    template <typename... Fields>
+    void operator()(const Fields&... fields) {
+        (put(fields), ...);
+    }
+    std::string take() { return std::move(bytes_); }
+
+  private:
     template <typename T>
-    void put(T number) {
-        static_assert(std::is_integral_v<T>);
-        bytes_.append(reinterpret_cast<const char*>(&number), sizeof number);
+    void put(const T& value) {
+        static_assert(std::is_trivially_copyable_v<T>);
+        bytes_.append(reinterpret_cast<const char*>(&value), sizeof value);
     }
     void put(const std::string& text) {
         put(std::uint64_t{text.size()});
         bytes_ += text;
     }
-    /// As many records as there are, each written by `putOne`.
     template <typename Record>
-    void putList(const std::vector<Record>& records, void (*putOne)(ByteWriter&, const Record&)) {
+    void put(const std::vector<Record>& records) {
         put(std::uint64_t{records.size()});
         for (const Record& record : records) {
-            putOne(*this, record);
+            eachField(*this, record);
         }
     }
-    std::string take() { return std::move(bytes_); }
 
-  private:
     std::string bytes_;
 };
 
@@ -44,14 +53,24 @@ class ByteReader {
   public:
     explicit ByteReader(std::string_view bytes) : rest_(bytes) {}
 
+    template <typename... Fields>
+    void operator()(Fields&... fields) {
+        (get(fields), ...);
+    }
     /// Whether everything did fit and nothing is left.
     bool isWhole() const { return whole_ && rest_.empty(); }
 
+  private:
     template <typename T>
-    void get(T& number) {
-        static_assert(std::is_integral_v<T>);
-        const std::string_view bytes = cut(sizeof number);
-        std::memcpy(&number, bytes.data(), bytes.size());
+    void get(T& value) {
+        static_assert(std::is_trivially_copyable_v<T>);
+        const std::string_view bytes = cut(sizeof value);
+        std::memcpy(&value, bytes.data(), bytes.size());
+    }
+    void get(bool& flag) {
+        unsigned char byte = 0;
+        get(byte);
+        flag = byte != 0;
     }
     void get(std::string& text) {
         std::uint64_t size = 0;
@@ -60,15 +79,13 @@ class ByteReader {
     }
     /// A record takes bytes, so there are no more of them than bytes left.
     template <typename Record>
-    void getList(std::vector<Record>& records, void (*getOne)(ByteReader&, Record&)) {
+    void get(std::vector<Record>& records) {
         std::uint64_t count = 0;
         get(count);
         for (; count > 0 && whole_; --count) {
-            getOne(*this, records.emplace_back());
+            eachField(*this, records.emplace_back());
         }
     }
-
-  private:
     std::string_view cut(std::uint64_t size) {
         whole_ = whole_ && size <= rest_.size();
         const std::string_view piece = rest_.substr(0, whole_ ? size : 0);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <type_traits>
 
 #include "stacks/record/ByteStream.h"
 
@@ -12,28 +13,23 @@ namespace {
 // Of the form, so that a stream from another build is refused.
 constexpr std::uint64_t formMark = 0x3150414353564154;
 
-void getThread(ByteReader& reader, CapturedThread& thread) {
-    reader.get(thread.tid);
-    reader.get(thread.name);
-    for (std::uint64_t& value : thread.registers) {
-        reader.get(value);
-    }
-    reader.get(thread.threadPointer);
-}
-
-void getBlock(ByteReader& reader, MemoryBlock& block) {
-    reader.get(block.address);
-    reader.get(block.bytes);
-}
-
-void getFile(ByteReader& reader, MappedFile& file) {
-    reader.get(file.start);
-    reader.get(file.end);
-    reader.get(file.path);
-    reader.get(file.buildId);
-}
-
 }  // namespace
+
+template <typename Stream, typename Record>
+static void eachField(Stream& stream, Record& record) {
+    using Kind = std::remove_const_t<Record>;
+    if constexpr (std::is_same_v<Kind, CapturedThread>) {
+        stream(record.tid, record.name, record.registers, record.threadPointer);
+    } else if constexpr (std::is_same_v<Kind, MemoryBlock>) {
+        stream(record.address, record.bytes);
+    } else if constexpr (std::is_same_v<Kind, MappedFile>) {
+        stream(record.start, record.end, record.path, record.buildId);
+    } else {
+        stream(record.pid, record.crashedTid, record.signal.number, record.signal.code,
+               record.signal.address, record.signal.sender, record.threads, record.memory,
+               record.files);
+    }
+}
 
 const MemoryBlock* blockAt(const StackCapture& capture, std::uint64_t address) {
     // The first block that begins behind the address; the one in front of it may hold it.
@@ -48,34 +44,8 @@ const MemoryBlock* blockAt(const StackCapture& capture, std::uint64_t address) {
 
 std::string serialise(const StackCapture& capture) {
     ByteWriter writer;
-    writer.put(formMark);
-    writer.put(capture.pid);
-    writer.put(capture.crashedTid);
-    writer.put(capture.signal.number);
-    writer.put(capture.signal.code);
-    writer.put(capture.signal.address);
-    writer.put(capture.signal.sender);
-    writer.put(std::uint64_t{capture.threads.size()});
-    for (const CapturedThread& thread : capture.threads) {
-        writer.put(thread.tid);
-        writer.put(thread.name);
-        for (const std::uint64_t value : thread.registers) {
-            writer.put(value);
-        }
-        writer.put(thread.threadPointer);
-    }
-    writer.put(std::uint64_t{capture.memory.size()});
-    for (const MemoryBlock& block : capture.memory) {
-        writer.put(block.address);
-        writer.put(block.bytes);
-    }
-    writer.put(std::uint64_t{capture.files.size()});
-    for (const MappedFile& file : capture.files) {
-        writer.put(file.start);
-        writer.put(file.end);
-        writer.put(file.path);
-        writer.put(file.buildId);
-    }
+    writer(formMark);
+    eachField(writer, capture);
     return writer.take();
 }
 
@@ -83,16 +53,8 @@ std::optional<StackCapture> parse(std::string_view bytes) {
     ByteReader reader(bytes);
     std::uint64_t mark = 0;
     StackCapture capture;
-    reader.get(mark);
-    reader.get(capture.pid);
-    reader.get(capture.crashedTid);
-    reader.get(capture.signal.number);
-    reader.get(capture.signal.code);
-    reader.get(capture.signal.address);
-    reader.get(capture.signal.sender);
-    reader.getList(capture.threads, getThread);
-    reader.getList(capture.memory, getBlock);
-    reader.getList(capture.files, getFile);
+    reader(mark);
+    eachField(reader, capture);
     return mark == formMark && reader.isWhole() ? std::optional(std::move(capture)) : std::nullopt;
 }
 
