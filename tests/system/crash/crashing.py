@@ -38,21 +38,18 @@ def native():
     crash_by_address()
 
 
-def in_handler():
+def in_handler(flags=0):
     announce()
     handler = ctypes.CFUNCTYPE(None, ctypes.c_int)(lambda number: crash_by_address())
-    LIBC.signal(signal.SIGUSR1, handler)
+    LIBC.sigaction(signal.SIGUSR1, struct.pack("P128xi4xP", ctypes.cast(handler, ctypes.c_void_p).value, flags, 0),
+                   None)
     getattr(LIBC, "raise")(signal.SIGUSR1)
 
 
 def on_another_stack():
-    announce()
     stack = ctypes.create_string_buffer(1 << 18)
     LIBC.sigaltstack(struct.pack("PiP", ctypes.addressof(stack), 0, len(stack)), None)
-    handler = ctypes.CFUNCTYPE(None, ctypes.c_int)(lambda number: crash_by_address())
-    LIBC.sigaction(signal.SIGUSR1, struct.pack("P128xi4xP", ctypes.cast(handler, ctypes.c_void_p).value,
-                                               SA_ONSTACK, 0), None)
-    getattr(LIBC, "raise")(signal.SIGUSR1)
+    in_handler(SA_ONSTACK)
 
 
 def under_faulthandler():
@@ -120,36 +117,26 @@ def division():
     LIBC.div(1, 0)
 
 
-def int3():
+def trap():
     announce()
-    page = mmap.mmap(-1, mmap.PAGESIZE, prot=mmap.PROT_READ | mmap.PROT_WRITE | mmap.PROT_EXEC)
-    page.write(b"\xcc\xc3")
-    ctypes.CFUNCTYPE(None)(ctypes.addressof(ctypes.c_char.from_buffer(page)))()
+    os.kill(os.getpid(), signal.SIGTRAP)
 
 
-def in_python():
-    announce()
-    ctypes.pythonapi.PyObject_Str.argtypes = [ctypes.c_void_p]
-    ctypes.pythonapi.PyObject_Str(16)
-
-
-def with_module(name, change):
+def odd_module():
+    """Of a name that is no UTF-8, and cut off meanwhile."""
     announce()
     with tempfile.TemporaryDirectory() as folder:
-        path = os.path.join(os.fsencode(folder), name)
+        path = os.path.join(os.fsencode(folder), b"caf\xe9.so")
         shutil.copy(os.environ["WIDE_FRAMES"], path)
         ctypes.CDLL(os.fsdecode(path))
-        with open(path, "r+b") as file:
-            change(file)
+        os.truncate(path, mmap.PAGESIZE)
         crash_by_address()
 
 
-def latin1():
-    with_module(b"caf\xe9.so", lambda file: None)
-
-
-def truncated():
-    with_module(b"module.so", lambda file: file.truncate(mmap.PAGESIZE))
+def beside_log():
+    with open("PythonStackLog.txt", "w") as log:
+        log.write("C function call\n1 \x1b[2J\n")
+    native()
 
 
 def traced():

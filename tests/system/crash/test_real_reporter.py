@@ -7,8 +7,10 @@ import select
 import shlex
 import signal
 import socket
+import struct
 import subprocess
 import sys
+import tempfile
 import time
 import unittest
 from pathlib import Path
@@ -18,6 +20,7 @@ import process_table
 from launch import THREAD_SANITIZED
 from scratch_tree import BUILT
 
+CONTEXT_SIZE = 1616  # of Breakpad's CrashContext
 WRAPPED = '"$0.real" "$@"\nexit $?'
 
 
@@ -80,22 +83,14 @@ def has_yet_to_stop(pid):
     return int(next(process_table.thread_statuses(pid))["ShdPnd"], 16) >> (STOP - 1) & 1
 
 
-def reporter_of(process):
-    """A descriptor that is readable when the launcher's reporter has ended, and its process id."""
-    with open(f"/proc/{process.pid}/task/{process.pid}/children") as children:
-        for pid in map(int, children.read().split()):
-            with open(f"/proc/{pid}/comm") as name:
-                if name.read().startswith("CrashReporter"):
-                    return os.pidfd_open(pid), pid
-    raise AssertionError("no reporter")
-
-
 class ReporterTest(CrashTest):
     def start_waiting(self, tree, kind):
         """The launcher, once it has started; its reporter's descriptor and process id."""
         process = self.start_script(tree, kind)
         self.await_line(process.stdout, str(process.pid))
-        descriptor, pid = reporter_of(process)
+        pid, = [pid for pid in map(int, read(f"/proc/{process.pid}/task/{process.pid}/children").split())
+                if read(f"/proc/{pid}/comm").startswith("CrashReporter")]
+        descriptor = os.pidfd_open(pid)
         self.addCleanup(os.close, descriptor)
         return process, descriptor, pid
 
@@ -280,25 +275,47 @@ class ReporterTest(CrashTest):
                 self.assertEqual((len(crashed.dumps), len(crashed.reports)), (0, 0) if asks else (1, 1))
                 asked.unlink(missing_ok=True)
 
+    def start_reporter(self, server, prompt, *inherited, **environment):
+        """The reporter alone, and what it answers."""
+        answers, handshake = os.pipe()
+        process = subprocess.Popen([BUILT / "bin/CrashReporterTavrel", str(server), str(handshake), prompt],
+                                   stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, env=environment,
+                                   pass_fds=(handshake, *inherited))
+        os.close(handshake)
+        with open(answers, "rb") as answer:
+            return process, answer.read()
+
     def test_refuses_what_it_cannot_serve(self):
         stream, other_end = socket.socketpair(socket.AF_UNIX, socket.SOCK_STREAM)
-        self.addCleanup(stream.close)
-        self.addCleanup(other_end.close)
-        for server, prompt, status, answer, line in [
-                ("9999", "0", 1, b"\0", "descriptor 9999 is not open"),
-                ("0", "0", 1, b"\0", "descriptor 0 is no socket"),
-                (str(stream.fileno()), "1", 1, b"\0", "is no SOCK_SEQPACKET socket"),
-                ("three", "0", 2, b"", "usage: SERVER_FD HANDSHAKE_FD 0|1"),
-                ("3", "2", 2, b"", "usage: SERVER_FD HANDSHAKE_FD 0|1")]:
-            with self.subTest(server=server, prompt=prompt):
-                read_end, handshake = os.pipe()
-                ended = subprocess.run([BUILT / "bin/CrashReporterTavrel", server, str(handshake), prompt],
-                                       stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, check=False,
-                                       pass_fds=(handshake, stream.fileno()))
-                os.close(handshake)
-                with open(read_end, "rb") as answers:
-                    self.assertEqual((ended.returncode, answers.read()), (status, answer))
-                self.assertIn(line, ended.stderr.decode())
+        with stream, other_end:
+            for server, prompt, status, answer, line in [
+                    ("9999", "0", 1, b"\0", "descriptor 9999 is not open"),
+                    ("0", "0", 1, b"\0", "descriptor 0 is no socket"),
+                    (stream.fileno(), "1", 1, b"\0", "is no SOCK_SEQPACKET socket"),
+                    ("three", "0", 2, b"", "usage: SERVER_FD HANDSHAKE_FD 0|1"),
+                    ("3", "2", 2, b"", "usage: SERVER_FD HANDSHAKE_FD 0|1")]:
+                with self.subTest(server=server, prompt=prompt):
+                    process, answered = self.start_reporter(server, prompt, stream.fileno())
+                    _, said = process.communicate()
+                    self.assertEqual((process.returncode, answered), (status, answer))
+                    self.assertIn(line, said.decode())
+
+    def test_serves_a_process_once_and_lets_go_what_is_no_crash(self):
+        server, client = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+        with server, client, tempfile.TemporaryDirectory() as folder:
+            process, answered = self.start_reporter(server.fileno(), "0", server.fileno(), TAVREL_CRASH_DIR=folder)
+            self.assertEqual(answered, b"\1")
+            crashes = [struct.pack("i", number).ljust(CONTEXT_SIZE, b"\0") for number in (signal.SIGBUS, signal.SIGFPE)]
+            for sent in crashes[1][:-1], *crashes:
+                released, held = os.pipe()
+                client.sendmsg([sent], [(socket.SOL_SOCKET, socket.SCM_RIGHTS, struct.pack("i", held))])
+                os.close(held)
+                self.await_end(released)  # every copy is closed
+                os.close(released)
+            process.terminate()
+            process.communicate()
+            report, = Path(folder).glob("*.txt")
+            self.assertIn("\nSignal:      SIGBUS", report.read_text())
 
 
 if __name__ == "__main__":
