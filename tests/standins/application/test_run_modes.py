@@ -5,13 +5,10 @@ import pstats
 import re
 import shutil
 import signal
-import stat
 import subprocess
 import sys
 import tempfile
 import unittest
-
-import pexpect
 
 sys.path.append(os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../system"))
 from xserver import start_x_server
@@ -163,11 +160,6 @@ root.after(1, look)
 """
 
 
-def state_of(pid):
-    with open("/proc/%d/stat" % pid) as stat:
-        return stat.read().rpartition(") ")[2][0]
-
-
 class RunModesTest(unittest.TestCase):
     def setUp(self):
         self.home = os.path.realpath(tempfile.mkdtemp())
@@ -212,9 +204,6 @@ class RunModesTest(unittest.TestCase):
         self.assertEqual({name for name in os.listdir(self.home)
                           if not name.startswith("tavrel_tmpdir_")},
                          {"a.ppm", "frame_0002.ppm", "frame_0005.ppm", "examples", *FILES})
-        self.assertRegex(pexpect.run(LAUNCHER + " --batch script.py script.py", cwd=self.home,
-                                     env=self.environment, timeout=DEADLINE),
-                         rb"tavrel: file 2 of 2 after \d+\.\d s: .*script.py")
 
     def test_answers_that_can_not_be_written(self):
         for option in ("--help", "--version", "--print=tree", "--system-info"):
@@ -298,50 +287,6 @@ class RunModesTest(unittest.TestCase):
         self.assertEqual(lines[-1], 'ERROR root] A ZeroDivisionError occurred in "fail.py": '
                                     'division by zero')
         self.assertNotIn("DEBUG root] d", lines)
-
-    def test_a_shell_on_a_terminal(self):
-        self.environment["XDG_STATE_HOME"] = os.path.join(self.home, "state")
-        prompt, interrupted = ">>> ", "KeyboardInterrupt"
-        # The thread sanitizer keeps a signal until the next system call.
-        endless = [("while True: pass\r", ["... "]), ("\r", ["\r\n"]), ("\x03", [interrupted, prompt])]
-        if os.environ.get("TAVREL_SANITIZER") == "thread":
-            endless = []
-        talk = [  # what is typed, what is awaited in turn
-            ("", ["Ctrl-D ends.", prompt]),
-            ("abs(-4141)\r", ["4141\r\n>>> "]),
-            ("Nodeg\t.__doc__[:5]\r", ["'The n'\r\n>>> "]),
-            ("abs(-99", ["abs(-99"]), ("\x03", [interrupted, prompt]),
-            ("if 1:\r", ["... "]), ("\x03", [interrupted, prompt]),
-            ("raise type('M', (Exception,), {'__str__': None})\r", ["Original exception was", prompt]),
-            *endless,
-            ("if 1:\r abs(-17)\rabs(-4141)\r", ["17\r\n4141\r\n>>> "]),
-        ]
-        history = os.path.join(self.home, "state", "tavrel", "shell_history")
-        os.makedirs(os.path.dirname(history))
-        self.write(history, "")
-        # The second run finds the last line of the first.
-        for conversation, end, status in (
-                (talk, lambda child: child.kill(signal.SIGTERM), 143),
-                ([talk[0], ("\x1b[A", ["abs(-4141)"]), ("\r", ["4141\r\n>>> "])],
-                 lambda child: child.send("\x04"), 0),
-                ([talk[0]], lambda child: child.kill(signal.SIGHUP), 129)):
-            child = pexpect.spawn(LAUNCHER, ["-V0", "--shell"], env=self.environment,
-                                  timeout=DEADLINE, encoding="utf-8")
-            self.addCleanup(child.close, force=True)
-            for typed, awaited in conversation:
-                child.send(typed)
-                for text in awaited:
-                    child.expect_exact(text)
-                # A signal that comes when Python is about to read doesn't end the read.
-                while typed != "\r" and child.isalive() and state_of(child.pid) != "S":
-                    os.sched_yield()
-            end(child)
-            child.expect_exact(pexpect.EOF)
-            child.wait()
-            self.assertEqual(child.exitstatus, status)
-        self.assertEqual(stat.S_IMODE(os.stat(history).st_mode), 0o600)
-        with open(history) as lines:
-            self.assertEqual(lines.read().split().count("abs(-4141)"), 2)
 
     def test_the_window_with_10000_nodes_does_as_it_is_told(self):
         self.companions = set()  # start_x_server notes its server here

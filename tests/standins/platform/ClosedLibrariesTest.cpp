@@ -3,14 +3,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
-#include <iostream>
-#include <sstream>
-
 #include "ZkConfiguration/Configuration.h"
-#include "ZkLoggingHost/LogLines.h"
-#include "ZkLoggingHost/ZkLoggerGlue.h"
 #include "ZkPlexum3/ZkPlexum3.h"
 #include "ZkPlexumSDK/pystring.h"
 
@@ -79,71 +72,6 @@ void checkSnapshot() {
 
 TEST(Configuration, StartsAsTheEnvironmentAndGoesItsOwnWay) {
     EXPECT_IN_CHILD(checkSnapshot(), Eq(""));
-}
-
-class Logging : public testing::Test {
-  protected:
-    void SetUp() override {
-        std::string pattern = testing::TempDir() + "tavrel_platform_XXXXXX";
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        folder_ = pattern;
-    }
-    void TearDown() override { std::filesystem::remove_all(folder_); }
-
-    std::string write(const std::string& name, const std::string& text) {
-        std::ofstream(folder_ / name) << text;
-        return folder_ / name;
-    }
-    std::filesystem::path folder_;
-};
-
-void logAtEveryLevel(const std::string& configurationFile) {
-    Config().set("ZKLOGGING_CONFIG", configurationFile);
-    const ZkLoggingHost::ZkLoggerGlue logger("MAIN");
-    std::cerr << logger.debugEnabled() << logger.infoEnabled() << logger.errorEnabled() << '\n';
-    logger.debug("fine {0}", "MAIN/src/tavrel", 7);
-    logger.info("two\twords", "MAIN/src/tavrel", 123);
-    logger.error("bad", "MAIN/src/tavrel", 345);
-    ZkLoggingHost::writeLine("more");
-}
-
-std::string contentOf(const std::filesystem::path& path) {
-    std::ostringstream content;
-    content << std::ifstream(path).rdbuf();
-    return content.str();
-}
-
-TEST_F(Logging, GoesWhereTheFileAsksOrSaysWhatIsWrongWithIt) {
-    const std::string error = "[ERROR MAIN] bad (MAIN/src/tavrel:345)\nmore\n";
-    const std::string info = "[INFO MAIN] two\twords (MAIN/src/tavrel:123)\n" + error;
-    const std::string toStderr = "; logging to standard error";
-    const std::string byDefault = toStderr + " at level info (log.conf:1)\n011\n" + info;
-    const std::string conf = folder_ / "log.conf", wrong = "[ERROR LOGGING] \"" + conf + "\": ";
-    const std::string unusable = "[ERROR LOGGING] \"";
-    const std::pair<std::string, std::string> cases[] = {
-        {"[log]\nlevel=debug\n", "111\n[DEBUG MAIN] fine {0} (MAIN/src/tavrel:7)\n" + info},
-        {"[log]\nlevel=error", "001\n" + error},
-        {"[log]\nlevel=off\n", "000\nmore\n"},
-        {contentOf(TAVREL_LOG_CONF), "011\n" + info},
-        {"[log]\nlevel=loud\n",
-         wrong + "level \"loud\" is none of debug, info, warning, error, off" + byDefault},
-        {"", wrong + "No such file or directory" + byDefault},
-        {"[log]\nlevel=error\ndestination=" + folder_.string(),
-         unusable + folder_.string() + "\": Is a directory" + toStderr + " (log.conf:1)\n001\n" +
-             error},
-    };
-    for (const auto& [text, expected] : cases) {
-        std::filesystem::remove(conf);
-        EXPECT_IN_CHILD(logAtEveryLevel(text.empty() ? conf : write("log.conf", text)),
-                        Eq(expected));
-    }
-    // The line that didn't fit was made for the file.
-    EXPECT_IN_CHILD(logAtEveryLevel(write("log.conf", "[log]\nlevel=error\ndestination=/dev/full")),
-                    testing::AllOf(testing::StartsWith("001\n" + unusable +
-                                                       "/dev/full\": No space left "
-                                                       "on device" +
-                                                       toStderr + " (log.conf:1)\n"),
-                                   testing::EndsWith(" " + error)));
 }
 
 TEST(Pystring, ReplaceGivesWhatPython37Gives) {
