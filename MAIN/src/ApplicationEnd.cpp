@@ -42,23 +42,32 @@ int statusOfExitValue(PyObject* value) {
     return printedObjectStatus;
 }
 
-// The pending SystemExit is taken as it is: its value may be an instance or still the bare argument
-// of sys.exit.
+// The pending exception, taken as it is: the value may be an instance or the bare argument.
+struct TakenException {
+    PythonReference type, value, traceback;
+
+    explicit TakenException(bool isNormalized) {
+        PyObject* fetched[3] = {};
+        PyErr_Fetch(&fetched[0], &fetched[1], &fetched[2]);
+        if (isNormalized) {
+            PyErr_NormalizeException(&fetched[0], &fetched[1], &fetched[2]);
+        }
+        type.reset(fetched[0]);
+        value.reset(fetched[1]);
+        traceback.reset(fetched[2]);
+    }
+};
+
 int takeSystemExit() {
-    PyObject* type = nullptr;
-    PyObject* value = nullptr;
-    PyObject* traceback = nullptr;
-    PyErr_Fetch(&type, &value, &traceback);
-    const PythonReference typeOwner(type);
-    PythonReference valueOwner(value);
-    const PythonReference tracebackOwner(traceback);
-    if (!typeOwner) {
+    TakenException taken(/*isNormalized=*/false);
+    if (!taken.type) {
         boost::python::throw_error_already_set();
     }
-    if (valueOwner && PyObject_IsInstance(valueOwner.get(), PyExc_SystemExit) != 0) {
-        valueOwner.reset(PyObject_GetAttrString(valueOwner.get(), "code"));
+    PythonReference& value = taken.value;
+    if (value && PyObject_IsInstance(value.get(), PyExc_SystemExit) != 0) {
+        value.reset(PyObject_GetAttrString(value.get(), "code"));
     }
-    return valueOwner ? statusOfExitValue(valueOwner.get()) : 0;
+    return value ? statusOfExitValue(value.get()) : 0;
 }
 
 int takeFailureStatus() {
@@ -75,13 +84,8 @@ int flushError = 0;  // errno's value, or unknownError
 // What the pending exception says of the output: an OSError's number, EINTR for one that ends the
 // run; 0 for any other, such as a closed stream's.
 int takeErrorNumber() {
-    PyObject* type = nullptr;
-    PyObject* value = nullptr;
-    PyObject* traceback = nullptr;
-    PyErr_Fetch(&type, &value, &traceback);
-    PyErr_NormalizeException(&type, &value, &traceback);
-    const PythonReference owners[] = {PythonReference(type), PythonReference(value),
-                                      PythonReference(traceback)};
+    const TakenException taken(/*isNormalized=*/true);
+    PyObject* const value = taken.value.get();
     if (value == nullptr || PyObject_IsInstance(value, PyExc_Exception) == 0) {
         return EINTR;
     }
@@ -121,13 +125,11 @@ bool isOutputTheResult() {
 }
 
 PyObject* flushOutput(PyObject* /*module*/, PyObject* /*arguments*/) {
-    PyObject* const streams[] = {PySys_GetObject("stdout"), PySys_GetObject("__stdout__")};
-    Py_XINCREF(streams[0]);
-    Py_XINCREF(streams[1]);
-    const PythonReference owners[] = {PythonReference(streams[0]), PythonReference(streams[1])};
-    flushStream(streams[0]);
-    if (streams[1] != streams[0]) {
-        flushStream(streams[1]);
+    for (const char* const name : {"stdout", "__stdout__"}) {
+        PyObject* const stream = PySys_GetObject(name);
+        Py_XINCREF(stream);  // a flush may replace it
+        const PythonReference owner(stream);
+        flushStream(stream);
     }
     Py_RETURN_NONE;
 }

@@ -20,9 +20,6 @@
 ///
 /// Each Init... and Start... runs once in a process: later calls return at once. One that was left
 /// by an exception may be called again. A second caller on another thread waits for the first.
-///
-/// Behind it each subject has a source file: InstallRoot, PathEncoding, ControllingProcess,
-/// PythonStart.
 namespace UTIL {
 
 /// The install root: the folder above the one that holds the executable, read from /proc/self/exe
