@@ -62,10 +62,10 @@ class SystemTest(unittest.TestCase):
         self.addCleanup(self._leave_nothing_running)
         return tree
 
-    def reap(self):
+    def reap(self, deadline=None):
         """Waits for everything that ended launchers left; exit codes by process id."""
         own = {process.pid for process in self._running} | self.companions
-        return process_table.reap_adopted(own, DEADLINE_SECONDS)
+        return process_table.reap_adopted(own, deadline or time.monotonic() + DEADLINE_SECONDS)
 
     def environment(self, tree, changes):
         values = {
@@ -97,14 +97,15 @@ class SystemTest(unittest.TestCase):
 
     def finish(self, tree, process):
         """Closes the launcher's input, waits for its end and for everything that it left."""
+        deadline = time.monotonic() + DEADLINE_SECONDS
         try:
             out, err = process.communicate(timeout=DEADLINE_SECONDS)
-        except subprocess.TimeoutExpired:
+        except subprocess.TimeoutExpired as late:
             process.kill()
-            raise
+            raise AssertionError(f"{process.args} had not ended; errors: {late.stderr}") from None
         finally:
             self._running.remove(process)
-        self.reap()
+        self.reap(deadline)
         return Ended(process.returncode, out, err, tree.record)
 
     def run_launcher(self, tree, *args, act="", **start):

@@ -79,12 +79,11 @@ def wait_for_end(pid, deadline):
         os.close(descriptor)
 
 
-def reap_adopted(own, seconds):
+def reap_adopted(own, deadline):
     """Waits until nothing is left of what this process adopted; exit codes by process id.
 
     own: process ids that another part of this process waits for.
     """
-    deadline = time.monotonic() + seconds
     codes = {}
     while adopted := children() - own:
         for pid in adopted:

@@ -87,7 +87,7 @@ class Soak:
             for first in range(0, len(work), 500):
                 list(pool.map(lambda each: self.run(*each), work[first:first + 500]))
                 # What the runs have started ends by itself and takes the temporary folders along.
-                process_table.reap_adopted(set(), LIMIT_SECONDS)
+                process_table.reap_adopted(set(), time.monotonic() + LIMIT_SECONDS)
         if left := list(self.temporary.iterdir()):
             self.wrong.append(f"left {left}")
 

@@ -10,31 +10,23 @@ from scratch_tree import REFUSALS
 MINIMALLY, FULLY, UNINITIALIZE = (
     "ZkPlexum3InitializeMinimally", "ZkPlexum3Initialize", "ZkPlexum3Uninitialize")
 
-# What the application does, exit status, what standard error holds ("": it is empty).
+# What the application does, exit status, what is reported ("": nothing) behind the exit line.
 ENDS = [
     ("", 0, ""),
     ("import sys; sys.exit()", 0, ""),
-    ("import sys; sys.exit(False)", 0, ""),
     ("import sys; sys.exit(True)", 1, ""),
+    ("raise OSError('gone')", 255, "An OSError occurred in <string>: gone"),
     ("import sys; sys.exit(3)", 3, ""),
-    ("import sys; sys.exit(255)", 255, ""),
     ("import sys; sys.exit(256)", 255, ""),
     ("import sys; sys.exit(257)", 1, ""),
-    ("import sys; sys.exit(-1)", 255, ""),
-    ("import sys; sys.exit(-256)", 255, ""),
-    ("import sys; sys.exit(1 << 32)", 255, ""),
     ("import sys; sys.exit(1 << 64)", 255, "OverflowError"),
     ("import sys; sys.exit('no licence')", 1, "no licence\n"),
-    ("import sys; sys.exit('')", 1, "\n"),
-    ("import sys; sys.exit([1, 'a'])", 1, "[1, 'a']\n"),
     ("class Quit(SystemExit): pass\nraise Quit(9)", 9, ""),
     ("class Quit(SystemExit):\n    code = property(lambda self: 1 / 0)\nraise Quit(3)", 0,
      "ZeroDivisionError"),
     ("class Mute:\n    def __str__(self): return self.gone\nraise SystemExit(Mute())", 1,
      "AttributeError"),
-    ("class Level(int): pass\nimport sys\nsys.exit(Level(4))", 4, ""),
     ("import atexit, sys\natexit.register(print, 'bye', file=sys.stderr)\nsys.exit(8)", 8, "bye\n"),
-    ("import os; os._exit(6)", 6, ""),
 ]
 
 
@@ -67,9 +59,10 @@ class ExitStatusTest(SystemTest):
         tree = self.scratch_tree()
         for act, status, err in ENDS:
             with self.subTest(act):
-                ended = self.run_launcher(tree, "--batch", "-V", "0", act=act)
-                self.assertEqual((ended.status, bool(ended.err)), (status, bool(err)), ended.err)
-                self.assertIn(err, ended.err)
+                ended = self.run_launcher(tree, "--batch", "-V", "2", act=act)
+                report = ended.err.partition("Tavrel Python application exited.")[2].partition("\n")[2]
+                self.assertEqual((ended.status, bool(report)), (status, bool(err)), ended.err)
+                self.assertIn(err, report)
 
     def test_lost_output_is_no_success(self):
         tree = self.scratch_tree()
@@ -121,18 +114,6 @@ print(1)
                 ended = self.run_launcher(tree, "--batch", act=act % (closed,),
                                           preexec_fn=lambda: [os.close(fd) for fd in closed])
                 self.assertIn(ended.status, range(3, 200), ended.err)
-
-    def test_exit_line_comes_whatever_the_outcome_and_the_report_behind_it(self):
-        tree = self.scratch_tree()
-        for act, status, report in (
-                ("", 0, ""), ("import sys; sys.exit(3)", 3, ""),
-                ("raise OSError('gone')", 255, "An OSError occurred in <string>: gone")):
-            with self.subTest(act):
-                ended = self.run_launcher(tree, "--batch", "-V", "2", act=act)
-                self.assertEqual((ended.status, ended.texts[-2:]), (status, [
-                    "Executing Tavrel Python application...",
-                    "Tavrel Python application exited."]))
-                self.assertIn(report, ended.err.partition("application exited.")[2])
 
     def test_each_way_out_takes_down_what_it_brought_up(self):
         tree = self.scratch_tree()

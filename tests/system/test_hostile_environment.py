@@ -1,5 +1,5 @@
 """A facility's environment: files under the tree's own names in every place where a loader or an
-interpreter may look, and bad values of the interpreter's variables."""
+interpreter may look, and values of the interpreter's variables."""
 
 import json
 import unittest
@@ -28,17 +28,6 @@ print(json.dumps({"path": sys.path, "mapped": mapped, "child": child.decode().st
                   "environment": dict(v.split("=", 1) for v in environment.split("\\0") if v)}))
 """
 CUSTOMIZATION = {"sitecustomize", "usercustomize"}
-
-# Variable, value, exit status, what standard error says.
-INTERPRETER_VARIABLES = [
-    ("PYTHONIOENCODING", "nonsense", -6, "LookupError: unknown encoding: nonsense"),
-    ("PYTHONHASHSEED", "x", 1, "PYTHONHASHSEED must be"),
-    ("PYTHONMALLOC", "x", 1, "Unknown PYTHONMALLOC allocator"),
-    ("PYTHONMALLOC", "debug", 0, ""),
-    ("PYTHONUTF8", "x", 1, "invalid PYTHONUTF8"),
-    ("PYTHONTRACEMALLOC", "x", 1, "PYTHONTRACEMALLOC: invalid number of frames"),
-    ("PYTHONINSPECT", "1", 0, ""),
-]
 
 
 class HostileEnvironmentTest(SystemTest):
@@ -109,18 +98,10 @@ class HostileEnvironmentTest(SystemTest):
 """)
         self.probe.write_text("import os; print(os.environ['SEEN'], os.environ['PYTHONPATH'])")
         ended = self.run_launcher(self.tree, "--script", str(self.probe),
-                                  env={"PYTHONPATH": str(self.hostile)})
+                                  env={"PYTHONPATH": str(self.hostile), "PYTHONMALLOC": "debug",
+                                       "PYTHONINSPECT": "1"})
         self.assertEqual(ended.out.split(), [str(self.hostile), f"{self.hostile}:/changed"],
                          ended.err)
-
-    def test_interpreter_variables(self):
-        for name, value, status, text in INTERPRETER_VARIABLES:
-            with self.subTest(f"{name}={value}"):
-                ended = self.run_launcher(self.tree, "-V0", "--batch", "/dev/null",
-                                          env={name: value})
-                self.assertEqual(ended.status, status, ended.err)
-                self.assertIn(text, ended.err)
-                self.assertEqual(bool(text), "Fatal Python error" in ended.err)
 
 
 if __name__ == "__main__":

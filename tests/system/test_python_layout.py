@@ -1,7 +1,6 @@
 """The interpreter's search path and arguments, in trees that stand in ordinary and odd places."""
 
 import os
-import shutil
 import unittest
 
 from launch import SystemTest
@@ -27,11 +26,9 @@ class SearchPathTest(SystemTest):
         off = {"TAVREL_USD_PLUGINS_DISABLED": "1"}
         table = [
             (off, own),
-            ({pre: "/p:/q"}, ["/p", "/q"] + own + [usd]),
-            ({pre: bin_}, [bin_] + without_bin + [usd]),
+            ({pre: f"{bin_}:/q", post: f"{tree.root}:/q:{usd}"}, [bin_, "/q"] + without_bin + [usd]),
             ({pre: f"{bin_}/"}, [f"{bin_}/"] + own + [usd]),
             ({mid: f"/m:{bin_}:/n"}, own + ["/m", "/n", usd]),
-            ({post: f"{tree.root}:/x:/x:{usd}"}, own + ["/x", usd]),
             ({post: "/x::/y::"}, own + ["/x", "", "/y", usd]),
             ({**off, post: "::"}, own + [""]),
             ({pre: "/a", mid: "/a:/b", post: "/b:/c"}, ["/a"] + own + ["/b", "/c", usd]),
@@ -108,11 +105,10 @@ class PlacesTest(SystemTest):
         return ended
 
     def test_blank_and_accent_in_the_trees_path(self):
-        for name in ("with a blank", "grün"):
-            tree = self.scratch_tree(name)
-            for env in ({}, {"LANG": "C"}, {"LANG": "POSIX"}):
-                with self.subTest(name=name, env=env):
-                    self.check(tree, **env)
+        tree = self.scratch_tree("with a blank, grün")
+        for env in ({}, {"LANG": "C"}, {"LANG": "POSIX"}):
+            with self.subTest(env):
+                self.check(tree, **env)
 
     def test_single_quote_in_the_trees_path_costs_the_variable_and_nothing_else(self):
         tree = self.scratch_tree("the user's")
@@ -124,18 +120,14 @@ class PlacesTest(SystemTest):
                          ":".join(own_entries(tree.root)))
         self.assertNotIn("TAVREL_INTERNAL_PYTHONPATH", ended.start["environment"])
 
-    def test_links_lead_to_the_real_tree_which_may_move(self):
+    def test_links_lead_to_the_real_tree(self):
         tree = self.scratch_tree()
         link = tree.folder / "elsewhere"
         link.mkdir()
         (link / "launcher").symlink_to(tree.bin / "tavrel")
         (link / "tree").symlink_to(tree.root)
-        for program in (link / "launcher", link / "tree/bin/tavrel", None):
+        for program in (link / "launcher", link / "tree/bin/tavrel"):
             self.check(tree, program=program)
-        moved = tree.root.with_name("moved")
-        shutil.move(tree.root, moved)
-        tree.root, tree.bin = moved, moved / "bin"
-        self.check(tree)
 
 
 if __name__ == "__main__":
