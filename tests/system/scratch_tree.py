@@ -18,6 +18,13 @@ RECORDED_MODULES = (
     "RenderingAPI").split()
 
 
+def scratch_folder(test):
+    """Beside the built tree, since a hard link can't leave its file system."""
+    folder = Path(tempfile.mkdtemp(prefix="scratch_", dir=BUILT.parent))
+    test.addCleanup(shutil.rmtree, folder)
+    return folder
+
+
 class ScratchTree:
     """A tree of its own in a folder of its own, removed when the test ends.
 
@@ -27,9 +34,7 @@ class ScratchTree:
     """
 
     def __init__(self, test, name="tree", recorder=True):
-        # Beside the built tree, since a hard link can't leave its file system.
-        self.folder = Path(tempfile.mkdtemp(prefix="scratch_", dir=BUILT.parent))
-        test.addCleanup(shutil.rmtree, self.folder)
+        self.folder = scratch_folder(test)
         self.root = self.folder / name
         self.bin = self.root / "bin"
         self.temporary = self.folder / "tmp"
