@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <regex>
-#include <sstream>
 #include <string>
 
 #include "crash/src/pythonStackLog.h"
@@ -30,22 +30,15 @@ class PythonStackLog : public testing::Test {
     }
 
     void SetUp() override {
-        std::string pattern = testing::TempDir() + "stack.XXXXXX";
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        before_ = fs::current_path();
-        folder_ = pattern;
-        fs::current_path(folder_);
+        std::string folder = testing::TempDir() + "stack.XXXXXX";
+        ASSERT_NE(mkdtemp(folder.data()), nullptr);
+        fs::current_path(folder);
     }
-    void TearDown() override {
-        PyEval_SetProfile(nullptr, nullptr);
-        fs::current_path(before_);
-        fs::remove_all(folder_);
-    }
+    void TearDown() override { fs::remove_all(fs::current_path()); }
 
     static std::string written() {
-        std::ostringstream text;
-        text << std::ifstream(pythonStackLogFile).rdbuf();
-        return text.str();
+        std::ifstream file(pythonStackLogFile);
+        return {std::istreambuf_iterator<char>(file), {}};
     }
 
     /// Runs @p source under the hook and returns what the last call left in the file.
@@ -55,23 +48,19 @@ class PythonStackLog : public testing::Test {
         PyEval_SetProfile(nullptr, nullptr);
         return written();
     }
-
-  private:
-    fs::path before_;
-    fs::path folder_;
 };
 
 TEST_F(PythonStackLog, HookWritesOnlyForCallsAndPlainStrings) {
     const std::string path = "'PythonStackLog.txt'";
-    const std::string subclass = "type('Text', (str,), {})(" + path + ")";
     const struct {
         std::string object;
         int what;
         const char* written;
     } cases[] = {
-        {path, PyTrace_CALL, "Python function call\n"}, {path, PyTrace_RETURN, "untouched"},
-        {path, PyTrace_C_CALL, "C function call\n"},    {path, PyTrace_C_RETURN, "untouched"},
-        {"b" + path, PyTrace_CALL, "untouched"},        {subclass, PyTrace_CALL, "untouched"},
+        {path, PyTrace_CALL, "Python function call\n"},
+        {path, PyTrace_RETURN, "untouched"},
+        {"b" + path, PyTrace_CALL, "untouched"},
+        {"type('Text', (str,), {})(" + path + ")", PyTrace_CALL, "untouched"},
         {"'\\udc80'", PyTrace_CALL, "untouched"},
     };
     for (const auto& each : cases) {
@@ -89,16 +78,13 @@ TEST_F(PythonStackLog, HookWritesOnlyForCallsAndPlainStrings) {
 
 TEST_F(PythonStackLog, LastCallStandsOverItsCallers) {
     const std::string text = lastStackOf(
-        "def inner():\n"
-        "    'long ' * 1000\n"
-        "    len('')\n"
-        "def outer():\n"
-        "    inner()\n"
-        "for each in range(3): outer()\n");
+        "def inner():\n  len('')\n"
+        "def outer():\n  inner()\n"
+        "outer()\n");
     const std::regex expected(
         "C function call\n"
         "(-?\\d+) 1 1 inner <string> \n"
-        " \\1 4 4 outer <string> \n"
+        " \\1 3 3 outer <string> \n"
         "  \\1 1 1 <module> <string> \n");
     EXPECT_TRUE(std::regex_match(text, expected)) << text;
     constexpr auto ownerAlone = fs::perms::owner_read | fs::perms::owner_write;

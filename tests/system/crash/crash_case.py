@@ -18,10 +18,7 @@ IN_PROCESS_FOLDER = Path("/var/tmp")
 
 
 def own_dumps_in_process(tree):
-    """In-process dumps of this scratch tree's launchers, among everybody's.
-
-    A dump names the modules of its process, in UTF-16; no other launcher has this tree's path.
-    """
+    """Of this scratch tree's launchers: a dump names the modules of its process, in UTF-16."""
     mark = str(tree.bin / "tavrel").encode("utf-16-le")
     found = []
     for dump in IN_PROCESS_FOLDER.glob("*-*-*-*-*.dmp"):
@@ -31,11 +28,6 @@ def own_dumps_in_process(tree):
         except FileNotFoundError:
             pass  # another test's, removed meanwhile
     return found
-
-
-def remove_own_dumps_in_process(tree):
-    for dump in own_dumps_in_process(tree):
-        dump.unlink()
 
 
 def no_core():
@@ -54,12 +46,18 @@ class Crashed:
         self.others = [file for file in folder.iterdir() if file not in self.dumps + self.reports]
 
 
+def put_script(tree, name, script):
+    program = tree.bin / name
+    if program.exists():
+        program.unlink()  # a link to the built one
+    program.write_text(f"#!/bin/sh\n{script}\n")
+    program.chmod(0o755)
+
+
 def put_reporter(tree, script):
     """Puts a shell script in the reporter's place, which becomes $0.real."""
-    reporter = tree.bin / "CrashReporterTavrel"
-    reporter.rename(tree.bin / "CrashReporterTavrel.real")
-    reporter.write_text(f"#!/bin/sh\n{script}\n")
-    reporter.chmod(0o755)
+    (tree.bin / "CrashReporterTavrel").rename(tree.bin / "CrashReporterTavrel.real")
+    put_script(tree, "CrashReporterTavrel", script)
 
 
 class CrashTest(SystemTest):
@@ -70,8 +68,7 @@ class CrashTest(SystemTest):
         for old in folder.iterdir():
             if not old.is_dir():
                 old.unlink()
-        remove_own_dumps_in_process(tree)
-        self.addCleanup(remove_own_dumps_in_process, tree)
+        self.addCleanup(lambda: [dump.unlink() for dump in own_dumps_in_process(tree)])
         return self.start(tree, "--script", str(HERE / "crashing.py"), kind, **{"preexec_fn": no_core, **start},
                           env={"TAVREL_CRASH_HANDLING": "1", "TAVREL_CRASH_DIR": str(folder), **(env or {})})
 

@@ -10,7 +10,7 @@ import tempfile
 import unittest
 from pathlib import Path
 
-from crash_case import CrashTest, no_core
+from crash_case import CrashTest, no_core, put_script
 from launch import THREAD_SANITIZED
 from scratch_tree import STAND_INS
 
@@ -114,8 +114,7 @@ class CrashesTest(CrashTest):
         for script, line in (("exit 127", "the library libdw.so.1 is missing; install libdw1"),
                              ("kill -9 $$", "The stacks could not all be found."), (None, "tavrelFrames is missing")):
             with self.subTest(script):
-                frames.unlink()
-                frames.write_text(f"#!/bin/sh\n{script}\n")
+                put_script(tree, frames.name, script)
                 frames.chmod(0o755 if script else 0o644)
                 report = self.crash(tree, "native").reports[0].read_text()
                 self.assertRegex(report, f"(?s)\nCrashed thread .*\n  #0 +libc.so.6 \\+ 0x.*{line}.*\nModules: ")

@@ -15,7 +15,7 @@ import time
 import unittest
 from pathlib import Path
 
-from crash_case import HERE, LIMIT_SECONDS, CrashTest, put_reporter  # the ones below are found through it
+from crash_case import HERE, LIMIT_SECONDS, CrashTest, put_reporter, put_script  # the ones below are found through it
 import process_table
 from launch import THREAD_SANITIZED
 from scratch_tree import BUILT
@@ -148,11 +148,8 @@ class ReporterTest(CrashTest):
 
     def test_guardian_is_woken_while_it_finishes_a_report(self):
         tree = self.scratch_tree(recorder=False)
-        frames = tree.bin / "tavrelFrames"
-        frames.unlink()
         # By then the launcher has ended, and with it the channel.
-        frames.write_text("#!/bin/sh\nread -r _ _ _ guardian _ </proc/$PPID/stat\nsleep 0.5\nkill -STOP $guardian\n")
-        frames.chmod(0o755)
+        put_script(tree, "tavrelFrames", "read -r _ _ _ guardian _ </proc/$PPID/stat\nsleep 0.5\nkill -STOP $guardian")
         self.assertEqual(len(self.crash(tree, "native").reports), 1)  # awaits the end of the reporter
 
     def test_full_pipe_on_standard_error_holds_no_process(self):
@@ -263,14 +260,12 @@ class ReporterTest(CrashTest):
 
     def test_asks_only_with_the_flag_and_a_display(self):
         tree = self.scratch_tree(recorder=False)
-        zenity, asked = tree.folder / "programs/zenity", tree.folder / "asked"
-        zenity.parent.mkdir()
-        zenity.write_text(f"#!/bin/sh\n: >'{asked}'\nexit 0\n")  # it answers "Remove"
-        zenity.chmod(0o755)
+        asked = tree.folder / "asked"
+        put_script(tree, "zenity", f": >'{asked}'")  # it answers "Remove"
         put_reporter(tree, 'exec "$0.real" "$1" "$2" "$PROMPT"')
         for flag, display, asks in ("1", ":none", True), ("1", "", False), ("0", ":none", False):
             with self.subTest(flag=flag, display=display):
-                crashed = self.crash(tree, "native", {"PROMPT": flag, "DISPLAY": display, "PATH": str(zenity.parent)})
+                crashed = self.crash(tree, "native", {"PROMPT": flag, "DISPLAY": display, "PATH": str(tree.bin)})
                 self.assertEqual(asked.exists(), asks)
                 self.assertEqual((len(crashed.dumps), len(crashed.reports)), (0, 0) if asks else (1, 1))
                 asked.unlink(missing_ok=True)
