@@ -95,13 +95,6 @@ std::optional<CrashChannel> createCrashChannel() {
     return channel;
 }
 
-void logChannel(const CrashChannel& channel) {
-    logMessage(std::string(87, '-'));
-    logMessage("Created CreateReportChannel");
-    logMessage("\tserver fd = " + std::to_string(channel.serverFd));
-    logMessage("\tclient fd = " + std::to_string(channel.clientFd));
-}
-
 // The forked child. Unlike those of process/ it uses heap and log: beside the main thread there is
 // at most one that watches a controlling process. That one uses the heap, whose locks the C library
 // holds itself across fork, and neither the log nor a lock of this project.
@@ -198,7 +191,10 @@ int startReporter(const Parameters& parameters) {
         return noReporter;
     }
     const auto [readFd, writeFd] = handshake;
-    logChannel(*channel);
+    logMessage(std::string(87, '-'));
+    logMessage("Created CreateReportChannel");
+    logMessage("\tserver fd = " + std::to_string(channel->serverFd));
+    logMessage("\tclient fd = " + std::to_string(channel->clientFd));
 
     const pid_t reporter = fork();
     if (reporter == -1) {

@@ -13,7 +13,6 @@
 
 #include "process/DescriptorIo.h"
 #include "process/ProcessEnd.h"
-#include "programs/CrashReporterTavrel/Worker.h"
 #include "programs/CrashReporterTavrel/channel/Announcement.h"
 #include "programs/CrashReporterTavrel/channel/HandledSignals.h"
 
@@ -204,15 +203,11 @@ void Guardian::startWorker(Worker worker) {
 }
 
 void Guardian::readProgress(Worker& worker) {
-    Progress progress{};
-    const ssize_t size =
-        Plexum3::Base::readRetry(worker.progress.get(), &progress, sizeof progress, nullptr);
-    if (size != static_cast<ssize_t>(sizeof progress)) {
+    if (Plexum3::Base::readRetry(worker.progress.get(), &worker.stage, 1, nullptr) == 1) {
+        worker.deadline = Clock::now() + reportLimit;
+    } else {
         finish(worker);
-        return;
     }
-    worker.stage = progress == Progress::LetGo ? Stage::Reporting : Stage::Asking;
-    worker.deadline = Clock::now() + reportLimit;
 }
 
 void Guardian::finish(Worker& worker) {

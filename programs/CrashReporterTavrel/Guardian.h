@@ -8,6 +8,7 @@
 
 #include "process/ProcessEnd.h"
 #include "process/ScopedFd.h"
+#include "programs/CrashReporterTavrel/Worker.h"
 #include "programs/CrashReporterTavrel/channel/ReportChannel.h"
 #include "programs/CrashReporterTavrel/folder/DumpFolder.h"
 
@@ -48,12 +49,6 @@ class Guardian {
 
   private:
     using Clock = std::chrono::steady_clock;
-    enum class Stage {
-        Holding,    ///< the crashed process waits; no second request is served meanwhile
-        Reporting,  ///< it has been let go
-        Asking,     ///< the report is whole
-    };
-
     struct Worker {
         pid_t pid;
         DumpRequest request;

@@ -13,7 +13,6 @@
 #include <string>
 
 #include "process/ProcFiles.h"
-#include "programs/CrashReporterTavrel/Worker.h"
 #include "programs/CrashReporterTavrel/channel/Announcement.h"
 #include "programs/CrashReporterTavrel/channel/HandledSignals.h"
 

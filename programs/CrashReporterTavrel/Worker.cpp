@@ -26,6 +26,7 @@
 #include "programs/CrashReporterTavrel/report/CrashReport.h"
 #include "programs/CrashReporterTavrel/report/KeepPrompt.h"
 #include "programs/CrashReporterTavrel/report/ProcessSnapshot.h"
+#include "stacks/LiveCapture.h"
 #include "stacks/native/NativeFrames.h"
 #include "stacks/python/PythonStream.h"
 #include "stacks/record/Registers.h"
@@ -81,9 +82,9 @@ Stacks::LiveCapture whatIsRequested(const DumpRequest& request) {
     return live;
 }
 
-void report(const WorkerTask& task, Progress progress) {
+void enter(const WorkerTask& task, Stage stage) {
     // Fails only when the guardian has gone; the work goes on without it.
-    Plexum3::Base::writeRetry(task.progressFd, &progress, sizeof progress, nullptr);
+    Plexum3::Base::writeRetry(task.progressFd, &stage, sizeof stage, nullptr);
 }
 
 // What writing to the folder runs into: a full or limited file system shows only in the attempt.
@@ -217,13 +218,13 @@ void serve(const WorkerTask& task) {
         const Evidence evidence = takeEvidence(task);
         task.channel.letGo(task.request);
         static_cast<void>(prctl(PR_SET_PDEATHSIG, 0));  // from here on the work is done in any case
-        report(task, Progress::LetGo);
+        enter(task, Stage::Reporting);
         error = completeReport(task, evidence);
     }
-    report(task, Progress::Reported);
+    enter(task, Stage::Asking);
     task.folder.sweep();
     task.folder.removeOldest(pairsKept);
-    if (error == 0 && task.prompt && hasDisplay()) {
+    if (error == 0 && task.prompt) {
         ask(task);
     }
 }

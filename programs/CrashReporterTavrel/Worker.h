@@ -4,14 +4,14 @@
 
 #include "programs/CrashReporterTavrel/channel/ReportChannel.h"
 #include "programs/CrashReporterTavrel/folder/DumpFolder.h"
-#include "stacks/LiveCapture.h"
 
 namespace Zendrik::Reporter {
 
-/// What a worker writes to its pipe for the guardian, each a byte of its own.
-enum class Progress : char {
-    LetGo,     ///< the crashed process has been let go; report, dump and the user's line are there
-    Reported,  ///< the report is whole
+/// How far a worker is; it writes each but the first to its pipe, as a byte.
+enum class Stage : char {
+    Holding,    ///< the crashed process waits; no second request is served meanwhile
+    Reporting,  ///< it has been let go; report, dump and the user's line are there
+    Asking,     ///< the report is whole
 };
 
 struct WorkerTask {

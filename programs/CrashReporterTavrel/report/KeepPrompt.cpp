@@ -83,14 +83,13 @@ int runDialog(const std::vector<std::string>& command, int limitSeconds) {
 
 }  // namespace
 
-bool hasDisplay() {
-    const char* display = std::getenv("DISPLAY");
-    return display != nullptr && *display != '\0';
-}
-
 Answer askWhetherToKeep(const std::string& reportPath, int limitSeconds) {
     const std::string text = "Tavrel has crashed. The crash report is\n" + reportPath +
                              "\nNothing has been sent anywhere. Keep the report?";
+    const char* const display = std::getenv("DISPLAY");
+    if (display == nullptr || *display == '\0') {
+        return Answer::Keep;
+    }
     for (const Dialog& dialog : dialogs()) {
         std::vector<std::string> command = {findOnPath(dialog.program)};
         if (command.front().empty()) {

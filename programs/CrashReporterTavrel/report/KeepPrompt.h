@@ -6,12 +6,9 @@ namespace Zendrik::Reporter {
 
 enum class Answer { Keep, Remove };
 
-/// Whether there is a display to ask the user on.
-bool hasDisplay();
-
 /// Asks in a window whether to keep the report, with the first of zenity, kdialog, yad and xmessage
 /// in an absolute folder of PATH. Everything but a click on the button that removes means Keep: a
-/// closed window, no such program, its failure, `limitSeconds` over.
+/// closed window, no display, no such program, its failure, `limitSeconds` over.
 /// @throw boost::system::system_error when no child can be made ready
 Answer askWhetherToKeep(const std::string& reportPath, int limitSeconds);
 

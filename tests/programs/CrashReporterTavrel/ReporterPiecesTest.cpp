@@ -215,6 +215,7 @@ TEST_F(KeepPromptTest, RemovesOnlyOnTheButtonThatRemoves) {
         {"kdialog", "exec /bin/sleep 1000", Answer::Keep},  // longer than the limit
         {"other", "exit 0", Answer::Keep},
     };
+    ASSERT_EQ(setenv("DISPLAY", ":none", 1), 0);
     // A relative folder of PATH is not the user's.
     writeFile("zenity", "#!/bin/sh\n");
     const std::string folder = fs::current_path() / "programs";
