@@ -64,7 +64,10 @@ int open(const char* path, int flags, ...) {
     va_start(rest, flags);
     const int mode = va_arg(rest, int);
     va_end(rest);
-    const int fails = strcmp(path, "/dev/null") == 0 && refused("open");
+    const size_t length = strlen(path);
+    const int isProcess = length > 5 && strcmp(path + length - 5, "/stat") == 0;
+    const int fails =
+        (strcmp(path, "/dev/null") == 0 && refused("open")) || (isProcess && refused("open_stat"));
     return fails ? -1 : openat(AT_FDCWD, path, flags, mode);
 }
 

@@ -9,6 +9,7 @@ import unittest
 
 from launch import DEADLINE_SECONDS, THREAD_SANITIZED, SystemTest
 from process_table import ALL_BLOCKED, identity, thread_statuses
+from test_exit_status import refusing
 
 VARIABLE = "__TAVREL_CONTROLLING_PROCESS"
 WAIT = "import sys; sys.stdin.read()"
@@ -56,6 +57,19 @@ class WatchdogTest(SystemTest):
                 self.assertEqual(ended.status, 0)
                 self.assertEqual([line for line in ended.err.splitlines() if "BOOTSTRAP" in line],
                                  [complaint] * (value in unparsable))
+
+    def test_unreadable_process_table_ends_the_watching_alone(self):
+        value = identity(os.getpid())
+        ended = self.run_launcher(
+            self.tree, "--batch", env={VARIABLE: value, **refusing("open_stat")},
+            act=f"import os, time\nwhile len(os.listdir('/proc/self/task')) > {1 + THREAD_SANITIZED}: time.sleep(.01)")
+        self.assertEqual((ended.status, ended.start["environment"][VARIABLE]), (0, value))
+        for line in ("ERROR: Failed to determine existence of parent process with the given PID "
+                     f'{os.getpid()}: "Input/output error"',
+                     "INFO: The PID of the parent process is defined by the value of the internal "
+                     f'{VARIABLE} environment variable: "{value}"',
+                     'WARNING: Failed to get process creation time: "Input/output error"'):
+            self.assertIn(f"[BOOTSTRAP] {line}\n", ended.err)
 
     def test_other_creation_time_ends_the_process_silently(self):
         process = self.start(self.tree, "--batch", "-V", "0", env={

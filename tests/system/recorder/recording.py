@@ -32,17 +32,10 @@ def note(event, **facts):
 
 def snapshot():
     import ConfigurationAPI_cmodule as Configuration
-    with open("/proc/self/status", errors="surrogateescape") as status:
-        note("snapshot",
-             pid=os.getpid(),
-             argv=sys.argv,
-             path=sys.path,
-             executable=sys.executable,
-             buildTime=sys.tavrel_BUILD_TIME,
-             verbosity=sys.tavrel_verbosityLevel,
-             configuration={key: Configuration.get(key) for key in KEYS if Configuration.has(key)},
-             environment=dict(os.environ),
-             status=status.read())
+    note("snapshot", pid=os.getpid(), argv=sys.argv, path=sys.path,
+         buildTime=sys.tavrel_BUILD_TIME, verbosity=sys.tavrel_verbosityLevel,
+         configuration={key: Configuration.get(key) for key in KEYS if Configuration.has(key)},
+         environment=dict(os.environ))
 
 
 def options():
