@@ -4,24 +4,15 @@
 
 namespace Launcher {
 
-/// How the application ended: the exit status, and whether its output has arrived. Lines wait in
-/// buffers until the very end, and a full disk may show as late as that:
-///
-///     flushOutputAtExit();              // before the application registers its own exit functions
-///     ...the application...
-///     status = takeApplicationStatus(module);
-///     Py_Finalize();
-///     return statusAfterOutput(status);
-///
-/// Main thread.
+// The exit status, and whether the output has arrived: a full disk may show as late as when the
+// last buffer is flushed. Main thread.
 
 /// Has the interpreter flush sys.stdout behind all other exit functions. What can't be written is
 /// noted, once, and dropped. With the interpreter lock held.
 void flushOutputAtExit();
 
-/// Turns the way the entry script ended into the exit status, and reports on standard error what
-/// the user has to know of it. With the interpreter lock held and the script's exception still
-/// pending.
+/// Turns the way the entry script ended into the exit status; reports on standard error what the
+/// user has to know. With the interpreter lock held and the script's exception still pending.
 /// @param module what running the script returned: null if it raised an exception
 /// @return 0 to 255, or -1 for an exception other than SystemExit; no exception is pending then
 int takeApplicationStatus(UTIL::PythonReference module);

@@ -14,12 +14,6 @@ std::pair<std::string, std::string> parseExtraOption(const std::string& argument
 
 /// The launcher's look at the command line: it reads how to start, consumes nothing, and leaves
 /// every argument, its own included, to the application.
-///
-///     LauncherValues values;
-///     const auto launcherOptions = describeLauncherOptions(values);
-///     const auto options = parseCommandLine(argc, argv, launcherOptions);
-///     if (!options) return 1;
-///     if (isUiMode(*options)) ...
 namespace Launcher {
 
 /// What the options with a value give, and what holds without them.

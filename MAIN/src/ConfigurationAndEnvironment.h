@@ -2,9 +2,8 @@
 
 #include <string>
 
-/// The two places that settings live in: the shared Configuration, which took the environment in at
-/// the minimal initialisation, and the process environment, which is what child processes inherit.
-/// Main thread only: the environment has no lock.
+// The shared Configuration took the environment in at the minimal initialisation; the environment
+// is what child processes inherit. Main thread: it has no lock.
 
 /// Sets the key in Configuration and, overwriting, in the process environment.
 void setConfigurationAndEnvironment(const std::string& key, const std::string& value);

@@ -5,12 +5,7 @@
 
 namespace Launcher {
 
-/// The embedded interpreter, from its start to its end:
-///
-///     if (!startInterpreter(rootPath)) return 1;
-///     return runApplication(argc, argv, verbosity);
-///
-/// Main thread, once in a process.
+// Both: main thread, once in a process, in this order.
 
 /// Starts the interpreter in the tree, with the built-in module vendorid. One that can't start ends
 /// the process in its own way.

@@ -2,15 +2,8 @@
 
 namespace Launcher {
 
-/// Ctrl-C from the first line of main to the application's own handler.
-///
-///     endOnInterrupt();              // main begins: SIGINT ends the process at once
-///     Py_Initialize();               // leaves a handler alone that isn't the default
-///     handInterruptsToPython();      // SIGINT is a KeyboardInterrupt from here on
-///     ...the entry script's imports...
-///     sys.tavrel_checkInterrupt()    // raises one that an import's callback has dropped
-///
-/// A SIGINT that is ignored stays ignored, and a handler that something else installs stays.
+// Ctrl-C from the first line of main to the application's own handler. A SIGINT that is ignored
+// stays ignored, and a handler that something else installs stays.
 
 /// Has SIGINT end the process in whatever thread it arrives: by the signal, or with 130 for the
 /// first process of a container, for which the kernel drops a signal that has no handler.

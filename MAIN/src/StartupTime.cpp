@@ -27,25 +27,21 @@ std::string* phases() {
 }
 
 std::int64_t nanoseconds(clockid_t clock) {
-    constexpr std::int64_t inASecond = 1'000'000'000;
     timespec time = {};
-    // Fails for no clock that is used here.
-    static_cast<void>(clock_gettime(clock, &time));
-    return time.tv_sec * inASecond + time.tv_nsec;
+    static_cast<void>(clock_gettime(clock, &time));  // fails for no clock that is used here
+    return time.tv_sec * std::int64_t{1'000'000'000} + time.tv_nsec;
 }
 
-// How long the process has been there. The kernel gives its start by the clock tick, so that up to
-// one tick of waiting isn't counted; the time on the processor is.
-std::int64_t nanosecondsSoFar() {
+// When the process began. The kernel says it by the clock tick, so that up to one tick of waiting
+// isn't counted; the time on the processor is.
+std::int64_t processStart(std::int64_t now) {
     const std::int64_t onProcessor = nanoseconds(CLOCK_PROCESS_CPUTIME_ID);
     boost::system::error_code error;
     const auto created = Plexum3::Base::getProcessCreationTime(getpid(), &error);
-    if (error || created.count() == 0) {
-        return onProcessor;
-    }
     const std::int64_t tick = 1'000'000'000 / sysconf(_SC_CLK_TCK);
     const std::int64_t atLeast = nanoseconds(CLOCK_BOOTTIME) - created.count() * 1000 - tick;
-    return std::max(onProcessor, atLeast);
+    const bool isKnown = !error && created.count() != 0;
+    return now - (isKnown ? std::max(onProcessor, atLeast) : onProcessor);
 }
 
 }  // namespace
@@ -57,7 +53,7 @@ void endStartupPhase(const char* name) {
     }
     const std::int64_t now = nanoseconds(CLOCK_MONOTONIC);
     if (all->empty()) {
-        *all = std::to_string(now - nanosecondsSoFar()) + " \n";
+        *all = std::to_string(processStart(now)) + " \n";
     }
     *all += std::to_string(now) + ' ' + name + '\n';
 }

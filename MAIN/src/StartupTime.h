@@ -2,15 +2,8 @@
 
 namespace Launcher {
 
-/// What the phases of a start take, noted only where TAVREL_STARTUP_TIME is 1 in the process
-/// environment. The application goes on with phases of its own and prints all of them at the end
-/// of the start:
-///
-///     endStartupPhase("loading the program");    // as main begins
-///     ...
-///     endStartupPhase("crash capture");
-///     ...
-///     publishStartupPhases();                    // before the application runs
+// What the phases of a start take, noted only where TAVREL_STARTUP_TIME is 1 in the process
+// environment. The application adds its own and prints all of them at the end of the start.
 
 /// Notes that a phase ends here; it began where the one before ended, and the first one with the
 /// process: waiting counts, but for the last clock tick of it. Main thread.

@@ -4,9 +4,8 @@
 
 #include <cstdint>
 
-/// The interpreter's built-in module "vendorid": a version text and a capsule, _C_API, with a
-/// pointer to GetVendorId. Native code that is linked against neither the launcher nor this header
-/// reaches the function through the capsule.
+// The interpreter's built-in module "vendorid": a version text and a capsule, _C_API, by which
+// native code reaches GetVendorId without being linked against the launcher.
 
 /// Makes the module known to the interpreter that is started next. Call it once, on the main
 /// thread, before Py_Initialize; after it the call has no effect.

@@ -15,9 +15,8 @@ struct PythonReferenceReleaser {
 /// assigned or destroyed, and Py_Finalize must come later.
 using PythonReference = std::unique_ptr<PyObject, PythonReferenceReleaser>;
 
-/// Sets the attribute `name` of the module sys. A null value takes the attribute away. Nothing is
-/// reported: it fails only for want of memory, which the application's first line would meet as
-/// well.
+/// Sets the attribute `name` of the module sys; a null value takes it away. Fails only for want of
+/// memory, which the application's first line would meet as well.
 inline void SetSysAttribute(const char* name, const PythonReference& value) {
     static_cast<void>(PySys_SetObject(name, value.get()));
 }

@@ -44,10 +44,9 @@ struct TreeLayout {
     std::vector<std::string> folders;  // the tree's part of sys.path, first searched first
 };
 
-// Has this thread decode text beyond ASCII as UTF-8 while it lives. Before the interpreter has
-// started, the process is still in the "C" locale, in which a folder name beyond ASCII would be
-// decoded byte by byte: the interpreter's own search path would then differ from the same folders
-// as the tree lists them. Where the system has no C.UTF-8, or the text is ASCII, nothing changes.
+// Has this thread decode text beyond ASCII as UTF-8 while it lives, if the system has C.UTF-8: in
+// the "C" locale, which holds before the interpreter has started, its own search path would differ
+// from the same folders as the tree lists them.
 class TextLocale {
   public:
     explicit TextLocale(const std::string& allThatIsDecoded) {
@@ -73,11 +72,9 @@ class TextLocale {
     locale_t previous_ = locale_t();
 };
 
-// Py_Initialize imports a dozen modules of the standard library (encodings, io, os, site...) and
-// looks for them in PYTHONPATH before it looks into its own home. The path that it searches is
-// worked out and kept by the first call that asks for it, which is made here while the variable
-// begins with the tree's folders. The user's value is back when this returns, so that site code,
-// the programs that it starts and the application see nothing else.
+// Py_Initialize looks for a dozen modules in PYTHONPATH before it looks into its own home, along a
+// path that is kept by the first call that asks for it: this one, while the variable begins with
+// the tree's folders. Site code, its programs and the application see the user's own value.
 void settleInterpreterSearchPath(const std::vector<std::string>& treeFolders) {
     constexpr char variable[] = "PYTHONPATH";
     const char* const value = std::getenv(variable);

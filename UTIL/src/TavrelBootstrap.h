@@ -6,20 +6,9 @@
 #include <string>
 #include <vector>
 
-/// What a process of the application needs around it before anything else runs. The launcher calls,
-/// on its main thread and in this order:
-///
-///     rootPath = GetInstallRoot();
-///     InitPathEncoding();
-///     InitPlatform(rootPath);
-///     StartControllingProcessWatchdog();
-///     ...the closed libraries' minimal initialisation...
-///     InitUsdPaths();
-///     ...Py_SetProgramName, built-in modules...
-///     InitPython(rootPath);
-///
-/// Each Init... and Start... runs once in a process: later calls return at once. One that was left
-/// by an exception may be called again. A second caller on another thread waits for the first.
+/// What a process of the application needs around it before anything else runs. The launcher calls
+/// it on its main thread, Init... and Start... once each: later calls return at once, one that was
+/// left by an exception may be called again. A second caller on another thread waits for the first.
 namespace UTIL {
 
 /// The install root: the folder above the one that holds the executable, read from /proc/self/exe
@@ -50,11 +39,9 @@ void StartControllingProcessWatchdog();
 
 /// Body of the watching thread: looks every 500 ms, and ends this process with _exit(1) when the
 /// watched one is gone, a zombie, or another under the same PID. Returns when watching has become
-/// impossible. Lines on standard error are dropped where a pipe is full: the end waits for no
-/// reader.
+/// impossible. Lines on standard error are dropped where a pipe is full.
 /// @param expectedCreationTime since boot, as Plexum3::Base::getProcessCreationTime gives it
-/// @param variableName, variableValue for the messages; must stay valid as long as the process
-/// lives
+/// @param variableName, variableValue for the messages; must stay valid to the end
 void WatchControllingProcess(std::int32_t pid, boost::chrono::microseconds expectedCreationTime,
                              const char* variableName, const char* variableValue);
 
