@@ -4,7 +4,8 @@ import re
 import subprocess
 import unittest
 
-from crash_case import CrashTest  # the one below is found through it
+from crash_case import CrashTest  # the ones below are found through it
+from launch import SANITIZED
 from scratch_tree import REFUSALS
 
 STAY = "exec tail -s 0.05 --pid=$PPID -f /dev/null >/dev/null 2>&1"
@@ -46,6 +47,8 @@ note('pipes', count=sum(link.startswith('pipe:') for link in links))
 class ReporterStartTest(CrashTest):
     def test_answers_and_failures(self):
         for script, refusal, log, pipes in CASES:
+            if SANITIZED and refusal and "pipe" in refusal:
+                continue  # with a pipe of its own the sanitizer asks whether an object can be read
             with self.subTest(script, refusal=refusal):
                 tree = self.scratch_tree()
                 reporter = tree.bin / "CrashReporterTavrel"
