@@ -3,8 +3,8 @@
 // another. For the cleanup program: just before it opens the folder SWAP_AT, the paths SWAP_IN and
 // SWAP_OUT are swapped, as another process may do between two of its calls; with NO_TYPES folders
 // don't say which of their entries are folders, as on some file systems; DATABASE_HOME is the home
-// folder that the user data base gives. With TEST_TRACER the process that may trace this one is
-// printed.
+// folder that the user data base gives. With TEST_PRINT a process that may trace
+// this one is printed, and a file of /proc that children inherit.
 
 // NOLINTNEXTLINE(bugprone-reserved-identifier): the system's own name for its extensions
 #define _GNU_SOURCE
@@ -64,6 +64,10 @@ int open(const char* path, int flags, ...) {
     va_start(rest, flags);
     const int mode = va_arg(rest, int);
     va_end(rest);
+    if ((flags & O_CLOEXEC) == 0 && strncmp(path, "/proc/", 6) == 0 &&
+        getenv("TEST_PRINT") != NULL) {
+        dprintf(STDERR_FILENO, "inherited %s\n", path);
+    }
     const size_t length = strlen(path);
     const int isProcess = length > 5 && strcmp(path + length - 5, "/stat") == 0;
     const int fails =
@@ -91,7 +95,7 @@ long syscall(long number, ...) {
     const long fifth = va_arg(rest, long);
     const long sixth = va_arg(rest, long);
     va_end(rest);
-    if (number == SYS_prctl && first == PR_SET_PTRACER && getenv("TEST_TRACER") != NULL) {
+    if (number == SYS_prctl && first == PR_SET_PTRACER && getenv("TEST_PRINT") != NULL) {
         dprintf(STDERR_FILENO, "tracer %ld\n", second);
     }
     const char* wanted = getenv("SWAP_AT");

@@ -57,11 +57,12 @@ class ReporterStartTest(CrashTest):
                     reporter.chmod(0o755)
                 ended = self.run_launcher(tree, "--batch", "-V0", act=PIPES, env={
                     "TAVREL_CRASH_HANDLING": "1", "ZENDRIK_LOG_LEVEL": "message", "ZENDRIK_LOG_FILE": "",
-                    "ZK_SESSION_ID": "inner", "LD_PRELOAD": str(REFUSALS), "TEST_TRACER": "1",
+                    "ZK_SESSION_ID": "inner", "LD_PRELOAD": str(REFUSALS), "TEST_PRINT": "1",
                     "TEST_REFUSE": f";{refusal}"}, stdin=subprocess.DEVNULL)
                 text = re.sub(r"\[(E|M)\w+\]\[[\d/:]+\] ", r"\1 ", ended.err)
                 wanted = "M Initiating Google Breakpad setup...\n" + log.replace("REPORTER", re.escape(str(reporter)))
                 self.assertRegex(text, "(?m)^" + wanted)
+                self.assertNotIn("inherited", text)
                 self.assertEqual((ended.status, ended.mode), (0, "MainBatch"))
                 # Once: a child that went on would be a second launcher.
                 self.assertEqual([event["count"] for event in ended.events if event["event"] == "pipes"], [pipes])
