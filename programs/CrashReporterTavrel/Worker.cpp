@@ -112,7 +112,7 @@ std::string whyRefused(const std::string& refusal) {
 }
 
 CrashFacts factsOf(const Evidence& evidence, const std::string& dump) {
-    return {evidence.process, sessionIdOf(environ), dump, evidence.time,
+    return {evidence.process, dump, evidence.time,
             boost::algorithm::join(evidence.live.notes, " ")};
 }
 
@@ -234,8 +234,7 @@ void serve(const WorkerTask& task) {
 std::string reportOf(const DumpRequest& request, const std::string& dump) {
     ProcessSnapshot process;
     process.pid = request.pid;
-    return firstText({process, sessionIdOf(environ), dump, std::time(nullptr), {}},
-                     whatIsRequested(request).capture, {});
+    return firstText({process, dump, std::time(nullptr), {}}, whatIsRequested(request).capture, {});
 }
 
 void announceOutcome(pid_t pid, const std::string& dump, const std::string& report,

@@ -140,6 +140,7 @@ std::vector<OwnCrash> findOwnCrashes(int folder) {
         }
     }
     std::vector<OwnCrash> crashes;
+    crashes.reserve(written.size());
     for (const auto& [guid, when] : written) {
         crashes.emplace_back(when, guid);
     }

@@ -9,8 +9,8 @@
 #include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
 #include <sstream>
+#include <string_view>
 
 #include "base/PrintableText.h"
 #include "process/ProcFiles.h"
@@ -72,6 +72,18 @@ std::string systemText() {
            mebibytes(numberBehind(memory, "MemTotal")) + " memory available\n";
 }
 
+// The launcher appends its own to the environment, without merging.
+std::string sessionId() {
+    constexpr std::string_view name = "ZK_SESSION_ID=";
+    std::string id;
+    for (const char* const* entry = environ; *entry != nullptr; ++entry) {
+        if (std::string_view(*entry).substr(0, name.size()) == name) {
+            id = *entry + name.size();
+        }
+    }
+    return id.empty() ? "none" : printableText(id);
+}
+
 std::string factsText(const CrashFacts& facts, const Stacks::StackCapture& capture) {
     char when[32] = "unknown";
     tm utc{};
@@ -79,11 +91,10 @@ std::string factsText(const CrashFacts& facts, const Stacks::StackCapture& captu
         static_cast<void>(std::strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S UTC", &utc));
     }
     return std::string(reportHeading) + "\n\nProduct:     Tavrel " + TAVREL_VERSION_TEXT +
-           "\nTime:        " + when +
-           "\nSession:     " + (facts.sessionId.empty() ? "none" : printableText(facts.sessionId)) +
-           "\n" + processText(facts.process) + systemText() +
-           "Dump:        " + printableText(facts.dump) + "\nSignal:      " + signalText(capture) +
-           "\n" + (facts.note.empty() ? "" : "\n" + printableText(facts.note) + "\n");
+           "\nTime:        " + when + "\nSession:     " + sessionId() + "\n" +
+           processText(facts.process) + systemText() + "Dump:        " + printableText(facts.dump) +
+           "\nSignal:      " + signalText(capture) + "\n" +
+           (facts.note.empty() ? "" : "\n" + printableText(facts.note) + "\n");
 }
 
 // Of a list that stands whole further down.
@@ -167,17 +178,6 @@ std::string registersText(const Stacks::StackCapture& capture) {
 }
 
 }  // namespace
-
-std::string sessionIdOf(const char* const* environment) {
-    constexpr char name[] = "ZK_SESSION_ID=";
-    std::string id;
-    for (; *environment != nullptr; ++environment) {
-        if (std::strncmp(*environment, name, sizeof name - 1) == 0) {
-            id = *environment + sizeof name - 1;
-        }
-    }
-    return id;
-}
 
 std::string firstText(const CrashFacts& facts, const Stacks::StackCapture& capture,
                       const Stacks::PythonStacks& python) {

@@ -16,9 +16,8 @@ namespace Zendrik::Reporter {
 
 struct CrashFacts {
     const ProcessSnapshot& process;
-    std::string sessionId;  ///< empty: none
-    std::string dump;       ///< for people: its path, or why there is none
-    time_t time;            ///< of the crash, UTC seconds since the epoch
+    std::string dump;  ///< for people: its path, or why there is none
+    time_t time;       ///< of the crash, UTC seconds since the epoch
     /// What else there is to say, such as why there are no stacks; a sentence, or empty.
     std::string note;
 };
@@ -33,16 +32,6 @@ std::string wholeText(const CrashFacts& facts, const Stacks::StackCapture& captu
 /// The signal that a process crashed by, in one line: "SIGSEGV (SEGV_MAPERR) at 0x10". One that a
 /// process has sent says so. The processor reports no address for an access to one that can't be:
 /// the registers that hold such a value are named instead.
-/// @param capture its `pid` is the crashed process's
-std::string signalText(const Stacks::StackCapture& capture);
-
-/// The session identifier that the launcher handed over: it appends ZK_SESSION_ID to the
-/// environment without merging, so the last entry of that name is the launcher's.
-std::string sessionIdOf(const char* const* environment);
-
-/// The signal that a process crashed by, in one line: "SIGSEGV (SEGV_MAPERR) at 0x10". One that a
-/// process has sent says so. The processor gives the kernel no address for an access to one that
-/// can't be (a non-canonical one): the registers that hold such a value are named instead.
 /// @param capture its `pid` is the crashed process's
 std::string signalText(const Stacks::StackCapture& capture);
 

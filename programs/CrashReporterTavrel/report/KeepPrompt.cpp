@@ -51,9 +51,10 @@ std::string findOnPath(const std::string& program) {
     std::istringstream folders(path == nullptr ? "" : path);
     for (std::string folder; std::getline(folders, folder, ':');) {
         // A relative folder is one of the application's working directory, not of the user's.
-        const std::string candidate = folder + "/" + program;
-        if (!folder.empty() && folder.front() == '/' && access(candidate.c_str(), X_OK) == 0) {
-            return candidate;
+        const bool isAbsolute = !folder.empty() && folder.front() == '/';
+        folder.append("/").append(program);
+        if (isAbsolute && access(folder.c_str(), X_OK) == 0) {
+            return folder;
         }
     }
     return {};

@@ -84,13 +84,6 @@ TEST(ProcessSnapshot, ReadsNumbersBehindTheirOwnNames) {
     EXPECT_EQ(numberBehind(status, "VmSize"), -1);
 }
 
-TEST(CrashReport, SessionIsTheLastEntryOfTheEnvironment) {
-    const char* const environment[] = {"ZK_SESSION_ID=outer", "ZK_SESSION_IDS=no",
-                                       "ZK_SESSION_ID=inner", nullptr};
-    EXPECT_EQ(sessionIdOf(environment), "inner");
-    EXPECT_EQ(sessionIdOf(environment + 3), "");
-}
-
 TEST(SignalText, SaysWhatTheKernelReported) {
     constexpr pid_t pid = 100;
     const struct {

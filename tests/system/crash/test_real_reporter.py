@@ -298,7 +298,8 @@ class ReporterTest(CrashTest):
     def test_serves_a_process_once_and_lets_go_what_is_no_crash(self):
         server, client = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
         with server, client, tempfile.TemporaryDirectory() as folder:
-            process, answered = self.start_reporter(server.fileno(), "0", server.fileno(), TAVREL_CRASH_DIR=folder)
+            process, answered = self.start_reporter(server.fileno(), "0", server.fileno(), TAVREL_CRASH_DIR=folder,
+                                                    ZK_SESSION_ID="7")
             self.assertEqual(answered, b"\1")
             crashes = [struct.pack("i", number).ljust(CONTEXT_SIZE, b"\0") for number in (signal.SIGBUS, signal.SIGFPE)]
             for sent in crashes[1][:-1], *crashes:
@@ -310,7 +311,7 @@ class ReporterTest(CrashTest):
             process.terminate()
             process.communicate()
             report, = Path(folder).glob("*.txt")
-            self.assertIn("\nSignal:      SIGBUS", report.read_text())
+            self.assertRegex(report.read_text(), "(?s)\nSession:     7\n.*\nSignal:      SIGBUS")
 
 
 if __name__ == "__main__":
