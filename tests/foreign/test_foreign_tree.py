@@ -155,14 +155,16 @@ print(os.path.isdir(C.get('TAVREL_TMPDIR')), C.get('TAVREL_ROOT'), len(os.listdi
             path.write_text(SOURCES[module])
 
     def test_files(self):
-        for name, status, error in (("tavrelCleanup", 0, "will stay"), ("tavrelFrames", 0, ""),
-                                    ("CrashReporterTavrel", 0, ""), ("tavrelStack", 0, ""),
-                                    ("libTavrelOpenGLProbe.so", 0, ""),
-                                    ("python3.7", 127, "libpython3.7m.so.1.0")):
-            self.hold_without(self.bin / name, name, status, error)
+        library = "libpython3.7m.so.1.0"
+        for name, lost, status, error in (
+                ("tavrelCleanup", "temporary folders stay", 0, "will stay"),
+                ("tavrelFrames", "neither names", 0, ""), ("tavrelStack", "can't be printed", 0, ""),
+                ("CrashReporterTavrel", "no crash is captured", 0, ""),
+                ("libTavrelOpenGLProbe.so", "without a look", 0, ""), ("python3.7", library, 127, library)):
+            self.hold_without(self.bin / name, lost, status, error)
         (self.bin / "python3.7").unlink()
         (self.bin / "python3.7/lib").mkdir(parents=True)
-        (self.bin / "python3.7/lib/libpython3.7m.so.1.0").symlink_to(HOME37 + "/lib/libpython3.7m.so.1.0")
+        (self.bin / "python3.7/lib" / library).symlink_to(Path(HOME37, "lib", library))
         self.hold_against("standard library", "standard library", 1, "its standard library is missing")
 
 
