@@ -39,8 +39,8 @@ class Crashed:
 
     def __init__(self, ended, folder, tree):
         self.ended = ended
-        said = re.search(r"^(\d+) (\d+)$", ended.out, re.MULTILINE)
-        self.pid, self.thread = map(int, said.groups()) if said else (None, None)
+        said = re.findall(r"^(\d+) (\d+)$", ended.out, re.MULTILINE)
+        self.pid, self.thread = map(int, said[-1]) if said else (None, None)
         self.dumps = sorted(folder.glob("*.dmp")) + own_dumps_in_process(tree)
         self.reports = sorted(folder.glob("*.txt"))
         self.others = [file for file in folder.iterdir() if file not in self.dumps + self.reports]

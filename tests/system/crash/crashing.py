@@ -1,4 +1,4 @@
-"""Run by the launcher in script mode: prints its process id and the crashing thread's, then crashes.
+"""Run by the launcher in script mode: prints process and thread that are to crash, last, then crashes.
 
 crashing.py KIND
 """
@@ -34,12 +34,11 @@ def crash_by_address(strlen=LIBC.strlen):
 
 
 def native():
-    announce()
+    announce()  # it may be another thread or process by now
     crash_by_address()
 
 
 def in_handler(flags=0):
-    announce()
     handler = ctypes.CFUNCTYPE(None, ctypes.c_int)(lambda number: crash_by_address())
     LIBC.sigaction(signal.SIGUSR1, struct.pack("P128xi4xP", ctypes.cast(handler, ctypes.c_void_p).value, flags, 0),
                    None)
@@ -54,11 +53,10 @@ def on_another_stack():
 
 def under_faulthandler():
     faulthandler.enable()
-    native()
+    crash_by_address()
 
 
 def non_canonical():
-    announce()
     LIBC.strlen.argtypes = [ctypes.c_void_p]
     LIBC.strlen(0x6161616161616161)
 
@@ -80,7 +78,6 @@ def without_first_thread():
 
 
 def overflow():
-    announce()
     sys.setrecursionlimit(1 << 30)
 
     def deeper():
@@ -89,22 +86,18 @@ def overflow():
 
 
 def wide_overflow():
-    announce()
     ctypes.CDLL(os.environ["WIDE_FRAMES"]).enterWideFrames(-1)
 
 
 def deep():
-    announce()
     ctypes.CDLL(os.environ["WIDE_FRAMES"]).enterWideFrames(20)
 
 
 def abort():
-    announce()
     os.abort()
 
 
 def bus():
-    announce()
     with tempfile.TemporaryFile() as file:
         file.truncate(mmap.PAGESIZE)
         view = mmap.mmap(file.fileno(), mmap.PAGESIZE)
@@ -113,18 +106,15 @@ def bus():
 
 
 def division():
-    announce()
     LIBC.div(1, 0)
 
 
 def trap():
-    announce()
     os.kill(os.getpid(), signal.SIGTRAP)
 
 
 def odd_module():
     """Of a name that is no UTF-8, and cut off meanwhile."""
-    announce()
     with tempfile.TemporaryDirectory() as folder:
         path = os.path.join(os.fsencode(folder), b"caf\xe9.so")
         shutil.copy(os.environ["WIDE_FRAMES"], path)
@@ -141,7 +131,6 @@ def beside_log():
 
 def traced():
     """A debugger, at once: each signal is passed on."""
-    announce()
     ready, done = os.pipe()
     parent = os.getpid()
     if os.fork() == 0:
@@ -160,12 +149,10 @@ class CrashesWhenCollected:
 
 
 def finalising():
-    announce()
     sys.kept_to_the_end = CrashesWhenCollected()
 
 
 def two_threads():
-    announce()
     barrier = threading.Barrier(2)
 
     def crash():
@@ -192,7 +179,6 @@ def child_in_namespace():
 
 
 def await_go():
-    announce()
     os.read(0, 1)
 
 
@@ -210,4 +196,5 @@ def leave_child():
         os._exit(0)
 
 
+announce()
 globals()[sys.argv[1]]()
