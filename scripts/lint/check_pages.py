@@ -102,10 +102,10 @@ def application():
                            declared)
     needs = subprocess.run([sys.executable, "-I", "cmake/entryScriptNeeds.py", "python/Main/Main.py", "/dev/stdout"],
                            stdout=subprocess.PIPE, universal_newlines=True, check=True, cwd=TOP).stdout
-    used = re.findall(r'"(\w+)\\t\w*\\tapplication\\t([^"]*)\\n"', needs)
+    used = re.findall(r'\{"(\w+)", "\w*", false, \{(.*)\}\},', needs)
     yield from differences("Modules", [(row[0].strip("`"), *re.findall("`(.+?)`", row[2]))
                                        for row in rows(page, "Modules of the application")],
-                           [(name, *words.split()) for name, words in used])
+                           [(name, *re.findall(r"[\w.]+", words)) for name, words in used])
     main_function = read("MAIN/src/tavrel.cpp").partition("int main(")[2]
     places = [main_function.find(row[0].strip("`") + "(") for row in rows(page, "The order of a start")]
     if not places or -1 in places or places != sorted(places):
