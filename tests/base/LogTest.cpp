@@ -79,19 +79,6 @@ TEST_F(LogTest, EnvironmentSettlesTheLevelOnce) {
     }
 }
 
-TEST_F(LogTest, SetLevelHonoursTheEnvironmentOnDemand) {
-    using Case = std::pair<const char*, bool>;
-    const std::string levels = errorsOf([] {
-        for (const auto& [variable, honoured] : {Case("warning", true), Case("warning", false),
-                                                 Case("loud", true), Case(nullptr, true)}) {
-            setVariables({{"ZENDRIK_LOG_LEVEL", variable}});
-            Log::setLevel("Message", honoured);
-            std::cerr << static_cast<int>(Log::level());
-        }
-    });
-    EXPECT_EQ(levels, "2333");
-}
-
 TEST(LogChannelNames, EachNameHasOneIdentifierUntilAllAreForgotten) {
     Log::ChannelNames names;
     EXPECT_EQ(names.add("a") + 10 * names.add("b") + 100 * names.add("a") + 1000 * names.add(""),

@@ -14,7 +14,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <random>
 
 #include "stacks/StackText.h"
 #include "stacks/memory/Mappings.h"
@@ -177,22 +176,6 @@ TEST(NativeFrames, OfAFileThatIsNotTheOneThatWasLoadedHaveNoNames) {
         EXPECT_THAT(text, ContainsRegex("captureHere[^\n]*\n  #1   called.so \\+ 0x"));
         EXPECT_THAT(text, ContainsRegex(" main \\+ [^\n]*  \\(guess\\)\n"));
         EXPECT_THAT(text, Not(ContainsRegex(" main \\+ [^\n]*[^)]\n")));
-    }
-}
-
-TEST(NativeFrames, OfADamagedModuleCostThatModuleAlone) {
-    std::mt19937 random(4711);  // NOLINT(bugprone-random-generator-seed): the same damage each run
-    const ModuleCopy module;
-    const std::string whole = contentOf(module.path);
-    for (int round = 0; round < 15; ++round) {
-        std::string bytes = whole;
-        for (int hit = 0; hit < 30; ++hit) {
-            bytes[random() % bytes.size()] = static_cast<char>(random());
-        }
-        bytes.resize(round % 3 == 0 ? random() % bytes.size() : bytes.size());
-        module.write(bytes);
-        EXPECT_THAT(textBy(FRAMES_PROGRAM),
-                    ContainsRegex("  #0   tests_stacks  .*captureHere.*\n  #1 "));
     }
 }
 

@@ -99,24 +99,6 @@ input()
         self.assertRegex(threads[0], r"(?s)libc.so.6 .*<string>:1[23] in <module>.*_start")
         self.assertGreater(self.stacks("--all-frames", process.pid).count("_PyEval_EvalFrameDefault"), 500)
 
-    def test_copes_with_threads_that_begin_and_end(self):
-        process = self.run_script("""
-import threading
-def spin():
-    for i in range(20):
-        threading.Thread(target=int).start()
-def run():
-    while True:
-        spin()
-print('ready')
-for i in range(4):
-    threading.Thread(target=run, daemon=True).start()
-run()
-""")
-        for _ in range(20):
-            self.assertIn("in <module>", self.stacks(process.pid))
-        self.assertIsNone(process.poll())
-
     def test_loses_no_signal(self):
         # Of those that queue, the C handler notes each in the pipe.
         process = self.run_script("""

@@ -219,12 +219,6 @@ class RunModesTest(unittest.TestCase):
                 self.assertEqual(ended, status, errors)
                 self.assertRegex("\n".join(errors), expected)
 
-    def test_words_that_nobody_reads_are_no_failure(self):
-        reader, writer = os.pipe()
-        os.close(reader)
-        self.addCleanup(os.close, writer)
-        self.assertEqual(self.run_tavrel("--batch", "--help", stdout=writer), (0, None, []))
-
     def test_phases_of_the_start_are_told_where_they_are_asked_for(self):
         script = self.write("empty.py", "")
         self.assertEqual(self.run_tavrel("--script", script, TAVREL_STARTUP_TIME="0"), (0, "", []))
