@@ -63,17 +63,12 @@ std::optional<std::string> chooseTemporaryDirectory() {
     return directory.string();
 }
 
-bool keepsTemporaryDirectory() {
-    return getEnvironmentVariable("TAVREL_KEEP_TMPDIR", "0") != "0";
-}
-
 // The daemon can report to no one that it can't execute a program. The run goes on as if it could.
 void warnOfUnusable(const std::string& program, const std::string& temporaryDirectory) {
     struct stat status = {};
-    int error = 0;
-    if (access(program.c_str(), X_OK) != 0 || stat(program.c_str(), &status) != 0) {
-        error = errno;
-    } else if (!S_ISREG(status.st_mode)) {
+    int error =
+        access(program.c_str(), X_OK) != 0 || stat(program.c_str(), &status) != 0 ? errno : 0;
+    if (error == 0 && !S_ISREG(status.st_mode)) {
         error = EACCES;
     }
     if (error != 0) {
@@ -108,7 +103,8 @@ bool prepareTemporaryDirectory(const std::string& rootPath, std::int32_t verbosi
         LOG_ERROR("Unable to locate temporary directory");
         return false;
     }
-    return keepsTemporaryDirectory() || startCleanup(rootPath, *temporaryDirectory, verbosity);
+    const bool isKept = getEnvironmentVariable("TAVREL_KEEP_TMPDIR", "0") != "0";
+    return isKept || startCleanup(rootPath, *temporaryDirectory, verbosity);
 }
 
 }  // namespace Launcher

@@ -6,7 +6,6 @@
 
 #include <cstdlib>
 #include <iostream>
-#include <optional>
 #include <sstream>
 #include <stdexcept>
 
@@ -33,43 +32,27 @@ void writeLine(const std::string& line) {
     std::cerr << line + '\n' << std::flush;
 }
 
-struct ProcessIdentity {
-    std::int32_t pid;
-    boost::chrono::microseconds creationTime;  // since boot
-};
-
-std::optional<ProcessIdentity> parseProcessIdentity(const char* value) {
-    std::istringstream stream(value);
-    std::int32_t pid = 0;
-    char separator = 0;
-    boost::chrono::microseconds::rep creationTime = 0;
-    stream >> pid >> separator >> creationTime;
-    if (stream.fail()) {
-        return std::nullopt;
-    }
-    return ProcessIdentity{pid, boost::chrono::microseconds(creationTime)};
-}
-
-void watchInBackground(const ProcessIdentity& identity, const char* variableValue) {
-    // Never freed: the thread quotes it, and the environment's own text is about to be replaced.
-    const char* keptValue = (new std::string(variableValue))->c_str();
-    const Plexum3::Base::AllSignalsBlocked blocked;
-    boost::thread(WatchControllingProcess, identity.pid, identity.creationTime, variable, keptValue)
-        .detach();
-}
-
 void obeyControllingProcess() {
     const char* value = std::getenv(variable);
     if (value == nullptr) {
         return;
     }
-    const std::optional<ProcessIdentity> identity = parseProcessIdentity(value);
-    if (!identity) {
+    std::istringstream stream(value);
+    std::int32_t pid = 0;
+    char separator = 0;
+    boost::chrono::microseconds::rep creationTime = 0;  // since boot
+    stream >> pid >> separator >> creationTime;
+    if (stream.fail()) {
         writeLine(std::string("[BOOTSTRAP] ERROR: Failed to parse value of internal ") + variable +
                   " environment variable: " + quoted(value));
         return;
     }
-    watchInBackground(*identity, value);
+    // Never freed: the thread quotes it, and the environment's own text is about to be replaced.
+    const char* keptValue = (new std::string(value))->c_str();
+    const Plexum3::Base::AllSignalsBlocked blocked;
+    boost::thread(WatchControllingProcess, pid, boost::chrono::microseconds(creationTime), variable,
+                  keptValue)
+        .detach();
 }
 
 void publishThisProcess() {

@@ -11,6 +11,7 @@
 #include <regex>
 #include <vector>
 
+#include "process/Subprocess.h"
 #include "programs/tavrelInfo/Findings.h"
 
 namespace Info {
@@ -39,9 +40,8 @@ std::string whyUnusable(const std::string& folder) {
 }
 
 void addTemporaryFolder(Findings& findings) {
-    const char* const own = std::getenv("TAVREL_TMPDIR");
-    if (own != nullptr && *own != '\0') {
-        findings.add("temporary", std::string(own) + ", which each run deletes at its end");
+    if (const std::string own = firstSet({"TAVREL_TMPDIR"}, ""); !own.empty()) {
+        findings.add("temporary", own + ", which each run deletes at its end");
         return;
     }
     const std::string folder = firstSet({"TMPDIR", "TMP", "TEMP", "TEMPDIR"}, "/tmp");
@@ -122,17 +122,10 @@ void addVariables(Findings& findings) {
     static const std::regex ours(
         "(TAVREL|ZENDRIK|ZKLOGGING|ZKPXR|LD|LC|PYTHON)\\w*|SHOW|SHOT|TMPDIR|TMP|TEMP|TEMPDIR|LANG|"
         "VIRTUAL_ENV");
-    std::vector<std::string> found;
-    for (char** variable = environ; *variable != nullptr; ++variable) {
-        const std::string text = *variable;
-        if (std::regex_match(text.substr(0, text.find('=')), ours)) {
-            found.push_back(text);
+    for (const auto& [name, value] : Plexum3::Base::currentEnvironment()) {
+        if (std::regex_match(name, ours)) {
+            findings.add(name, value);
         }
-    }
-    std::sort(found.begin(), found.end());
-    for (const std::string& text : found) {
-        const std::size_t equals = text.find('=');
-        findings.add(text.substr(0, equals), text.substr(equals + 1));
     }
 }
 

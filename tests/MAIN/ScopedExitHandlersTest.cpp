@@ -21,36 +21,26 @@ void fail(void*) {
 
 }  // namespace
 
-TEST(ScopedExitHandlers, RunsTheLastFirstOnDestruction) {
+TEST(ScopedExitHandlers, RunsTheLastFirstOnDestructionWhateverItsSlot) {
     calls.clear();
     {
         ScopedExitHandlers handlers;
-        EXPECT_EQ(ScopedExitHandlers::instance(), &handlers);
-        handlers.add(record, &one);
-        handlers.add(record, nullptr);
-        handlers.add(record, &three);
+        EXPECT_EQ(handlers.add(record, &one), 0U);
+        EXPECT_EQ(handlers.add(record, &two), 1U);
+        EXPECT_EQ(handlers.add(record, &two), 2U);
+        handlers.remove(0);
+        handlers.remove(1);
+        handlers.remove(1);  // empty already: must not be offered twice
+        handlers.remove(17);
+        EXPECT_EQ(handlers.add(record, &three), 1U);
+        EXPECT_EQ(handlers.add(record, &one), 0U);
+        EXPECT_EQ(handlers.add(record, nullptr), 3U);
+        handlers.runAll();
+        EXPECT_THAT(calls, ElementsAre(0, 1, 3, 2));
+        EXPECT_EQ(handlers.add(record, &three), 3U);
     }
-    EXPECT_THAT(calls, ElementsAre(3, 0, 1));
+    EXPECT_THAT(calls, ElementsAre(0, 1, 3, 2, 3));
     EXPECT_EQ(ScopedExitHandlers::instance(), nullptr);
-}
-
-TEST(ScopedExitHandlers, EmptiedSlotsServeAgainAndDoNotSettleTheOrder) {
-    calls.clear();
-    ScopedExitHandlers handlers;
-    EXPECT_EQ(handlers.add(record, &one), 0U);
-    EXPECT_EQ(handlers.add(record, &two), 1U);
-    EXPECT_EQ(handlers.add(record, &two), 2U);
-    handlers.remove(0);
-    handlers.remove(1);
-    handlers.remove(1);  // empty already: must not be offered twice
-    handlers.remove(17);
-    EXPECT_EQ(handlers.add(record, &three), 1U);
-    EXPECT_EQ(handlers.add(record, &one), 0U);
-    EXPECT_EQ(handlers.add(record, nullptr), 3U);
-    handlers.runAll();
-    handlers.runAll();
-    EXPECT_THAT(calls, ElementsAre(0, 1, 3, 2));
-    EXPECT_EQ(handlers.add(record, &three), 3U);
 }
 
 TEST(ScopedExitHandlers, HandlerMayUseTheObjectThatRunsIt) {
