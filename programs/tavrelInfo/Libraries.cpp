@@ -66,8 +66,9 @@ void addMissing(const Trace& trace, const std::string& consequence, Findings& fi
         findings.wrong(name, "missing" + consequence);
     }
     for (const auto& [symbol, file] : trace.symbols) {
-        findings.wrong(symbol, "exported by no library: " + boost::core::demangle(symbol.c_str()) +
-                                   ", which " + file + " calls" + consequence);
+        std::string text = "exported by no library: ";
+        text.append(boost::core::demangle(symbol.c_str())).append(", which ").append(file);
+        findings.wrong(symbol, text.append(" calls").append(consequence));
     }
     for (const std::string& complaint : trace.complaints) {
         findings.wrong("loader", complaint);

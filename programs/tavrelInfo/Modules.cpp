@@ -44,7 +44,7 @@ std::string findModule(const std::string& root, const std::string& dottedName) {
     const std::string path = boost::replace_all_copy(dottedName, ".", "/");
     for (const std::string& folder : searchPath(root)) {
         for (const char* const ending : endings) {
-            const std::string file = std::string(folder).append("/").append(path).append(ending);
+            std::string file = std::string(folder).append("/").append(path).append(ending);
             std::error_code error;
             if (std::filesystem::is_regular_file(file, error)) {
                 return file;

@@ -120,7 +120,8 @@ void addNames(const std::string& root, const NeededModule& module, const std::st
         std::string lookedInto = file;
         const Presence found = presenceOfUse(root, module, use, lookedInto);
         if (found == Presence::Missing) {
-            findings.wrong(module.name + '.' + use, "not in " + lookedInto + from);
+            findings.wrong(std::string(module.name).append(".").append(use),
+                           std::string("not in ").append(lookedInto).append(from));
             isWhole = false;
         } else if (found == Presence::Unsure) {
             unsure += ' ' + use;
