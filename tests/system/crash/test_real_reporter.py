@@ -57,6 +57,7 @@ ENDS = [
     ("await_go", None),
     ("await_go", WRAPPED),
     ("killed", None),
+    ("stopped", None),  # the standby
     ("leave_child", None),
     ("leave_child", filtered("deny 434")),  # pidfd_open
 ]
@@ -146,10 +147,21 @@ class ReporterTest(CrashTest):
         # The next guardian serves the same crash, under the same name.
         self.assertEqual((crashed.ended.status, len(crashed.reports), crashed.others), (-signal.SIGSEGV, 1, []))
 
-    def test_guardian_is_woken_while_it_finishes_a_report(self):
+    def test_process_is_let_go_while_the_guardian_hangs(self):
+        tree = self.scratch_tree(recorder=False)
+        put_reporter(tree, filtered("hang 293"))  # pipe2, before there is a worker
+        process, _, standby = self.start_waiting(tree, "after_go")
+        process.stdin.write(b"\n")
+        self.assertIn("didn't answer", self.await_line(process.stderr, "CrashReporterTavrel: "))
+        guardian, = set(process_table.running(tree.bin / "CrashReporterTavrel.real")) - {standby}
+        os.kill(guardian, KILL)  # the next one ends as the launcher has
+        self.assertEqual(self.crashed(tree, process).ended.status, -signal.SIGSEGV)
+
+    def test_guardian_and_worker_are_woken_while_they_finish_a_report(self):
         tree = self.scratch_tree(recorder=False)
         # By then the launcher has ended, and with it the channel.
-        put_script(tree, "tavrelFrames", "read -r _ _ _ guardian _ </proc/$PPID/stat\nsleep 0.5\nkill -STOP $guardian")
+        put_script(tree, "tavrelFrames",
+                   "read -r _ _ _ guardian _ </proc/$PPID/stat\nsleep 0.5\nkill -STOP $guardian $PPID")
         self.assertEqual(len(self.crash(tree, "native").reports), 1)  # awaits the end of the reporter
 
     def test_full_pipe_on_standard_error_holds_no_process(self):
@@ -220,7 +232,10 @@ class ReporterTest(CrashTest):
                 tree = self.scratch_tree(recorder=False)
                 if script:
                     put_reporter(tree, script)
-                process, reporter, _ = self.start_waiting(tree, "await_go" if kind == "killed" else kind)
+                process, reporter, standby = self.start_waiting(
+                    tree, "await_go" if kind in ("killed", "stopped") else kind)
+                if kind == "stopped":
+                    os.kill(standby, STOP)
                 if kind == "killed":
                     process.kill()
                 else:
