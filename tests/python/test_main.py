@@ -186,15 +186,6 @@ class EntryScriptTest(unittest.TestCase):
                     self.assertEqual(self.messages(), [("ERROR", error)])
                     del self.records[:]
 
-    def test_specific_warnings_come_before_the_general_filter(self):
-        sys.tavrel_verbosityLevel = 0
-        self.assert_run_ends_with(SystemExit, "^0$", DEFAULT_RENDERER="a")
-        for text in ("The popen2 module is deprecated", "the sets module is deprecated here",
-                     "object.__new__() takes no parameters", "to the log"):
-            warnings.warn(text, DeprecationWarning)
-        (record,) = self.records
-        self.assertEqual((record.name, "to the log" in record.getMessage()), ("py.warnings", True))
-
     def test_settings_follow_configuration_and_machine(self):
         debug = ("Nodes2DAPI.SetRenderDebug", 1)
         logFile = ("Nodes2DAPI.SetRenderLogFile", "/log")

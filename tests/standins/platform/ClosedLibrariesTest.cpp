@@ -1,16 +1,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <unistd.h>
 
-#include "ZkConfiguration/Configuration.h"
 #include "ZkPlexum3/ZkPlexum3.h"
 #include "ZkPlexumSDK/pystring.h"
 
 namespace {
 
 namespace Pystring = Plexum3::internal::pystring_v1;
-using Plexum3::ZkConfiguration::v1::Config;
 using testing::Eq;
 using testing::ExitedWithCode;
 
@@ -48,30 +45,6 @@ TEST(LifeCycle, RefusesEveryCallOutOfOrder) {
     for (const auto& [calls, results] : cases) {
         EXPECT_IN_CHILD(EXPECT_EQ(resultsOf(calls), results) << calls, Eq(""));
     }
-}
-
-void checkSnapshot() {
-    char first[] = "TAVREL_TEST_TWICE=1", second[] = "TAVREL_TEST_TWICE=2";
-    char* twice[] = {first, second, nullptr};
-    environ = twice;
-    setenv("TAVREL_TEST_SET", "a=b", 1);
-    setenv("TAVREL_TEST_EMPTY", "", 1);
-    ASSERT_EQ(ZkPlexum3InitializeMinimally(0), 0);
-    EXPECT_EQ(Config().get("TAVREL_TEST_SET") + Config().get("TAVREL_TEST_TWICE"), "a=b1");
-    setenv("TAVREL_TEST_LATE", "x", 1);
-    Config().set("TAVREL_TEST_SET", "");
-    EXPECT_STREQ(getenv("TAVREL_TEST_SET"), "a=b");
-    for (const char* key :
-         {"TAVREL_TEST_EMPTY", "TAVREL_TEST_ABSENT", "TAVREL_TEST_LATE", "TAVREL_TEST_SET"}) {
-        EXPECT_FALSE(Config().has(key)) << key;
-        EXPECT_EQ(Config().get(key), "");
-    }
-    ZkPlexum3Uninitialize(nullptr);
-    EXPECT_EQ(Config().get("TAVREL_TEST_TWICE"), "");
-}
-
-TEST(Configuration, StartsAsTheEnvironmentAndGoesItsOwnWay) {
-    EXPECT_IN_CHILD(checkSnapshot(), Eq(""));
 }
 
 TEST(Pystring, ReplaceGivesWhatPython37Gives) {
