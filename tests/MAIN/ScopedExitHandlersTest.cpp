@@ -1,4 +1,3 @@
-#include <boost/thread/thread.hpp>
 #include <gmock/gmock.h>
 
 #include <stdexcept>
@@ -41,24 +40,6 @@ TEST(ScopedExitHandlers, RunsTheLastFirstOnDestructionWhateverItsSlot) {
     }
     EXPECT_THAT(calls, ElementsAre(0, 1, 3, 2, 3));
     EXPECT_EQ(ScopedExitHandlers::instance(), nullptr);
-}
-
-TEST(ScopedExitHandlers, HandlerMayUseTheObjectThatRunsIt) {
-    calls.clear();
-    ScopedExitHandlers handlers;
-    const auto registerAnother = [](void* argument) {
-        // From another thread, too: a lock still held would hang here.
-        boost::thread([argument] {
-            ScopedExitHandlers* live = ScopedExitHandlers::instance();
-            calls.push_back(static_cast<int>(live->add(record, argument)));
-            live->remove(0);
-        }).join();
-    };
-    handlers.add(registerAnother, &two);
-    handlers.runAll();
-    EXPECT_THAT(calls, ElementsAre(1));  // a slot of its own, and not run in this round
-    handlers.runAll();
-    EXPECT_THAT(calls, ElementsAre(1, 2));
 }
 
 TEST(ScopedExitHandlers, ExceptionPassesRunAllAndEndsTheProcessFromTheDestructor) {

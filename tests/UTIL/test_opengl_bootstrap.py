@@ -6,7 +6,6 @@ Usage: test_opengl_bootstrap.py CLIENT PROBE-FOLDER
 import os
 import subprocess
 import sys
-import tempfile
 import unittest
 
 sys.path.append(os.path.join(os.path.dirname(os.path.abspath(__file__)), "../system"))
@@ -65,11 +64,6 @@ class OpenGLBootstrap(unittest.TestCase):
         self.assertEqual(self.outcome(LD_LIBRARY_PATH=""), (
             "unusable: libTavrelOpenGLProbe.so: cannot open shared object file: No such file or "
             "directory"))
-        with tempfile.TemporaryDirectory() as folder:
-            broken = folder + "/libGL.so.1"
-            open(broken, "w").close()
-            self.assertEqual(self.outcome(LD_LIBRARY_PATH=folder + ":" + PROBE_FOLDER),
-                             "unusable: %s: file too short" % broken)
 
 
 if __name__ == "__main__":

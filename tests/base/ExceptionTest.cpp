@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <sstream>
 #include <type_traits>
 
@@ -89,36 +88,6 @@ TEST(Exception, ReportShowsOriginDecorationsAndEarlierExceptions) {
                   "      [UserSummary] = b%%(Step)%%\n      [UserTitle] = c%%(Step)%%\n"
                   "    -------\n" +
                   rule);
-}
-
-/// The values of "FilledUserMessage" and "Extra" in the report, each in brackets.
-std::string remembered(const Exception& exception) {
-    static const std::regex line(R"(\[(?:FilledUserMessage|Extra)\] = (.*))");
-    const std::string report = exception.reportText();
-    std::string values;
-    for (std::sregex_iterator found(report.begin(), report.end(), line), end; found != end;
-         ++found) {
-        values += "(" + found->str(1) + ")";
-    }
-    return values;
-}
-
-TEST(Exception, RememberingAgainTakesOverTheOtherList) {
-    Exception newest;
-    newest.rememberPrevious(withMessage("first"));
-    newest.rememberPrevious(withMessage("second"));
-    EXPECT_EQ(remembered(newest), "(second)");
-
-    // Both lists have one element: it is merged, and the value here wins.
-    Exception other = withMessage("third");
-    Exception below = withMessage("below third");
-    below << Number("Extra", 9);
-    other.rememberPrevious(below);
-    newest.rememberPrevious(other);
-    EXPECT_EQ(remembered(newest), "(third)(9)(second)");
-
-    newest.rememberPrevious(newest);
-    EXPECT_EQ(remembered(newest), "()(third)(9)(second)");
 }
 
 }  // namespace

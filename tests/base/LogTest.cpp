@@ -79,17 +79,6 @@ TEST_F(LogTest, EnvironmentSettlesTheLevelOnce) {
     }
 }
 
-TEST(LogChannelNames, EachNameHasOneIdentifierUntilAllAreForgotten) {
-    Log::ChannelNames names;
-    EXPECT_EQ(names.add("a") + 10 * names.add("b") + 100 * names.add("a") + 1000 * names.add(""),
-              121);
-    EXPECT_EQ(names.find("b") + 10 * names.find("none"), 2);
-    EXPECT_EQ(names.name(2) + names.name(3) + names.name(0), "b");
-    names.clear();
-    EXPECT_EQ(names.find("b"), 0);
-    EXPECT_EQ(names.name(1), "");
-}
-
 TEST_F(LogTest, DestinationComesFromTheEnvironment) {
     std::filesystem::create_directories(folder_ / "home/Desktop");
     const std::string home = folder_ / "home";
@@ -124,25 +113,6 @@ TEST_F(LogTest, DestinationComesFromTheEnvironment) {
         EXPECT_EQ(errors, each.standardError);
         EXPECT_EQ(contents(each.created), each.created.empty() ? "" : "one\ntwo\n");
     }
-}
-
-TEST_F(LogTest, FilesAreAppendedToAndReplacedByStreams) {
-    const std::string file = folder_ / "own.log";
-    const std::string unwritable = folder_ / "none/own.log";
-    std::ofstream(file) << "before\n";
-    const std::string errors = errorsOf([&] {
-        Log::hideHeader(Log::Channel{});
-        Log::setFile(file);
-        Log::setFile(unwritable);
-        write(Level::error, Log::file() == file ? "still here" : "lost the file");
-        std::ostringstream own;
-        Log::setStream(&own);
-        write(Level::error, "elsewhere");
-        Log::setStream(nullptr);
-        write(Level::error, own.str() + Log::file());
-    });
-    EXPECT_EQ(contents("own.log"), "before\nstill here\n");
-    EXPECT_EQ(errors, failure(unwritable) + "elsewhere\n\n");
 }
 
 TEST_F(LogTest, HeadersNameApplicationChannelAndLevel) {

@@ -99,11 +99,4 @@ TEST_F(PythonStackLog, KeepsTheModeOfAFileThatALinkLeadsTo) {
     EXPECT_EQ(fs::status("target").permissions(), fs::perms::all);
 }
 
-TEST_F(PythonStackLog, NamesWithoutUtf8FormEndTheTextAndNothingElse) {
-    // An error that the hook left behind would fail the call of len.
-    const std::string text = lastStackOf("exec(compile('len(str())', 'a\\udc80b', 'exec'))\n");
-    EXPECT_TRUE(std::regex_match(text, std::regex("C function call\n-?\\d+ 1 1 <module> ")))
-        << text;
-}
-
 }  // namespace

@@ -260,16 +260,6 @@ TEST_F(SubprocessTest, LaunchesOfManyThreadsKeepTheirPipesApart) {
     EXPECT_EQ(strangers, 0);
 }
 
-TEST_F(SubprocessTest, LastOfEqualKeysInTheEnvironmentCounts) {
-    char entries[][16]{"B=2", "NO_SEPARATOR", "B=3", "A=x=y", "=odd"};
-    char* odd[]{entries[0], entries[1], entries[2], entries[3], entries[4], nullptr};
-    char** const own = std::exchange(environ, odd);
-    const auto environment = currentEnvironment();
-    environ = own;
-    EXPECT_EQ(environment, (std::map<std::string, std::string>{
-                               {"", "odd"}, {"A", "x=y"}, {"B", "3"}, {"NO_SEPARATOR", ""}}));
-}
-
 TEST_F(SubprocessTest, StoppedChildStartsOnlyWhenContinued) {
     for (const int signal : {SIGCONT, SIGKILL}) {
         SubprocessOptions options = shell("exit 7");

@@ -61,40 +61,6 @@ TEST_F(SystemMetricsTest, ProcessorLinesAreSummedByAffinity) {
     }
 }
 
-TEST_F(SystemMetricsTest, ClockIsSoughtInTheFirstBlockOnly) {
-    const std::pair<std::string, std::int64_t> cases[]{
-        {"processor\t: 0\ncpu MHz\t\t: 2445.424\n\ncpu MHz\t\t: 9\n", 2445424128},
-        {"processor\t: 0\nBogoMIPS\t: 50.00\n\nprocessor\t: 1\ncpu MHz\t\t: 2445.424\n", 0},
-        {"cpu MHz\t\t: inf\n", 0},
-        {"cpu MHz\t\t: \ncpu MHz\t\t: 5\n", 0}};
-    for (const auto& [text, hertz] : cases) {
-        std::optional<std::int64_t> found;
-        std::istringstream lines(text);
-        for (std::string line; !found && std::getline(lines, line);) {
-            found = parseCpuInfoLine(line.c_str());
-        }
-        EXPECT_EQ(found.value_or(0), hertz) << text;
-    }
-}
-
-TEST_F(SystemMetricsTest, ForbiddenProcessorsAreNotListed) {
-    cpu_set_t before;
-    ASSERT_EQ(sched_getaffinity(getpid(), sizeof before, &before), 0);
-    const int last = getAllowedCpus().back();
-    cpu_set_t one;
-    CPU_ZERO(&one);
-    CPU_SET(last, &one);
-    sched_setaffinity(getpid(), sizeof one, &one);
-    EXPECT_EQ(getAllowedCpus(), std::vector{last});
-    sched_setaffinity(getpid(), sizeof before, &before);
-}
-
-TEST_F(SystemMetricsTest, OpenDescriptorsAreCounted) {
-    const int before = getOpenDescriptorCount();
-    const ScopedFd another(dup(STDIN_FILENO));
-    EXPECT_EQ(getOpenDescriptorCount(), before + 1);
-}
-
 TEST_F(SystemMetricsTest, StackTimeAndThreadsOfThisProcessAreMeasured) {
     std::uint64_t size = 0;
     std::uint64_t shallow = 0;

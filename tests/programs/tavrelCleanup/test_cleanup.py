@@ -244,13 +244,6 @@ class CleanupTest(CleanupCase):
                 self.assertEqual(result.returncode, 2)
                 self.assert_one_line(result.stderr.decode())
 
-    def test_relative_path_of_a_process_that_has_gone_is_given_up(self):
-        write(self.tree + "/file")
-        status, text = self.delete("tree", cwd=self.scratch)
-        self.assertEqual(status, 1)
-        self.assert_one_line(text, "'tree' is relative to")
-        self.assertTrue(os.path.exists(self.tree + "/file"))
-
     @unittest.skipIf(os.environ.get("TAVREL_SANITIZER"), "a sanitizer takes more memory and descriptors")
     def test_depth_and_width_cost_neither_memory_nor_descriptors(self):
         def build_deep(levels):
