@@ -79,6 +79,7 @@ class CrashesTest(CrashTest):
                 if named:
                     self.assertEqual(thread, crashed.thread)
                 for report in crashed.reports:
+                    self.assertEqual(crashed.dumps[0].read_bytes()[6:8], b"VT")  # the mark of the product
                     text = report.read_text()
                     self.assertIn(f"\nCrashed thread {thread}", text)
                     self.assertRegex(text, f"(?s)\nRun mode:    script\n.*\nSignal:      {number.name}.*{story}")
