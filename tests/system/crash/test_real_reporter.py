@@ -167,7 +167,6 @@ class ReporterTest(CrashTest):
     def test_full_pipe_on_standard_error_holds_no_process(self):
         tree = self.scratch_tree(recorder=False)
         process, _, _ = self.start_waiting(tree, "after_go")
-        (tree.folder / "dumps").rmdir()
         with open(f"/proc/{process.pid}/fd/2", "wb", buffering=0, opener=lambda path, flags: os.open(
                 path, flags | os.O_NONBLOCK)) as error:
             while error.write(b"x"):
